@@ -1,0 +1,136 @@
+// Mutexes, once-controls, thread keys and sleep.
+#include "liblocal/kv_thread.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <sched.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "liblocal/kv_error.h"
+#include "liblocal/kv_mem.h"
+
+struct KVMutexStruct {
+    int refcount;
+    pthread_mutex_t mutex;
+    pid_t creator;
+};
+
+struct KVThreadStorageStruct {
+    pthread_key_t key;
+};
+
+namespace {
+std::atomic<kv_sleep_hook_t> g_sleep_hook{nullptr};
+
+// In a forked child the mutex may be held by a thread that did not survive
+// the fork; the child starts over with a fresh one.
+void kv_mutex_change_pid(KVMutex m) {
+    pthread_mutex_init(&m->mutex, nullptr);
+    m->creator = getpid();
+}
+
+KVError from_rc(int rc) {
+    if (rc == 0) return KV_OK;
+    return kv_error_set_errno(rc);
+}
+}  // namespace
+
+KVMutex kv_mutex_new(void) {
+    KVMutex m = static_cast<KVMutex>(xcalloc(1, sizeof(KVMutexStruct)));
+    if (pthread_mutex_init(&m->mutex, nullptr) != 0) {
+        free(m);
+        return nullptr;
+    }
+    m->refcount = 1;
+    m->creator = getpid();
+    return m;
+}
+
+KVError kv_mutex_lock(KVMutex m) {
+    if (m == nullptr) return KV_EINVAL;
+    if (m->creator != getpid()) kv_mutex_change_pid(m);
+    return from_rc(pthread_mutex_lock(&m->mutex));
+}
+
+KVError kv_mutex_unlock(KVMutex m) {
+    if (m == nullptr) return KV_EINVAL;
+    return from_rc(pthread_mutex_unlock(&m->mutex));
+}
+
+KVError kv_mutex_trylock(KVMutex m) {
+    if (m == nullptr) return KV_EINVAL;
+    if (m->creator != getpid()) kv_mutex_change_pid(m);
+    return from_rc(pthread_mutex_trylock(&m->mutex));
+}
+
+KVError kv_mutex_destroy(KVMutex m) {
+    if (m == nullptr) return KV_EINVAL;
+    // Unlocking a mutex we do not hold is harmless for a default mutex on
+    // Linux only when it is unlocked; trylock first makes the unlock ours.
+    pthread_mutex_trylock(&m->mutex);
+    pthread_mutex_unlock(&m->mutex);
+    if (--m->refcount <= 0) {
+        pthread_mutex_destroy(&m->mutex);
+        free(m);
+    }
+    return KV_OK;
+}
+
+KVError kv_once(KVOnce* oc, KVOnceFunc routine) {
+    if (oc == nullptr || routine == nullptr) return KV_EINVAL;
+    return from_rc(pthread_once(&oc->once, routine));
+}
+
+KVError kv_once_reset(KVOnce* oc) {
+    if (oc == nullptr) return KV_EINVAL;
+    oc->once = PTHREAD_ONCE_INIT;
+    return KV_OK;
+}
+
+KVThreadStorage kv_threadstorage_new(KVDestructorFunc destructor) {
+    KVThreadStorage ts = static_cast<KVThreadStorage>(xcalloc(1, sizeof(KVThreadStorageStruct)));
+    if (pthread_key_create(&ts->key, destructor) != 0) {
+        free(ts);
+        return nullptr;
+    }
+    return ts;
+}
+
+void* kv_threadstorage_get(KVThreadStorage ts) {
+    return ts == nullptr ? nullptr : pthread_getspecific(ts->key);
+}
+
+KVError kv_threadstorage_set(KVThreadStorage ts, void* value) {
+    if (ts == nullptr) return KV_EINVAL;
+    return from_rc(pthread_setspecific(ts->key, value));
+}
+
+KVError kv_threadstorage_destroy(KVThreadStorage ts) {
+    if (ts == nullptr) return KV_EINVAL;
+    pthread_key_delete(ts->key);
+    free(ts);
+    return KV_OK;
+}
+
+KVError kv_thread_sleep(uint32_t milliseconds) {
+    kv_sleep_hook_t hook = g_sleep_hook.load();
+    if (hook != nullptr) return hook(milliseconds);
+    struct timespec ts;
+    ts.tv_sec = milliseconds / 1000;
+    ts.tv_nsec = static_cast<long>(milliseconds % 1000) * 1000000L;
+    if (nanosleep(&ts, nullptr) != 0) return kv_error_set_errno(errno);
+    return KV_OK;
+}
+
+KVError kv_thread_yield(void) {
+    sched_yield();
+    return KV_OK;
+}
+
+int kv_thread_id(void) { return static_cast<int>(syscall(SYS_gettid)); }
+
+kv_sleep_hook_t kv_set_sleep_hook(kv_sleep_hook_t hook) { return g_sleep_hook.exchange(hook); }

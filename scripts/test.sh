@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Runs the whole test suite twice: a plain build, then one under
+# AddressSanitizer and UndefinedBehaviorSanitizer.
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+"$top/scripts/deps.sh"
+jobs=$(nproc 2>/dev/null || echo 2)
+
+"$top/scripts/build.sh" "$top/build/plain" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+"$top/scripts/build.sh" "$top/build/asan" -DCMAKE_BUILD_TYPE=Debug -DZOV_SANITIZE=ON -DZOV_BENCH=OFF
+
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+status=0
+for cfg in plain asan; do
+  echo "== tests ($cfg)"
+  (cd "$top/build/$cfg" && ctest -j "$jobs" --output-on-failure) || status=1
+done
+exit $status
