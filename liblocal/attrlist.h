@@ -6,6 +6,7 @@
 
 #include <stddef.h>
 
+#include "liblocal/kv_list.h"
 #include "liblocal/kv_types.h"
 
 // One value; a node of a singly linked list. `value` is allocated to the
@@ -36,9 +37,11 @@ char* attrlist_getvalue(attrlist* al, char* attrname);
 attrlist* attrlist_setlist(attrlist** alp, const char* name, const vallist* vals);
 void attrlist_free(attrlist* al);
 void attr_elem_free(attrlist* al);
-int attr_cmpname(const attrlist* a, const attrlist* b);
-int attr_cmp(const attrlist* a, const attrlist* b);
-int attr_namecmp(const char* a, const char* b);   // the C_table order on two texts
+// Comparisons take two elements (attrlist*, vallist*) so that they serve
+// the generic list primitives directly (lcfunc_t).
+int attr_cmpname(const void* a, const void* b);   // names in the C_table order
+int attr_cmp(const void* a, const void* b);       // names, then vallist_cmp
+int attr_namecmp(const char* a, const char* b);   // the C_table order on two texts; null is ""
 
 // --- Value calls -----------------------------------------------------------
 vallist* val_new(const char* str);
@@ -47,6 +50,10 @@ vallist* vallist_dup(const vallist* old);
 void vallist_free(vallist* vl);
 void val_free(vallist* v);
 int vallist_addsort_exact(vallist** vlp, const char* str);
+int val_cmp(const void* a, const void* b);        // strcasecmp of two vallist nodes
+int val_cmp_exact(const void* a, const void* b);  // strcmp of two vallist nodes
+int vallist_cmp(const vallist* v1, const vallist* v2);
+int vallist_cmp_exact(const vallist* v1, const vallist* v2);
 
 // Yes/no reading of an attribute's first value (resource client's rule).
 int attr_to_bool(attrlist* attr, int def);
