@@ -5,6 +5,8 @@
 #pragma once
 
 #include <stddef.h>
+#include <stdio.h>
+#include <sys/types.h>
 
 #include "liblocal/kv_list.h"
 #include "liblocal/kv_types.h"
@@ -57,3 +59,105 @@ int vallist_cmp_exact(const vallist* v1, const vallist* v2);
 
 // Yes/no reading of an attribute's first value (resource client's rule).
 int attr_to_bool(attrlist* attr, int def);
+
+// --- Attribute list operations ---------------------------------------------
+// All keep the list sorted by name (C_table order) unless said otherwise.
+// Names and values may be null unless said otherwise.
+
+// Inserts in sorted order. A new attribute gets no value for a null or empty
+// `val`; an existing one gets `val` appended, an empty one too.
+void attrlist_add(attrlist** alp, const char* name, const char* val);
+// As attrlist_add, but a new attribute always gets one value node.
+void attrlist_addempty(attrlist** alp, const char* name, const char* val);
+attrlist* attrlist_addlist(attrlist** alp, char* name, vallist* vals);
+void attrlist_set(attrlist** alp, char* name, char* val);
+int attrlist_replace(attrlist** alp, char* name, char* val);   // 1 when changed
+void attrlist_default(attrlist** alp, char* name, char* val);
+// name, value..., NULL, name, ..., NULL, NULL
+attrlist* attrlist_build(char* args, ...);
+// Merges a copy of *newp into *base; on equal names the base element stays.
+void attrlist_merge(attrlist** newp, attrlist** base);
+void attrlist_merge_or_add(attrlist* newl, attrlist** base);
+void attrlist_append(attrlist* al, attrlist* base);
+attrlist* attrlist_copy(attrlist* al, attrlist* base);
+// REQUIRES: both sorted. Removed elements of *base end up in *newp.
+void attrlist_remove(attrlist** newp, attrlist** base);
+// REQUIRES: both sorted. Elements of *base not named in *newp are freed.
+void attrlist_intersect(attrlist** newp, attrlist** base);
+void attr_delete(attrlist** alp, char* name);
+int attrlist_equal(attrlist* al1, attrlist* al2);
+int attrlist_subset(attrlist* al1, attrlist* al2);
+int attrlist_exact_name_match(attrlist* al1, attrlist* al2);
+int attrlist_match(attrlist* query, attrlist* al);
+int query_match(attrlist* query, attrlist* al);
+int attrlist_hasattr(attrlist* al, const char* name, const char* value);
+int attrlist_hasattr_eitherval(attrlist* al, char* name, char* value1, char* value2);
+int attrlist_hasattr_valmatch(attrlist* al, char* name, vallist* vl);
+int attr_hasval(attrlist* attr, const char* val);   // C_table folded, not strcasecmp
+// Leaves the sorted order: name-merging calls no longer work on the result.
+void attrlist_order(attrlist* order, attrlist** alp);
+void attrlist_sort(attrlist** al);
+
+// --- Text form ---------------------------------------------------------------
+#define ATTR_FLAG_MASK 1          // every value shown as "*******"
+#define ATTR_FLAG_STBUF_NEVER 2   // do not render message buffers
+#define ATTR_FLAG_STBUF_ALWAYS 4  // render message buffers always
+#define ATTR_FLAG_NOPAD 8         // no padding of the name
+
+// Quoted text of one value, in a per-thread buffer the next call overwrites.
+char* val_str(char* vp, int needquote);
+char* val_str_nowrap(char* vp, int needquote);
+// "name: v1, v2;\n" folded at linelen. With getsize, the bytes the text
+// would take (terminator included); else the bytes written.
+ssize_t attr_sprintf(char* buf, ssize_t buflen, ssize_t linelen, attrlist* attr, int needquote,
+                     int getsize, int flags);
+void attr_print(FILE* fp, attrlist* attr, int flags);
+void attrlist_print(FILE* fp, attrlist* attrs);
+size_t attrlist_build_str(attrlist* attrs, char* outbuff, size_t* buff_size);
+void val_print(FILE* fp, vallist* vl);
+void vallist_print(FILE* fp, vallist* vl);
+int vallist_display(FILE* fp, vallist* vl);
+
+// Seams to the message layer used by the text form (attrlist_msg.cpp).
+const char* attr_render_value_stbuf(const char* stbuf);   // per-thread result
+void attr_write_text(FILE* fp, const char* text, size_t len);
+
+// --- Value list operations --------------------------------------------------
+int i18n_val_cmp(const void* a, const void* b);   // strcoll in the locale's form
+vallist* val_new_nosp(char* str);
+void val_update(vallist** vlp, char* value);
+void vallist_add(vallist** vlp, const char* str);
+vallist* vallist_add_tail(vallist** vlp, const char* str);
+void vallist_add2(vallist** vlhp, vallist** vltp, const char* str);
+void vallist_append(vallist** vl_hp, vallist** vl_tp, char* value);
+void vallist_insert(vallist** vlp, const char* str);
+void vallist_pos_insert(vallist** values, char* value, int n);
+int vallist_addsort(vallist** vlp, const char* str);
+int i18n_vallist_addsort(vallist** vlp, const char* str);
+vallist* vallist_find(vallist* vl, const char* val);         // strcasecmp
+vallist* vallist_find_exact(vallist* vl, const char* val);   // strcmp
+vallist* vallist_search_substr(vallist* vl, const char* val);
+int vallist_find_pos(vallist* vl, char* value);
+char* vallist_pos_value(vallist* vl, int pos);
+int vallist_count(vallist* vl);
+int vallist_count_val(vallist* vl, char* value);
+int vallist_delete(vallist** vlp, const char* value);        // strcmp, unlike vallist_find
+void vallist_remove(vallist** vlp, const char* value);
+int vallist_strstart_delete(vallist** vlp, const char* value);
+void vallist_pos_remove(vallist** values, char* value, int n);
+int vallist_sort(vallist** vlp, lcfunc_t cmpfunc, int rm_dups);
+void vallist_merge(vallist* vl, vallist** base);
+void vallist_intersect(vallist* vl, vallist** base);
+vallist* vallist_find_unique(vallist* vals1, vallist* vals2);
+int vallist_diff_apply(vallist* old, vallist* newl, vallist** change, int choice);
+int vallist_match(vallist* qv, vallist* av);
+int vallist_patmatch(vallist* qv, vallist* av);
+vallist* vallist_build(char* args, ...);                     // values up to NULL
+char* vallist_to_csv(vallist* vlp, size_t string_size_limit); // new memory
+vallist* vallist_new_from_csv(char* str);
+
+// Trace of the list family: level and mask of the foundation's trace. Tests
+// and the message layer install the sink; without one nothing is written.
+typedef void (*attr_trace_fn)(int level, unsigned mask, const char* text);
+attr_trace_fn attrlist_set_trace_hook(attr_trace_fn fn);
+void vallist_trace(const char* text);
