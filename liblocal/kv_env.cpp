@@ -30,6 +30,7 @@ struct EnvState {
     std::map<std::string, char*> utf8_cache;       // name -> owned UTF-8 value
     std::vector<char*> keep_list;                  // replaced cache values
     std::vector<char*> added_texts;                // add_to_environment texts
+    std::vector<char*> converted_texts;            // putenv'd locale forms
     char* rendered_path = nullptr;
 };
 
@@ -213,6 +214,7 @@ int kv_putenv(char* string) {
     EnvLock lock;
     EnvState& st = state();
     if (!st.initialised) init_locked();
+    if (text != string) st.converted_texts.push_back(text);
     if (putenv(text) != 0) return -1;
     const char* eq = strchr(string, '=');
     if (eq != nullptr && strlen(string) < 1024) {
