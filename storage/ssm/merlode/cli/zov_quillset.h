@@ -17,6 +17,7 @@
 #include "storage/ssm/client/SSTypes.h"
 #include "storage/ssm/merlode/cli/cmd_pipe.h"
 #include "storage/ssm/merlode/merl_err.h"
+#include "storage/ssm/merlode/merl_globalfuncs.h"
 
 // Name of the storage-group lock file inside the product's tmp directory.
 extern const char* const LOCK_FILE;
@@ -186,12 +187,58 @@ public:
     SSError* processFrameSN(FILE* stream, const std::string& ipaddr);
 
     // --- volume map ---
+    SSError* initVolMap(std::string passSrcDev);
+    // The host device of clone LUN `passCloneSrcNumber` on this host, or "";
+    // PPPseudo 1 when the client's source is a multipath pseudo device.
+    std::string proxyCloneInitVolMap(int passCloneSrcNumber, int PPPseudo);
+    std::string processInitVolMap(FILE* stream, std::string src);
+    std::string processProxyCloneInitVolMap(FILE* stream, int passSrcDev, int isPseudo);
 
     // --- capability and versions ---
+    // 1 configured for COW snapshots, 0 not, -1 unknown.
+    int isSnappable(std::string src);
+    // "" when every source has a snapshot configuration, else one line each.
+    std::string validateSnapConfig(std::list<snapdevice>& sources);
+    SSError* ncli_getSnapshotList();
+    SSError* getVersions(pkgRevision* pkgs, int count);
+    SSError* processGetSourceSnapInfo(FILE* stream, const std::string& ipaddr);
+    SSError* processGetSnapshotList(FILE* stream, const std::string& ipaddr);
+    // `index`: 1 tilloseccli -help, 2 gelmot help, 3 hadrix version, 4 ndu -list.
+    SSError* processVersions(FILE* stream, int index, pkgRevision* pkgs, int count);
 
     // --- sessions ---
+    SSError* startsession(snapdevice& sd);
+    SSError* stopsession(snapdevice& sd);
+    SSError* activatesession(snapdevice& sd);
+    SSError* deactivatesession(snapdevice& sd);
+    SSError* rollbacksession(snapdevice& sd);
+    SSError* refreshSessions();
+    int verifySession(std::string session);
+    SSError* processStart(FILE* stream, const std::string& ipaddr);
+    SSError* processRollback(FILE* stream, const std::string& ipaddr);
+    SSError* processSessionNames(FILE* stream, const std::string& ipaddr);
+    SSError* processDeactivate(FILE* stream, snapdevice& sd);
+    void processActivate(FILE* stream, snapdevice& sd);
 
     // --- storage groups and ports ---
+    // The port list must be read first: it makes the rows that the storage
+    // group list fills.
+    SSError* ncli_portlist();
+    SSError* ncli_storagegrouplist();
+    void add_storagegroup(const std::string& ipaddr, const std::string& deviceName,
+                          const std::string& stgName);
+    void add_hlualu(std::vector<storagegroup>::iterator sg_i, int hlu, int alu);
+    SSError* getStorageGroupLunList(std::string mover, std::vector<std::string>& list);
+    SSError* getStorageGroupUID(std::string host, std::string& uid);
+    // Both hold the host's storage-group file lock across read, choice and change.
+    SSError* addCloneToStorageGroup(std::string gname, int alu);
+    SSError* removeCloneFromStorageGroup(std::string gname, int alu);
+    SSError* processPortList(FILE* stream, const std::string& ipaddr);
+    SSError* processStorageList(FILE* stream, const std::string& ipaddr);
+    SSError* processMoverUID(FILE* stream, const std::string& ipaddr);
+    SSError* processAddHluAlu(FILE* stream, const std::string& ipaddr);
+    SSError* processGetStorageGroupLunList(FILE* stream, const std::string& ipaddr);
+    SSError* processVxdiskScan(FILE* stream);
 
     // --- clones ---
 
