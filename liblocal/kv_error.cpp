@@ -2,7 +2,12 @@
 #include "liblocal/kv_error.h"
 
 #include <errno.h>
+#include <iconv.h>
+#include <langinfo.h>
 #include <netdb.h>
+#include <stdio.h>
+#include <string.h>
+#include <strings.h>
 
 namespace {
 struct LastError {
@@ -63,4 +68,63 @@ void kv_error_clear_last(void) { t_last = LastError(); }
 KVError kv_error_set_errno(int err) {
     kv_error_set_last(KV_ERRKIND_ERRNO, err);
     return kv_error_from_errno(err);
+}
+
+namespace {
+const size_t kStrerrorSize = 1024;
+thread_local char t_strerror_buf[kStrerrorSize];
+
+bool is_utf8_codeset(const char* cs) {
+    return strcasecmp(cs, "UTF-8") == 0 || strcasecmp(cs, "utf8") == 0;
+}
+
+// Converts the locale's text in buf to UTF-8 in place; left as it is when
+// there is nothing to convert or the conversion fails.
+void to_utf8(char* buf, size_t size) {
+    const char* cs = nl_langinfo(CODESET);
+    if (cs == nullptr || *cs == '\0' || is_utf8_codeset(cs)) return;
+    if (strcmp(cs, "646") == 0 || strcmp(cs, "ANSI_X3.4-1968") == 0) cs = "ISO8859-1";
+    iconv_t cd = iconv_open("UTF-8", cs);
+    if (cd == reinterpret_cast<iconv_t>(-1)) return;
+    char out[kStrerrorSize];
+    char* in = buf;
+    size_t inleft = strlen(buf);
+    char* o = out;
+    size_t oleft = sizeof(out) - 1;
+    if (iconv(cd, &in, &inleft, &o, &oleft) != static_cast<size_t>(-1)) {
+        *o = '\0';
+        snprintf(buf, size, "%s", out);
+    }
+    iconv_close(cd);
+}
+}  // namespace
+
+char* kv_strerror(int errnum) {
+    int saved_errno = errno;
+    int kind = 0;
+    int code = kv_error_get_last(&kind);
+    char* buf = t_strerror_buf;
+    if ((errnum & (1 << 28)) != 0) {
+        snprintf(buf, kStrerrorSize, "%s", "Unknown error");
+    } else {
+        char tmp[kStrerrorSize];
+        const char* t = strerror_r(errnum, tmp, sizeof(tmp));
+        snprintf(buf, kStrerrorSize, "%s", t != nullptr ? t : "Unknown error");
+        to_utf8(buf, kStrerrorSize);
+    }
+    kv_error_set_last(kind, code);
+    errno = saved_errno;
+    return buf;
+}
+
+const char* kv_error_get_message(void) {
+    int kind = 0;
+    int code = kv_error_get_last(&kind);
+    if (kind == KV_ERRKIND_GAI) {
+        snprintf(t_strerror_buf, kStrerrorSize, "%s", gai_strerror(code));
+        return t_strerror_buf;
+    }
+    if (kind == KV_ERRKIND_ERRNO) return kv_strerror(code);
+    t_strerror_buf[0] = '\0';
+    return t_strerror_buf;
 }
