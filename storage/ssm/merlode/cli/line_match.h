@@ -1,0 +1,81 @@
+// Small text helpers shared by the output parsers of the volume map, storage
+// group, capability and session code. Stateless; safe on any thread.
+#pragma once
+
+#include <regex.h>
+#include <strings.h>
+#include <unistd.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <string>
+
+#include "storage/ssm/merlode/cli/zov_quillset.h"
+
+namespace zov_text {
+
+// regexec of one table row on a whole line; pm may be null when nothing is
+// captured.
+inline bool rx(const regex_t& re, const std::string& line, regmatch_t* pm = nullptr,
+               size_t npm = 0) {
+    return regexec(&re, line.c_str(), pm ? npm : 0, pm, 0) == 0;
+}
+
+// The text of one capture, or "" for a group that took no part.
+inline std::string rx_group(const std::string& line, const regmatch_t& m) {
+    if (m.rm_so < 0 || m.rm_eo < m.rm_so || (size_t)m.rm_eo > line.size()) return std::string();
+    return line.substr((size_t)m.rm_so, (size_t)(m.rm_eo - m.rm_so));
+}
+
+// RemoveNonprntChars for any text: one made only of blanks and line ends
+// becomes empty instead of reaching the cleaner with nothing to keep.
+inline std::string cleaned(std::string s) {
+    if (s.find_first_not_of(" \t\r\n\v\f") == std::string::npos) return std::string();
+    RemoveNonprntChars(s);
+    return s;
+}
+
+// Everything after the first ':' of a keyed line, cleaned.
+inline std::string value_after_colon(const std::string& line) {
+    size_t c = line.find(':');
+    if (c == std::string::npos) return std::string();
+    return cleaned(line.substr(c + 1));
+}
+
+// A base 10 number that never overflows an int; text without digits is 0.
+inline int to_int(const std::string& s) {
+    long v = strtol(s.c_str(), nullptr, 10);
+    if (v > 0x7fffffffL) return 0x7fffffff;
+    if (v < -0x7fffffffL - 1) return -0x7fffffff - 1;
+    return (int)v;
+}
+
+// sscanf "%i" of a capture into `out`, which keeps its value when the text
+// holds no number (the parsers rely on that).
+inline bool scan_i(const std::string& text, int& out) {
+    int v = 0;
+    if (sscanf(text.c_str(), "%i", &v) != 1) return false;
+    out = v;
+    return true;
+}
+
+// Is `host` this machine: null, "localhost" or this host's name, whole or
+// up to its first dot on either side, ignoring case.
+inline int is_this_host(const char* host) {
+    if (host == nullptr || strcasecmp(host, "localhost") == 0) return 1;
+    char me[256] = {0};
+    if (gethostname(me, sizeof(me) - 1) != 0 || me[0] == '\0') return 0;
+    if (strcasecmp(host, me) == 0) return 1;
+    std::string h(host), m(me);
+    std::string hs = h.substr(0, h.find('.')), ms = m.substr(0, m.find('.'));
+    return (!hs.empty() && strcasecmp(hs.c_str(), ms.c_str()) == 0) ? 1 : 0;
+}
+
+// Do two frame names stand for one machine: the same text, ignoring case.
+inline int same_frame(const char* a, const char* b) {
+    if (a == b) return 1;
+    if (a == nullptr || b == nullptr) return 0;
+    return strcasecmp(a, b) == 0 ? 1 : 0;
+}
+
+}  // namespace zov_text
