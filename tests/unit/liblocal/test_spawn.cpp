@@ -309,6 +309,17 @@ TEST_F(SpawnTest, WorkingDirectory_GivenOrStatus76) {
     EXPECT_EQ(SPAWN_EXEC_FAILED, WEXITSTATUS(bad.status));
 }
 
+TEST_F(SpawnTest, WorkingDirectory_CoreDirectoryPerProgram) {
+    RunOpts o;
+    o.mode = SPAWN_ASYNC | SPAWN_CORESDIR;
+    Result r = run({probe_, "cwd"}, o);
+    ASSERT_EQ(0, r.status);
+    std::string dir = r.out.substr(0, r.out.find('\n'));
+    EXPECT_EQ("/spawn_probe", dir.substr(dir.rfind('/'))) << dir;
+    struct stat st;
+    EXPECT_EQ(0, stat(dir.c_str(), &st));
+}
+
 TEST_F(SpawnTest, Signals_ChildStartsUnblockedWithDefaults) {
     struct sigaction handler {}, ign {}, old_usr1, old_int, old_pipe;
     handler.sa_handler = [](int) {};
