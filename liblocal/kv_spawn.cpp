@@ -41,6 +41,8 @@
 
 #include "liblocal/kv_env.h"
 #include "liblocal/kv_mem.h"
+#include "liblocal/kv_msg.h"
+#include "liblocal/kv_trace.h"
 
 #ifndef SYS_close_range
 #define SYS_close_range 436
@@ -61,17 +63,22 @@ std::atomic<kv_trace_sink_t> g_sink{nullptr};
 
 void vemit(int level, int mask, const char* fmt, va_list ap) {
     kv_trace_sink_t sink = g_sink.load();
-    if (sink == nullptr && level >= 0) return;
+    if (sink == nullptr && level >= 0 && !kv_trace_on(level, static_cast<unsigned long>(mask)))
+        return;
     char buf[4096];
     vsnprintf(buf, sizeof buf, fmt, ap);
     if (sink != nullptr) {
         sink(level, mask, buf);
+    } else if (level >= 0) {
+        kv_trace(level, static_cast<unsigned long>(mask), "%s", buf);
     } else {
         fputs(buf, stderr);
     }
 }
 
-bool tracing() { return g_sink.load() != nullptr; }
+bool tracing(int level = 1, unsigned long mask = 1) {
+    return g_sink.load() != nullptr || kv_trace_on(level, mask);
+}
 
 const char* const kLocaleVars[] = {"LANG",        "LC_CTYPE",    "LC_NUMERIC",
                                    "LC_TIME",     "LC_COLLATE",  "LC_MONETARY",
@@ -444,7 +451,7 @@ char* g_origin = nullptr;
 kv_trace_sink_t kv_spawn_set_trace(kv_trace_sink_t sink) { return g_sink.exchange(sink); }
 
 void kv_spawn_trace(int level, int mask, const char* fmt, ...) {
-    if (!tracing()) return;
+    if (!tracing(level, static_cast<unsigned long>(mask))) return;
     va_list ap;
     va_start(ap, fmt);
     vemit(level, mask, fmt, ap);
@@ -596,7 +603,9 @@ pid_t spawn_as_user(int mode, char** argv, struct pollfd* exfds, nfds_t nfds, in
     }
 
     // 5. The failure text, rendered now: nothing can be rendered in the child.
-    std::string errprefix = std::string("Failed to exec process") + " '" + path + "': ";
+    const char* rendered = render_string(89752, nullptr, "Failed to exec process");
+    std::string errprefix = std::string(rendered ? rendered : "Failed to exec process") + " '" +
+                            path + "': ";
 
     ChildPlan plan;
     memset(static_cast<void*>(&plan), 0, sizeof plan);
@@ -613,7 +622,7 @@ pid_t spawn_as_user(int mode, char** argv, struct pollfd* exfds, nfds_t nfds, in
     plan.errprefix = errprefix.c_str();
     plan.errprefix_len = errprefix.size();
     plan.errfd = fileno(stderr);  // 6. the standard error of the stream
-    plan.trace_dup2 = tracing();
+    plan.trace_dup2 = tracing(2, 0);
     plan.user = user;
     long gmax = sysconf(_SC_NGROUPS_MAX);
     plan.ngroups_max = gmax > 0 ? static_cast<int>(gmax) : 65536;
@@ -713,8 +722,9 @@ const char* signal_to_str(int sig) {
     case SIGCHLD: return "SIGCHLD";
     default: break;
     }
-    thread_local char buf[32];
-    snprintf(buf, sizeof buf, "Signal %d", sig);
+    thread_local char buf[64];
+    const char* r = render_string(81474, nullptr, "Signal %d", ARG_INT, inttostr(sig));
+    snprintf(buf, sizeof buf, "%s", r ? r : "Signal");
     return buf;
 }
 

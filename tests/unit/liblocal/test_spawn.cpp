@@ -511,3 +511,29 @@ TEST(SpawnNames, SignalAndExceptionTexts) {
 }
 
 }  // namespace
+
+namespace {
+
+std::vector<std::string> g_trace;
+void collect_trace(int level, int, const char* text) {
+    if (level >= 0) g_trace.push_back(text);
+}
+
+TEST(SpawnTrace, StartWaitAndReapAreTraced) {
+    kv_trace_sink_t old = kv_spawn_set_trace(collect_trace);
+    g_trace.clear();
+    Argv a({"/nonexistent/tool"});
+    int devnull = open("/dev/null", O_WRONLY);
+    int dupfds[3] = {-1, devnull, devnull};
+    EXPECT_EQ(-1, spawn(SPAWN_WAIT, a.get(), nullptr, 0, dupfds, nullptr));
+    close(devnull);
+    kv_spawn_set_trace(old);
+    ASSERT_EQ(4u, g_trace.size());
+    EXPECT_EQ(0u, g_trace[0].rfind("/nonexistent/tool started, pid ", 0));
+    EXPECT_EQ(0u, g_trace[1].rfind("/nonexistent/tool waiting, pid ", 0));
+    EXPECT_EQ(0u, g_trace[2].rfind("waitchild reaped, pid ", 0));
+    EXPECT_EQ(0u, g_trace[3].rfind("/nonexistent/tool terminated abnormally, pid ", 0));
+    EXPECT_NE(std::string::npos, g_trace[3].find(", exit status 76\n"));
+}
+
+}  // namespace
