@@ -1,6 +1,7 @@
 // SCSI commands of the frame: default set-up of a command, running it and
 // turning its status into a drive status, and the two commands that need no
 // tape, INQUIRY and the caller's own CDB.
+#include <stdio.h>
 #include <string.h>
 
 #include "drivers/cdi/cdi_os.h"
@@ -48,9 +49,10 @@ bool immediate_command(CDI_INFOP cdi_info) {
 void set_drive_status(CDI_INFOP cdi_info, int drive_status) {
     cdi_info->drivestat.status = drive_status;
     if (drive_status >= 0 && drive_status < CDI_DRIVE_STAT_COUNT) {
-        strncpy(cdi_info->drivestat.msg, cdi_drive_stat_messages[drive_status],
-                sizeof cdi_info->drivestat.msg - 1);
-        cdi_info->drivestat.msg[sizeof cdi_info->drivestat.msg - 1] = '\0';
+        const char* text = cdi_drive_stat_messages[drive_status];
+        size_t n = strnlen(text, CDI_MSG_SLOT_LEN - 1);
+        memcpy(cdi_info->drivestat.msg, text, n);
+        cdi_info->drivestat.msg[n] = '\0';
     }
 }
 
