@@ -278,7 +278,7 @@ TEST_F(CdiCmd, GuardsAndUnreachableCommands) {
     }
     EXPECT_EQ(ci.scmd.scmd_status, 255);
     EXPECT_EQ(ci.drivestat.status, 19);
-    free(ci.path.device_file);
+    cdi_free_cdi_info(&ci, 0);
 }
 
 TEST_F(CdiCmd, CommandsWithoutHandlerAreUnsupported) {
