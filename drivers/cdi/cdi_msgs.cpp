@@ -8,10 +8,6 @@
 #include "drivers/cdi/cdi_priv.h"
 #include "liblocal/kv_msg.h"
 
-// The message layer is not linked into every user of the device interface
-// (small tools, the unit tests); without it the English text is used as is.
-extern char* msg_lit_create(int msgID, const char* form) __attribute__((weak));
-
 char cdi_stat_messages[CDI_STAT_SLOTS][CDI_MSG_SLOT_LEN];
 char cdi_drive_stat_messages[CDI_DRIVE_STAT_COUNT][CDI_MSG_SLOT_LEN];
 
@@ -129,11 +125,8 @@ int drive_msg_id(int index) {
 
 // A slot holds at most 125 characters, whatever the catalogue returns.
 void fill_slot(char* slot, int id, const char* text) {
-    const char* t = text;
-    if (msg_lit_create) {
-        const char* lit = msg_lit_create(id, text);
-        if (lit) t = lit;
-    }
+    const char* t = msg_lit_create(id, text);
+    if (!t) t = text;
     strncpy(slot, t, 125);
     slot[125] = '\0';
 }
