@@ -398,6 +398,42 @@ TEST_F(SpawnTest, Environment_LocaleVariablesFollowTheProcess) {
     EXPECT_TRUE(r.has_line("DMAP_ROOT_PATH=/srv/dmap")) << r.out;
 }
 
+TEST_F(SpawnTest, Environment_PathUnsetOrCompleteReachesChildAsIs) {
+    std::string old = getenv("PATH") ? getenv("PATH") : "";
+    unsetenv("PATH");
+    kv_env_init_from_environ();
+    Result none = run({probe_, "env"});
+    setenv("PATH", old.c_str(), 1);
+    kv_env_init_from_environ();
+    for (auto& l : none.lines()) EXPECT_NE(0u, l.rfind("PATH=", 0)) << l;
+
+    std::string full = "PATH=/usr/sbin:/usr/bin:/etc:/sbin:/bin";
+    char* envp[] = {&full[0], nullptr};
+    RunOpts o;
+    o.envp = envp;
+    Result r = run({probe_, "env"}, o);
+    int count = 0;
+    for (auto& l : r.lines())
+        if (l.rfind("PATH=", 0) == 0) {
+            ++count;
+            EXPECT_EQ(full, l);
+        }
+    EXPECT_EQ(1, count);
+}
+
+TEST_F(SpawnTest, Descriptors_ClosedSourceInDupfdsetEndsChildWith76) {
+    int closed = open("/dev/null", O_RDONLY);
+    close(closed);
+    Argv a({probe_, "lines"});
+    int dupfds[3] = {-1, closed, -1};
+    pid_t pid = spawn(SPAWN_ASYNC, a.get(), nullptr, 0, dupfds, nullptr);
+    ASSERT_GT(pid, 0);
+    int st;
+    ASSERT_EQ(pid, waitchild(pid, &st, 0));
+    ASSERT_TRUE(WIFEXITED(st));
+    EXPECT_EQ(SPAWN_EXEC_FAILED, WEXITSTATUS(st));
+}
+
 TEST_F(SpawnTest, UserContext_ChildRunsAsAccount) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root";
     void* ctx = build_spawn_user_context("no-such-user-here");
