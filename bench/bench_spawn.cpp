@@ -54,21 +54,22 @@ Child& child() {
 
 // Makes or drops the 4 GiB, so that small and large runs can interleave
 // (--benchmark_enable_random_interleaving) and share the machine's noise.
-void ensure_ballast(bool large) {
+bool ensure_ballast(bool large) {
     static char* ballast = nullptr;
     if (!large) {
         if (ballast != nullptr) munmap(ballast, kBallast);
         ballast = nullptr;
-        return;
+        return true;
     }
-    if (ballast != nullptr) return;
+    if (ballast != nullptr) return true;
     void* m = mmap(nullptr, kBallast, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (m == MAP_FAILED) return;
+    if (m == MAP_FAILED) return false;
     // Small pages, as a long-lived heap mostly is: the page tables are what
     // a fork has to copy.
     madvise(m, kBallast, MADV_NOHUGEPAGE);
     memset(m, 1, kBallast);
     ballast = static_cast<char*>(m);
+    return true;
 }
 
 // Reads the child's lines and returns their count.
@@ -102,7 +103,10 @@ void check(benchmark::State& state, pid_t pid, int lines) {
 }
 
 void BM_Spawn(benchmark::State& state) {
-    ensure_ballast(state.range(0) != 0);
+    if (!ensure_ballast(state.range(0) != 0)) {
+        state.SkipWithError("no memory for the 4 GiB ballast");
+        return;
+    }
     char** argv = child().argv.data();
     double start_us = 0;
     for (auto _ : state) {
@@ -120,7 +124,10 @@ void BM_Spawn(benchmark::State& state) {
 }
 
 void BM_PosixSpawn(benchmark::State& state) {
-    ensure_ballast(state.range(0) != 0);
+    if (!ensure_ballast(state.range(0) != 0)) {
+        state.SkipWithError("no memory for the 4 GiB ballast");
+        return;
+    }
     char** argv = child().argv.data();
     double start_us = 0;
     for (auto _ : state) {
@@ -145,7 +152,10 @@ void BM_PosixSpawn(benchmark::State& state) {
 }
 
 void BM_ForkExec(benchmark::State& state) {
-    ensure_ballast(state.range(0) != 0);
+    if (!ensure_ballast(state.range(0) != 0)) {
+        state.SkipWithError("no memory for the 4 GiB ballast");
+        return;
+    }
     char** argv = child().argv.data();
     double start_us = 0;
     for (auto _ : state) {

@@ -499,6 +499,32 @@ TEST_F(SpawnTest, Threads_ConcurrentSpawnsSeeOnlyTheirOwnPipes) {
     EXPECT_EQ(0, bad.load());
 }
 
+TEST_F(SpawnTest, Threads_EnvironmentChangesWhileSpawning) {
+    // Assignments land while other threads copy the saved ones: each child
+    // sees one whole value of the variable, never a torn or missing one.
+    static char values[2][64] = {"ZOV_SPAWN_RACE=aaaaaaaaaaaaaaaa", "ZOV_SPAWN_RACE=bbbbbbbbbbbbbbbb"};
+    ASSERT_EQ(0, kv_putenv(values[0]));
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        for (int i = 0; !stop; ++i) {
+            kv_putenv(values[i & 1]);
+            const char* v = kv_getenv("ZOV_SPAWN_RACE");
+            if (v == nullptr || strlen(v) != 16) ADD_FAILURE() << "torn value";
+        }
+    });
+    int bad = 0;
+    for (int i = 0; i < 20; ++i) {
+        Result r = run({probe_, "env"});
+        int seen = 0;
+        for (auto& l : r.lines())
+            if (l == values[0] || l == values[1]) ++seen;
+        if (seen != 1) ++bad;
+    }
+    stop = true;
+    writer.join();
+    EXPECT_EQ(0, bad);
+}
+
 TEST_F(SpawnTest, BadArguments_RefusedBeforeAnyChild) {
     EXPECT_EQ(-1, spawn(SPAWN_ASYNC, nullptr, nullptr, 0, nullptr, nullptr));
     EXPECT_EQ(EINVAL, errno);
