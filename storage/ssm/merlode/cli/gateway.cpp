@@ -1,0 +1,406 @@
+// The gateway of zov_quillset: construction, init with the expression table,
+// the walk over frame addresses (perIpAddr), the line reader, host address
+// lookup and the storage-group lock file.
+#include "storage/ssm/merlode/cli/zov_quillset.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <exception>
+
+#include "liblocal/kv_file.h"
+#include "liblocal/kv_lock.h"
+#include "liblocal/kv_msg.h"
+#include "liblocal/kv_print.h"
+#include "liblocal/kv_spawn.h"
+#include "liblocal/kv_thread.h"
+#include "storage/ssm/merlode/cli/gw_internal.h"
+
+static const char* const kFile = "storage/ssm/merlode/cli/gateway";
+
+const char* const LOCK_FILE = "vmr_merlode_access.lck";
+const char* const CONFIGWIZARD = "CONFIGWIZARD";
+
+// The rows are cited by number across the command layer: never reorder,
+// never drop a row even when nothing consults it. Compiled with
+// REG_EXTENDED only, so "^" anchors at the start of the text and "\n" must
+// be a real line feed in the text.
+static const char* const kPatterns[ZOV_QUILLSET_NUM_REGEX] = {
+    /* 0 */ "HBA UID:[[:space:]]+([^[:space:]].*)\n",
+    /* 1 */ "Server Name:[[:space:]]+([^[:space:]].*)\n",
+    /* 2 */ "Server IP Address:[[:space:]]+([^[:space:]].*)\n",
+    /* 3 */ "Information about each port of this HBA:",
+    /* 4 */ "Information about each HBA:",
+    /* 5 */ "[[:space:]]*HBA Devicename:[[:space:]]+([^[:space:]].*)\n",
+    /* 6 */ "StorageGroup Name:[[:space:]]+([^[:space:]].*)\n",
+    /* 7 */ "Storage Group Name:[[:space:]]+([^[:space:]].*)\n",
+    /* 8 */ "HLU Number[[:space:]]+ALU Number",
+    /* 9 */ "-+[[:space:]]+-+",
+    /* 10 */ "^\\s+(\\w+)\\s+(\\w+)",
+    /* 11 */ "Shareable:[[:space:]]+",
+    /* 12 */ "Target Logical Unit:[[:space:]]+([[:digit:]]+)",
+    /* 13 */ "Quillset logical unit name:[[:space:]]+([^[:space:]].*)\n",
+    /* 14 */ "^Hostname",
+    /* 15 */ "^--------",
+    /* 16 */ "^[^[:space:]]+[[:space:]]+([^[:space:]].+)\n",
+    /* 17 */ "^Pseudo name=([^[:space:]]+(.*))\n",
+    /* 18 */ "\\w+\\s+\\w+\\s+(\\w+)\\s+\\w+\\s+\\w+\\s+(\\w+)\\s+(\\w+)",
+    /* 19 */ "Name of the session:[[:space:]]+([^[:space:]].*)\n",
+    /* 20 */ "Name of the.+:[[:space:]]+([^[:space:]]+)\n",
+    /* 21 */ "Revision of.+:[[:space:]]+([_\\.[:digit:]]+)\n",
+    /* 22 */ "Activated session.+on device ([^[:space:]]+)\\.\n",
+    /* 23 */ "^You must activate a snapshot",
+    /* 24 */ "^Stopped session",
+    /* 25 */ "^Deactivated session",
+    /* 26 */ "(/devices/.+/atf@[[:digit:]]+),([[:digit:]]+):",
+    /* 27 */ "^c([[:digit:]]+)t([ABCDEFabcdef0123456789]+)d([[:digit:]]+)",
+    /* 28 */ "^c([[:digit:]]+)t([ABCDEFabcdef0123456789]+)d([[:digit:]]+)",
+    /* 29 */ "^Flushed object",
+    /* 30 */ "Revision (.+)",
+    /* 31 */ "Revision number: (.+)\n",
+    /* 32 */ "ZOV hadrix for Hadripath \\(c\\) Version (.+)\n",
+    /* 33 */ "Commit Required:[[:space:]]+([^[:space:]]+)\n",
+    /* 34 */ "Active State:[[:space:]]+([^[:space:]]+)\n",
+    /* 35 */ "Name:[[:space:]]+(.*)\n",
+    /* 36 */ "CloneID:[[:space:]]+([^[:space:]]+)\n",
+    /* 37 */ "CloneGroupUid:[[:space:]]+([^[:space:]]+)\n",
+    /* 38 */ "CloneState:[[:space:]]+([^[:space:]]+)",
+    /* 39 */ "AvailableForIO:[[:space:]]+([^[:space:]]+)",
+    /* 40 */ "Sources:[[:space:]]+([[:digit:]]+)",
+    /* 41 */ "Agent Rev:[[:space:]]+([^[:space:]]+)\n",
+    /* 42 */ "Sources[[:digit:]]+",
+    /* 43 */ "Clones:[[:space:]]+",
+    /* 44 */ "CloneCondition:[[:space:]]+([^[:space:]].*)",
+    /* 45 */ "IsFractured:[[:space:]]+([^[:space:]].*)",
+    /* 46 */ ".+(failed).+",
+    /* 47 */ "Logical device ID=([0-9A-Z]*)",
+    /* 48 */ "CloneLUNs:[[:space:]]+([^[:space:]]+)\n",
+    /* 49 */ "Array Name:[[:space:]]+([^[:space:]]+)",
+    /* 50 */ "LOGICAL UNIT NUMBER[[:space:]]+([[:digit:]]*)",
+    /* 51 */ "UID:[[:space:]]+(.*)",
+    /* 52 */ "(.*)[ \t]*=>([(.*)])",
+    /* 53 */ "SyncRate:[[:space:]]+(.+)",
+    /* 54 */ "CloneLUNWWNs:[[:space:]]+([^[:space:]]+)",
+    /* 55 */ "Storage Group UID:[[:space:]]+([^[:space:]].*)",
+    /* 56 */ "Host name:[ \t]*(.*)",
+    /* 57 */ "HLU No.",
+    /* 58 */ "[[:space:]]([[:digit:]]*)[ \t]+[0-9A-F:]+.+\n",
+};
+
+const char* zov_quillset_pattern(int index) {
+    if (index < 0 || index >= ZOV_QUILLSET_NUM_REGEX) return nullptr;
+    return kPatterns[index];
+}
+
+// ---------------------------------------------------------------- helpers
+
+std::string gw_strerror(int errnum) {
+    int saved = errno;
+    char buf[1024];
+    buf[0] = '\0';
+    // GNU strerror_r may return a static text instead of filling buf.
+    const char* text = strerror_r(errnum, buf, sizeof(buf));
+    std::string out(text != nullptr ? text : "Unknown error");
+    errno = saved;
+    return out;
+}
+
+std::string gw_format_one(const std::string& format, const char* arg) {
+    std::string out;
+    bool used = false;
+    for (size_t i = 0; i < format.size(); i++) {
+        char c = format[i];
+        if (c == '%' && i + 1 < format.size()) {
+            char n = format[i + 1];
+            if (n == '%') {
+                out += '%';
+                i++;
+                continue;
+            }
+            if (n == 's' && !used && arg != nullptr) {
+                out += arg;
+                used = true;
+                i++;
+                continue;
+            }
+        }
+        out += c;
+    }
+    return out;
+}
+
+// ---------------------------------------------------------------- object
+
+zov_quillset::zov_quillset(SSLOG_FUNC_POINTER fpLog, void* logCtx)
+    : m_volMapInited(0),
+      m_e(fpLog, logCtx),
+      m_fpLog(fpLog),
+      m_logCtx(logCtx),
+      m_attrlist(nullptr),
+      m_cpCompiled(0) {
+    memset(m_cp, 0, sizeof(m_cp));
+}
+
+zov_quillset::~zov_quillset() {
+    for (int i = 0; i < m_cpCompiled; i++) regfree(&m_cp[i]);
+    m_cpCompiled = 0;
+    // Children of the pipe form whose output the caller has read by now.
+    for (int pid : m_pipeChildren) {
+        int status = 0;
+        waitchild(pid, &status, 0);
+    }
+}
+
+SSError* zov_quillset::init(std::vector<std::string>& ipaddrs, attrlist* attrs) {
+    static const char* const fname = "zov_quillset::constructor";
+
+    m_ipaddrlist = ipaddrs;
+    std::sort(m_ipaddrlist.begin(), m_ipaddrlist.end());
+    m_ipaddrlist.erase(std::unique(m_ipaddrlist.begin(), m_ipaddrlist.end()), m_ipaddrlist.end());
+
+    // A repeated init starts from a clean table instead of leaking the old one.
+    for (int i = 0; i < m_cpCompiled; i++) regfree(&m_cp[i]);
+    m_cpCompiled = 0;
+    for (int i = 0; i < ZOV_QUILLSET_NUM_REGEX; i++) {
+        int rc = regcomp(&m_cp[i], kPatterns[i], REG_EXTENDED);
+        if (rc != 0) {
+            char reg_err[1024];
+            regerror(rc, &m_cp[i], reg_err, sizeof(reg_err));
+            m_e.logprintf(1, kFile, __LINE__, "%s", reg_err);
+            return m_e.generr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
+                              "%s: Failed to compile regular expression #%d, reg_err: %d", fname,
+                              i, rc);
+        }
+        m_cpCompiled = i + 1;
+    }
+
+    m_volMapInited = 0;
+    m_attrlist = attrs;
+
+    if (GetTilloCliExe().empty())
+        return m_e.tellerrLvl(5, kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
+                              "%s: Unable to locate %s in standard locations.", fname, "tillocli");
+    return nullptr;
+}
+
+// ---------------------------------------------------------------- frames
+
+SSError* zov_quillset::perIpAddr(bool TilSuccess, POUTPUT_FUNC_POINTER processOutput,
+                                 const std::string& command, const std::string& args,
+                                 std::vector<std::string> m_ipaddrlistTemp) {
+    // A copy, so that a parser may purge m_ipaddrlist during the walk.
+    std::vector<std::string> frameIpVector =
+        !m_ipaddrlistTemp.empty() ? m_ipaddrlistTemp : m_ipaddrlist;
+    SSError* err = nullptr;
+
+    for (const std::string& ipaddr : frameIpVector) {
+        // Only the last frame's error is handed back; an earlier one (which
+        // can only be left over under TilSuccess) is dropped.
+        delete err;
+        err = nullptr;
+        std::string fullcmd;
+        try {
+            fullcmd = command + " -h " + ipaddr + args;
+        } catch (const std::exception& ex) {
+            errinfo* m = msg_create(0, 55000, "Exception caught while generating command - %s",
+                                    ARG_TEXT, ex.what());
+            m_e.logprintf(3, kFile, __LINE__, " Exiting. %s",
+                          m != nullptr && m->errstr != nullptr ? m->errstr : ex.what());
+            msg_free(m);
+            return nullptr;
+        }
+
+        Pipe pipe(m_fpLog, m_logCtx);
+        err = pipe.init();
+        if (err != nullptr) return err;
+
+        int pid = -1;
+        // The line is a format to the spawner; a percent sign in a name must
+        // not become a conversion that reads a missing argument.
+        err = esv_spawn(&pipe, &pid, "%s", gw_format_one(fullcmd, nullptr).c_str());
+        if (err != nullptr) return err;
+
+        pipe.pclose(pipe.getwrite_fd());
+        FILE* stream = pipe.getread_strm();
+        m_e.logprintf(9, kFile, __LINE__, "%s: ip addr [%s]", "perIpAddr", ipaddr.c_str());
+
+        if (stream != nullptr) err = (this->*processOutput)(stream, ipaddr);
+        // A parser that stopped early must not leave the child blocked on a
+        // full pipe: closing the read end lets it end before we wait.
+        pipe.pclose(pipe.getread_fd());
+        int wstatus = 0;
+        waitchild(pid, &wstatus, 0);
+
+        if (TilSuccess ? err == nullptr : err != nullptr) break;
+    }
+    return err;
+}
+
+SSError* zov_quillset::perIpAddr(Pipe& pipe, const char* command,
+                                 std::vector<std::string> m_ipaddrlistTemp) {
+    reapPipeChildren();
+    std::vector<std::string> frames = !m_ipaddrlistTemp.empty() ? m_ipaddrlistTemp : m_ipaddrlist;
+    for (const std::string& ipaddr : frames) {
+        std::string text = gw_format_one(command != nullptr ? command : "", ipaddr.c_str());
+        int pid = -1;
+        SSError* err = esv_spawn(&pipe, &pid, "%s", text.c_str());
+        if (err != nullptr) return err;
+        m_pipeChildren.push_back(pid);
+    }
+    return nullptr;
+}
+
+void zov_quillset::reapPipeChildren() {
+    for (int pid : m_pipeChildren) {
+        int status = 0;
+        waitchild(pid, &status, 0);
+    }
+    m_pipeChildren.clear();
+}
+
+int zov_quillset::rxmatch(int index, const std::string& text, size_t nmatch,
+                          regmatch_t* pmatch) {
+    if (index < 0 || index >= m_cpCompiled) return REG_NOMATCH;
+    return regexec(&m_cp[index], text.c_str(), nmatch, pmatch, 0);
+}
+
+std::string rxgroup(const std::string& text, const regmatch_t& m) {
+    if (m.rm_so < 0 || m.rm_eo < m.rm_so || static_cast<size_t>(m.rm_eo) > text.size())
+        return std::string();
+    return text.substr(m.rm_so, m.rm_eo - m.rm_so);
+}
+
+// ---------------------------------------------------------------- lines
+
+int zov_quillset::lfgets(std::string& buf, FILE* stream) {
+    buf.clear();
+    if (stream == nullptr) return 0;
+    char line[1024];
+    for (int attempt = 0; attempt <= 10; attempt++) {
+        memset(line, 0, sizeof(line));
+        errno = 0;
+        if (kv_fgets(line, sizeof(line), stream) != nullptr) {
+            buf = line;
+            return 1;
+        }
+        if (feof(stream)) return 0;
+        if (errno != EINTR) return 0;
+        if (attempt == 10) break;
+        clearerr(stream);
+        kv_thread_sleep(1000);
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------- hosts
+
+int zov_quillset::getIpAddr(std::string hostname, std::string& ipaddr) {
+    static const char* const kUnresolved =
+        "ERROR: hostname [%s] cannot be resolved to an IP Address. The system host settings "
+        "must be corrected.";
+    m_e.logprintf(9, kFile, __LINE__, "Getting IP for [%s]", hostname.c_str());
+
+    struct addrinfo hints;
+    memset(&hints, 0, sizeof(hints));
+    hints.ai_flags = AI_CANONNAME;
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_protocol = IPPROTO_TCP;
+    struct addrinfo* res = nullptr;
+    if (getaddrinfo(hostname.c_str(), nullptr, &hints, &res) != 0 || res == nullptr) {
+        m_e.logprintf(3, kFile, __LINE__, kUnresolved, hostname.c_str());
+        if (res != nullptr) freeaddrinfo(res);
+        return -1;
+    }
+
+    char buf[46];
+    buf[0] = '\0';
+    for (struct addrinfo* ai = res; ai != nullptr; ai = ai->ai_next) {
+        buf[0] = '\0';
+        if (ai->ai_family == AF_INET6) {
+            m_e.logprintf(9, kFile, __LINE__, "Notice: Skipping IPv6 on hostname [%s]",
+                          hostname.c_str());
+            continue;
+        }
+        if (ai->ai_family == AF_INET && ai->ai_addr != nullptr)
+            inet_ntop(AF_INET, &reinterpret_cast<struct sockaddr_in*>(ai->ai_addr)->sin_addr, buf,
+                      sizeof(buf));
+        if (strcmp(buf, "::1") == 0 || strcmp(buf, "127.0.0.1") == 0) {
+            m_e.logprintf(9, kFile, __LINE__,
+                          "Notice: On hostname [%s] skipping loop-back address [%s].",
+                          hostname.c_str(), buf);
+            continue;
+        }
+        if (buf[0] == '\0') {
+            m_e.logprintf(9, kFile, __LINE__, "Notice: On hostname [%s] skipping empty IP address.",
+                          hostname.c_str());
+            continue;
+        }
+        m_e.logprintf(9, kFile, __LINE__, "[%s] = [%s].", hostname.c_str(), buf);
+        break;
+    }
+    freeaddrinfo(res);
+
+    if (buf[0] != '\0' && strcmp(buf, "::1") != 0 && strcmp(buf, "127.0.0.1") != 0) {
+        ipaddr = buf;
+        return 0;
+    }
+    // Callers go on with the name itself.
+    ipaddr = hostname;
+    m_e.logprintf(3, kFile, __LINE__, kUnresolved, hostname.c_str());
+    return -1;
+}
+
+// ---------------------------------------------------------------- lock file
+
+static std::string g_lockdir_override;
+
+void zov_quillset_set_lockdir_for_test(const char* dir) {
+    g_lockdir_override = dir != nullptr ? dir : "";
+}
+
+static std::string lock_path() {
+    const std::string dir = g_lockdir_override.empty() ? "/vmr/tmp" : g_lockdir_override;
+    char path[12288];
+    snprintf(path, sizeof(path), "%s/%s", dir.c_str(), LOCK_FILE);
+    return path;
+}
+
+int zov_quillset::set_file_lock(int nonblocking) {
+    std::string path = lock_path();
+    // Logged before anything is locked: it only says where the lock lives.
+    m_e.logprintf(5, kFile, __LINE__, "set_file_lock() : SUCCESS !!!!! lock file is [%s]. ",
+                  path.c_str());
+    int fd = kv_open(path.c_str(), O_RDWR | O_CREAT, 0644, 0);
+    if (fd < 0)
+        m_e.logprintf(3, kFile, __LINE__, "set_file_lock : failed to open lock file [%s]",
+                      path.c_str());
+    int rc = -1;
+    if (fd >= 0) rc = nonblocking ? kv_trylockfile(fd, KV_LOCK_EXCLUSIVE)
+                                  : kv_lockfile(fd, KV_LOCK_EXCLUSIVE);
+    if (fd < 0 || rc != 0) {
+        m_e.logprintf(3, kFile, __LINE__, "set_file_lock : cannot acquire lock");
+        // A lock that failed leaves its descriptor open; the caller has no
+        // way to release it, so it is not kept.
+        if (fd >= 0) close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+void zov_quillset::set_file_unlock(int fd) {
+    m_e.logprintf(5, kFile, __LINE__, "Entering : set_file_unlock");
+    std::string path = lock_path();
+    if (fd >= 0) {
+        kv_unlockfile(fd);
+        kv_unlink(path.c_str());
+    }
+    if (fd >= 0) close(fd);
+    m_e.logprintf(5, kFile, __LINE__, "exiting : set_file_unlock ");
+}
