@@ -10,10 +10,7 @@
 #include "liblocal/kv_error.h"
 #include "liblocal/kv_mem.h"
 #include "liblocal/kv_msg.h"
-
-// Weak, so that programs that tokenize without the message library still
-// link; the error path then reports through the last error alone.
-extern errinfo* msg_create(int msgID, int errnum, const char* form, ...) __attribute__((weak));
+#include "liblocal/kv_trace.h"
 
 size_t kv_strlcpy(char* dst, const char* src, const size_t siz) {
     if (src == nullptr) src = "";
@@ -297,7 +294,10 @@ errinfo* tokenize(char* line, int* numtokens, char*** tokens_ppp, char* ifs_p, i
             while (*cp != '\0' && !is_sep(*cp)) ++cp;
             if (*cp != '\0') *cp++ = '\0';
         }
+        kv_trace(7, 0, "current token = %s\n", tok);
         if (static_cast<size_t>(n) + 1 >= cap) {
+            kv_trace(7, 0, "tokenize: realloc; numtokens = %d; token_size= %d\n", n,
+                     static_cast<int>(2 * cap));
             char** grown = static_cast<char**>(realloc(vec, 2 * cap * sizeof(char*)));
             if (grown == nullptr) {
                 free(vec);
@@ -311,7 +311,6 @@ errinfo* tokenize(char* line, int* numtokens, char*** tokens_ppp, char* ifs_p, i
     }
     if (vec == nullptr) {
         kv_error_set_errno(ENOMEM);
-        if (msg_create == nullptr) return nullptr;
         return msg_create(84750, 15000 + ENOMEM, "Unable to allocate memory for tokens: %s.",
                           ARG_SYSERR, strerror(ENOMEM));
     }
