@@ -91,8 +91,10 @@ const char* const kRelocations[] = {"/../lib/vmr/",  "/../../lib/vmr/", "/../../
                                     "/../bin/vmr/",  "/../sbin/vmr/",   "/../../bin/vmr/",
                                     "/../../sbin/vmr/"};
 
+// The name the message layer knows the program by (start-up sets it).
 const char* program_name() {
-    const char* n = program_invocation_short_name;
+    const char* n = msg_get_program_name();
+    if (n == nullptr || *n == '\0') n = program_invocation_short_name;
     return (n && *n) ? n : "unknown";
 }
 
