@@ -161,3 +161,5 @@ vallist* vallist_new_from_csv(char* str);
 typedef void (*attr_trace_fn)(int level, unsigned mask, const char* text);
 attr_trace_fn attrlist_set_trace_hook(attr_trace_fn fn);
 void vallist_trace(const char* text);
+// The same sink for other foundation code (host caches, cluster probe).
+void kv_trace_line(int level, unsigned mask, const char* text);

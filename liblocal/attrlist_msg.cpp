@@ -14,9 +14,11 @@ thread_local std::string t_rendered;
 
 attr_trace_fn attrlist_set_trace_hook(attr_trace_fn fn) { return g_trace.exchange(fn); }
 
-void vallist_trace(const char* text) {
+void vallist_trace(const char* text) { kv_trace_line(9, 0x100, text); }
+
+void kv_trace_line(int level, unsigned mask, const char* text) {
     attr_trace_fn fn = g_trace.load();
-    if (fn != nullptr) fn(9, 0x100, text);
+    if (fn != nullptr) fn(level, mask, text);
 }
 
 const char* attr_render_value_stbuf(const char* stbuf) {

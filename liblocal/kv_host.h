@@ -1,0 +1,99 @@
+// Host identity: is a name this machine, do two names stand for one machine,
+// the primary name of a machine; cached name-service wrappers. Thread-safe:
+// the two host caches share Myname_mutex, the address caches their own lock.
+// Lock order: Myname_mutex, then the cluster code's Kvclus_mutex.
+#pragma once
+
+#include <netdb.h>
+#include <stdio.h>
+#include <sys/socket.h>
+
+#include "liblocal/kv_types.h"
+
+typedef enum {
+    STATUS_OK = 0,
+    STATUS_BUSY = 1,
+    STATUS_DELETED = 2,
+    STATUS_UNKNOWN_HOST = 3,
+} host_status_t;
+
+// The 20-byte client identifier kept with a configured client.
+typedef struct {
+    unsigned char id[20];
+} kv_host_clientid_t;
+
+// One name. A primary entry's `head` is itself; aliases chain by `next`.
+struct host_cache {
+    char* host;
+    kv_host_clientid_t client_id;
+    host_cache* head;
+    host_cache* next;
+    host_status_t status;
+    kv_time64_t exptime;
+};
+typedef host_cache host_cache_t;
+
+// A sorted table of names (strcasecmp on `host`).
+struct hostlist_cache_t {
+    host_cache** hosts;
+    host_cache* local_host;
+    host_cache* recycle_bin;
+    int count;
+    int deleted;
+    int size;
+    int max_size;
+    int update_style;
+    char myname[64];
+};
+
+#define KV_HOST_FOUND_TTL 1800
+#define KV_HOST_UNKNOWN_TTL 300
+#define KV_DNS_CACHE_MIN 0x20000
+#define KV_CLIENTS_CACHE_MIN 0x100000
+
+int is_myname(const char* host);
+int samehost(const char* host1, const char* host2);
+int sameclient(const char* host1, const char* host2);
+int is_validhostname(const char* host);
+char* get_primaryhostname(const char* host);     // new memory, null if unknown
+char* get_primaryclientname(const char* host);   // new memory, null if unknown
+int client_list_add_client(const char* host, const char** aliases);   // 0 or -1
+void client_list_remove_byname(const char* host);
+int cache_client_id(char* client_name, kv_host_clientid_t* client_idp);       // 0 or -1
+int get_cached_client_id(char* client_name, kv_host_clientid_t* client_idp);  // 0 or -1
+void free_dns_hostlist_cache(void);
+void free_client_hostlist_cache(void);
+void print_dns_cache(void);              // to standard output
+void print_dns_cache_to(FILE* fp);
+
+int kv_gethostname(char* name, size_t namelen);
+char* kv_getlocalhost(char* name, size_t len);
+int kv_getaddrinfo(const char* hostname, const char* service, const struct addrinfo* hints,
+                   struct addrinfo** res);
+void kv_freeaddrinfo(struct addrinfo* res);
+int kv_getnameinfo(const struct sockaddr* sa, socklen_t salen, char* node, socklen_t nodelen,
+                   char* service, socklen_t servicelen, int flags);
+void kv_set_addrinfo_caching(int on);
+
+// Debug operation: above 0 flushes the DNS and address caches at the next
+// call, above 8 also the clients' cache.
+void kv_host_request_flush(int level);
+
+// --- Test seams -------------------------------------------------------------
+// Time source of the expiry checks; null restores the wall clock.
+typedef kv_time64_t (*kv_host_clock_fn)(void);
+kv_host_clock_fn kv_host_set_clock(kv_host_clock_fn fn);
+
+// The name service beneath the caches. Null members use the system's.
+// `ifaddrs` fills up to `max` numeric addresses of this machine's interfaces.
+struct kv_host_resolver {
+    int (*getaddrinfo)(const char*, const char*, const struct addrinfo*, struct addrinfo**);
+    void (*freeaddrinfo)(struct addrinfo*);
+    int (*getnameinfo)(const struct sockaddr*, socklen_t, char*, socklen_t, char*, socklen_t, int);
+    int (*gethostname)(char*, size_t);
+    int (*ifaddrs)(struct sockaddr_storage* out, int max);
+};
+// Installs a resolver and forgets every cached answer and the local name.
+void kv_host_set_resolver(const kv_host_resolver* r);
+// True while the calling thread holds Myname_mutex.
+int kv_host_lock_held(void);

@@ -1,0 +1,268 @@
+// Host identity: name matching through the host cache, its time limits on a
+// fake clock, the clients' cache, and the name-service wrappers. Names come
+// from an /etc/hosts-style fixture through a fake resolver (loopback only).
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <string>
+
+#include "host_fake_resolver.h"
+#include "liblocal/kv_clu.h"
+#include "liblocal/kv_host.h"
+
+namespace {
+
+kv_time64_t g_now = 1000000;
+kv_time64_t fake_clock() { return g_now; }
+
+class HostCache : public ::testing::Test {
+protected:
+    void SetUp() override {
+        g_now = 1000000;
+        kv_host_set_clock(fake_clock);
+        // No cluster tools here: the host is a plain machine.
+        clu_paths none = {"/nonexistent/kcmap", "/nonexistent/kcmap.out", "/nonexistent/conf",
+                          "/nonexistent/bin", "/nonexistent/mtab"};
+        clu_set_paths_for_test(&none);
+        clu_reset_for_test();
+        fake_resolver::load(std::string(getenv("ZOV_SOURCE_DIR") ? getenv("ZOV_SOURCE_DIR") : ".") +
+                            "/tests/fixtures/hosts/hosts");
+        ASSERT_FALSE(fake_resolver::table().empty()) << "fixture not found; set ZOV_SOURCE_DIR";
+        fake_resolver::interfaces() = {"127.0.0.1", "::1", "127.0.1.1", "0.0.0.0"};
+        fake_resolver::no_reverse().clear();
+        fake_resolver::on_call() = nullptr;
+        fake_resolver::install();
+        fake_resolver::gai_calls().clear();
+    }
+    void TearDown() override {
+        kv_host_set_resolver(nullptr);
+        kv_host_set_clock(nullptr);
+        free_client_hostlist_cache();
+        clu_set_paths_for_test(nullptr);
+        clu_reset_for_test();
+    }
+};
+
+TEST_F(HostCache, IsMyname_NullAndLocalhostNeedNoLookup) {
+    EXPECT_EQ(is_myname(nullptr), 1);
+    EXPECT_EQ(is_myname("LOCALHOST"), 1);
+    EXPECT_EQ(fake_resolver::total_gai(), 0);
+}
+
+TEST_F(HostCache, ShortAndFullNameOfThisMachineAreOneHost) {
+    EXPECT_EQ(samehost("vm", "vm.example.test"), 1);
+    EXPECT_EQ(samehost("VM.example.test", "localhost"), 1);
+    EXPECT_EQ(samehost("127.0.1.1", "vm"), 1);
+    EXPECT_EQ(is_myname("vm"), 1);
+    EXPECT_EQ(is_myname("vm.EXAMPLE.test"), 1);
+    EXPECT_EQ(is_myname("127.0.0.1"), 1);
+    EXPECT_EQ(is_myname("db"), 0);
+    char* p = get_primaryhostname("vm");
+    ASSERT_NE(p, nullptr);
+    EXPECT_STREQ(p, "vm.example.test");
+    free(p);
+    char name[64];
+    EXPECT_STREQ(kv_getlocalhost(name, sizeof name), "vm.example.test");
+}
+
+TEST_F(HostCache, OtherHostsGroupByMachine) {
+    EXPECT_EQ(samehost("db", "dbalias"), 1);
+    EXPECT_EQ(samehost("db.example.test", "127.0.2.11"), 1);   // second address of db
+    EXPECT_EQ(samehost("db", "web"), 0);
+    EXPECT_EQ(samehost("db", "nosuch"), 0);
+    EXPECT_EQ(samehost("nosuch", "nosuch.too"), 0);
+    EXPECT_EQ(samehost("Same", "sAME"), 1);   // equal names need no lookup
+    EXPECT_EQ(samehost(nullptr, nullptr), 1);
+    const char* p = "x";
+    EXPECT_EQ(samehost(p, p), 1);
+    EXPECT_EQ(is_validhostname("web"), 1);
+    EXPECT_EQ(is_validhostname("nosuch"), 0);
+    EXPECT_EQ(get_primaryhostname("nosuch"), nullptr);
+    char* prim = get_primaryhostname("dbalias");
+    EXPECT_STREQ(prim, "db.example.test");
+    free(prim);
+}
+
+TEST_F(HostCache, UnknownHostIsRememberedForFiveMinutes) {
+    EXPECT_EQ(is_validhostname("nosuch"), 0);
+    int calls = fake_resolver::gai_calls()["nosuch"];
+    EXPECT_GE(calls, 1);
+    g_now += 299;
+    EXPECT_EQ(is_validhostname("nosuch"), 0);
+    EXPECT_EQ(fake_resolver::gai_calls()["nosuch"], calls);
+    g_now += 2;
+    EXPECT_EQ(is_validhostname("nosuch"), 0);
+    EXPECT_GT(fake_resolver::gai_calls()["nosuch"], calls);
+}
+
+TEST_F(HostCache, FoundHostLivesHalfAnHour) {
+    EXPECT_EQ(is_validhostname("web"), 1);
+    int calls = fake_resolver::gai_calls()["web"];
+    g_now += 1799;
+    EXPECT_EQ(samehost("web", "web.example.test"), 1);
+    EXPECT_EQ(fake_resolver::gai_calls()["web"], calls);
+    g_now += 2;
+    EXPECT_EQ(is_validhostname("web"), 1);
+    EXPECT_GT(fake_resolver::gai_calls()["web"], calls);
+}
+
+TEST_F(HostCache, ANameThatMovesLeavesItsOldGroup) {
+    EXPECT_EQ(samehost("db", "dbalias"), 1);
+    // The table changes: dbalias now names the web machine.
+    for (auto& l : fake_resolver::table()) {
+        if (l.ip == "127.0.2.10") l.names = {"db.example.test", "db"};
+        if (l.ip == "127.0.2.20") l.names = {"web.example.test", "web", "dbalias"};
+    }
+    g_now += 1801;
+    EXPECT_EQ(samehost("dbalias", "web"), 1);
+    EXPECT_EQ(samehost("db", "dbalias"), 0);
+}
+
+TEST_F(HostCache, DebugFlushForgetsAnswers) {
+    EXPECT_EQ(is_validhostname("web"), 1);
+    int calls = fake_resolver::gai_calls()["web"];
+    EXPECT_EQ(is_validhostname("web"), 1);
+    EXPECT_EQ(fake_resolver::gai_calls()["web"], calls);
+    kv_host_request_flush(1);
+    EXPECT_EQ(is_validhostname("web"), 1);
+    EXPECT_GT(fake_resolver::gai_calls()["web"], calls);
+
+    ASSERT_EQ(client_list_add_client("c1", nullptr), 0);
+    kv_host_request_flush(1);
+    EXPECT_EQ(sameclient("c1", "C1"), 1);
+    char* p = get_primaryclientname("c1");
+    EXPECT_STREQ(p, "c1");   // level 1 keeps the clients
+    free(p);
+    kv_host_request_flush(9);
+    EXPECT_EQ(get_primaryclientname("c1"), nullptr);
+}
+
+TEST_F(HostCache, ClientListMatchesOnlyConfiguredNames) {
+    const char* aliases[] = {"c1-backup", "10.0.0.1", nullptr};
+    ASSERT_EQ(client_list_add_client("client1", aliases), 0);
+    EXPECT_EQ(sameclient("client1", "C1-BACKUP"), 1);
+    EXPECT_EQ(sameclient("10.0.0.1", "c1-backup"), 1);
+    EXPECT_EQ(sameclient("client1", "other"), 0);
+    EXPECT_EQ(sameclient(nullptr, nullptr), 0);
+    EXPECT_EQ(fake_resolver::total_gai(), 0);   // no DNS for clients
+    char* p = get_primaryclientname("c1-backup");
+    EXPECT_STREQ(p, "client1");
+    free(p);
+
+    kv_host_clientid_t id;
+    memset(&id, 0, sizeof id);
+    id.id[0] = 7;
+    id.id[19] = 9;
+    EXPECT_EQ(cache_client_id((char*)"c1-backup", &id), 0);
+    kv_host_clientid_t back;
+    memset(&back, 0, sizeof back);
+    EXPECT_EQ(get_cached_client_id((char*)"client1", &back), 0);
+    EXPECT_EQ(memcmp(&id, &back, sizeof id), 0);
+    EXPECT_EQ(get_cached_client_id((char*)"missing", &back), -1);
+
+    client_list_remove_byname("client1");
+    EXPECT_EQ(sameclient("client1", "c1-backup"), 0);
+    EXPECT_EQ(get_primaryclientname("c1-backup"), nullptr);
+}
+
+TEST_F(HostCache, PrintNamesEveryEntryWithItsStatus) {
+    EXPECT_EQ(is_validhostname("nosuch"), 0);
+    ASSERT_EQ(client_list_add_client("cl", nullptr), 0);
+    char* data = nullptr;
+    size_t size = 0;
+    FILE* fp = open_memstream(&data, &size);
+    print_dns_cache_to(fp);
+    fclose(fp);
+    std::string out(data, size);
+    free(data);
+    EXPECT_EQ(out.find("DNS cache:\n"), 0u);
+    EXPECT_NE(out.find("host: nosuch, status: STATUS_UNKNOWN_HOST, head: nosuch\n"), std::string::npos);
+    EXPECT_NE(out.find("host: vm, status: STATUS_OK, head: vm.example.test\n"), std::string::npos);
+    EXPECT_NE(out.find("Clients cache:\nhost: cl, status: STATUS_OK, head: cl\n"), std::string::npos);
+}
+
+TEST_F(HostCache, AddrinfoCachesSuccessAndFailure) {
+    addrinfo hints;
+    memset(&hints, 0, sizeof hints);
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_CANONNAME;
+    addrinfo* res = nullptr;
+    ASSERT_EQ(kv_getaddrinfo("db.example.test", "80", &hints, &res), 0);
+    ASSERT_NE(res, nullptr);
+    EXPECT_STREQ(res->ai_canonname, "db.example.test");
+    EXPECT_NE(res->ai_next, nullptr);   // both addresses
+    EXPECT_EQ(ntohs(reinterpret_cast<sockaddr_in*>(res->ai_addr)->sin_port), 0);   // the fake sets none
+    kv_freeaddrinfo(res);
+    ASSERT_EQ(kv_getaddrinfo("db.example.test", "80", &hints, &res), 0);
+    kv_freeaddrinfo(res);
+    EXPECT_EQ(fake_resolver::gai_calls()["db.example.test"], 1);
+
+    EXPECT_EQ(kv_getaddrinfo("nosuch", nullptr, &hints, &res), EAI_NONAME);
+    EXPECT_EQ(res, nullptr);
+    EXPECT_EQ(kv_getaddrinfo("nosuch", nullptr, &hints, &res), EAI_NONAME);
+    EXPECT_EQ(fake_resolver::gai_calls()["nosuch"], 1);
+    g_now += 301;
+    EXPECT_EQ(kv_getaddrinfo("nosuch", nullptr, &hints, &res), EAI_NONAME);
+    EXPECT_EQ(fake_resolver::gai_calls()["nosuch"], 2);
+
+    // The any-address needs no resolver at all.
+    ASSERT_EQ(kv_getaddrinfo("0.0.0.0", "22", &hints, &res), 0);
+    EXPECT_EQ(res->ai_family, AF_INET);
+    EXPECT_EQ(ntohs(reinterpret_cast<sockaddr_in*>(res->ai_addr)->sin_port), 22);
+    kv_freeaddrinfo(res);
+    ASSERT_EQ(kv_getaddrinfo("::", nullptr, &hints, &res), 0);
+    EXPECT_EQ(res->ai_family, AF_INET6);
+    kv_freeaddrinfo(res);
+    EXPECT_EQ(fake_resolver::gai_calls().count("0.0.0.0"), 0u);
+
+    // A numeric query gets its canonical name through the reverse lookup.
+    ASSERT_EQ(kv_getaddrinfo("127.0.2.20", nullptr, &hints, &res), 0);
+    EXPECT_STREQ(res->ai_canonname, "web.example.test");
+    kv_freeaddrinfo(res);
+}
+
+TEST_F(HostCache, NameinfoIsCached) {
+    sockaddr_in sa;
+    memset(&sa, 0, sizeof sa);
+    sa.sin_family = AF_INET;
+    inet_pton(AF_INET, "127.0.2.20", &sa.sin_addr);
+    char node[256];
+    int before = fake_resolver::gni_calls().load();
+    ASSERT_EQ(kv_getnameinfo(reinterpret_cast<sockaddr*>(&sa), sizeof sa, node, sizeof node, nullptr, 0,
+                             NI_NAMEREQD), 0);
+    EXPECT_STREQ(node, "web.example.test");
+    ASSERT_EQ(kv_getnameinfo(reinterpret_cast<sockaddr*>(&sa), sizeof sa, node, sizeof node, nullptr, 0,
+                             NI_NAMEREQD), 0);
+    EXPECT_EQ(fake_resolver::gni_calls().load(), before + 1);
+}
+
+TEST_F(HostCache, MachineWithoutReverseNameIsUnknown) {
+    fake_resolver::no_reverse() = {"127.0.2.60"};
+    EXPECT_EQ(is_validhostname("noreverse-only"), 0);
+}
+
+// The system's own resolver, on names this machine always has.
+TEST(HostSystemResolver, LoopbackResolvesAndReverses) {
+    kv_host_set_resolver(nullptr);
+    addrinfo hints;
+    memset(&hints, 0, sizeof hints);
+    hints.ai_family = AF_INET;
+    addrinfo* res = nullptr;
+    ASSERT_EQ(kv_getaddrinfo("127.0.0.1", nullptr, &hints, &res), 0);
+    ASSERT_NE(res, nullptr);
+    EXPECT_EQ(res->ai_family, AF_INET);
+    kv_freeaddrinfo(res);
+    sockaddr_in sa;
+    memset(&sa, 0, sizeof sa);
+    sa.sin_family = AF_INET;
+    sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    char node[256];
+    ASSERT_EQ(kv_getnameinfo(reinterpret_cast<sockaddr*>(&sa), sizeof sa, node, sizeof node, nullptr, 0,
+                             NI_NUMERICHOST), 0);
+    EXPECT_STREQ(node, "127.0.0.1");
+    char name[256];
+    EXPECT_EQ(kv_gethostname(name, sizeof name), 0);
+    EXPECT_NE(name[0], '\0');
+}
+
+}  // namespace
