@@ -1,0 +1,225 @@
+// The simulated array's state: records, the versioned text file they live in,
+// and the folder lock that makes each invocation one transaction.
+// Not thread-safe: one State belongs to one invocation (one thread).
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace arraysim {
+
+// Bumped whenever a record or key changes meaning; older files are refused.
+constexpr int kStateVersion = 1;
+constexpr const char* kStateHeader = "arraysim-state";
+constexpr const char* kStateEnv = "ARRAYSIM_STATE";
+
+struct Frame {
+  std::string name;                // "Array Name:" of arrayname
+  std::string serial;              // serial number (getarrayuid)
+  std::string uid;                 // array UID, 16 bytes with colons
+  std::vector<std::string> addrs;  // storage processor addresses, SP A first
+  bool down = false;               // unreachable: every command fails to connect
+};
+
+struct Hba {
+  std::string uid;  // HBA UID
+  std::string dev;  // "HBA Devicename:" of the port list
+};
+
+struct Host {
+  std::string name;
+  std::string addr;
+  bool agent_up = true;  // host agent state (server -update / -volmap)
+  bool local = false;    // the host the tools run on
+  std::vector<Hba> hbas;
+};
+
+struct Pair {
+  int hlu = 0;
+  int alu = 0;
+};
+
+struct Group {
+  int frame = 0;
+  std::string name;
+  std::string uid;
+  int host = -1;             // index into hosts, -1 none
+  int form = 1;              // 1: HLU/ALU table; 2: also the HLU/UID table
+  std::vector<Pair> pairs;
+};
+
+// A device of one LUN on one host: a multipath pseudo device (optional) over
+// one or more physical paths.
+struct HostDev {
+  int host = 0;
+  std::string pseudo;
+  std::vector<std::string> paths;
+};
+
+struct Lun {
+  int frame = 0;
+  int num = 0;
+  std::string name;
+  std::string wwn;            // 16 bytes with colons
+  long long blocks = 0;       // capacity in 512-byte blocks
+  bool trespassed = false;    // owned by the frame's second address
+  std::string mount;          // mount point shown in the volume map, or empty
+  std::string snapname;       // COW snapshot configuration: snapshot LU name, empty = none
+  std::string snapdev;        // host device where an activated session appears
+  int smp = -1;               // snapshot mount point LUN number (advanced snapshots), -1 none
+  std::string smpdev;         // host device of the SMP
+  std::string cg;             // consistency group, empty = none
+  std::vector<HostDev> devs;
+};
+
+struct Session {
+  std::string name;
+  int frame = 0;
+  int lun = 0;
+  long long created = 0;  // epoch seconds
+  bool activated = false;
+  int rollbacks = 0;
+};
+
+struct Clone {
+  std::string id;  // 16 hex digits
+  int lun = 0;
+  std::string state = "Synchronized";
+  std::string cond = "Normal";
+  bool fractured = false;
+  std::string rate = "high";
+  int pct = 100;
+  std::string op;  // "", "sync" or "rsync": work in progress
+};
+
+struct CloneGroup {
+  int frame = 0;
+  std::string name;
+  std::string uid;
+  int src = 0;  // source LUN number
+  std::vector<Clone> clones;
+};
+
+struct KvtSnap {
+  int frame = 0;
+  std::string name;
+  std::string res;          // what was snapped: a LUN number or a consistency group
+  std::vector<int> sources;
+  long long created = 0;
+  std::string attached;     // device it is attached to, empty = none
+  int restores = 0;
+};
+
+struct ConsistencyGroup {
+  int frame = 0;
+  std::string name;
+  std::vector<int> luns;
+};
+
+struct Package {
+  int frame = 0;
+  std::string name;
+  std::string rev;
+  bool commit = false;  // "Commit Required:"
+  bool active = true;   // "Active State:"
+};
+
+// A device on the host that is not the array's (other vendor).
+struct ForeignDev {
+  std::string name;
+  std::string vendor;
+  std::string product;
+};
+
+// A fault rule: when `tool`'s command line contains `match`, do `kind`.
+struct Fault {
+  std::string tool;   // tilloseccli, gelmot, ... or "*"
+  std::string match;  // substring of the joined arguments; empty = any
+  std::string kind;   // refuse, garbage, longline, slow, missing, execfail, down
+  std::string arg;    // kind-dependent: text, milliseconds, frame address
+  int count = -1;     // uses left, -1 = forever
+};
+
+struct Options {
+  int sync_steps = 4;          // status listings or ticks for a full synchronisation
+  bool secfile = true;         // tilloseccli security file present
+  bool vxdisk = false;         // a vxdisk tool is installed on the host
+  std::string rev_tillo = "7.33.1.0.12";
+  std::string rev_gelmot = "V2.31.0";
+  std::string rev_hadrix = "3.2.1 (build 117)";
+  std::string rev_pirnet = "1.4.0";
+  bool hadrix_installed = true;
+  long long clock = 0;         // seconds added to wall time for listings (tests)
+  int seq = 0;                 // counter for made-up identifiers
+};
+
+struct State {
+  Options opt;
+  std::vector<Frame> frames;
+  std::vector<Host> hosts;
+  std::vector<Group> groups;
+  std::vector<Lun> luns;
+  std::vector<Session> sessions;
+  std::vector<CloneGroup> clonegroups;
+  std::vector<KvtSnap> kvtsnaps;
+  std::vector<ConsistencyGroup> cgs;
+  std::vector<Package> packages;
+  std::vector<ForeignDev> foreign;
+  std::vector<Fault> faults;
+
+  // Lookups; each returns -1 or nullptr when absent.
+  int frame_by_addr(const std::string& addr) const;
+  int host_by_name_or_addr(const std::string& key) const;
+  int local_host() const;
+  Lun* lun(int frame, int num);
+  const Lun* lun(int frame, int num) const;
+  Lun* lun_any_frame(int num);
+  int group_by_name(int frame, const std::string& name) const;
+  CloneGroup* clonegroup(int frame, const std::string& uid_or_name);
+  Session* session(const std::string& name);
+  KvtSnap* kvtsnap(int frame, const std::string& name);
+  ConsistencyGroup* cg(int frame, const std::string& name);
+  // The LUN's owner address: the second address when trespassed.
+  std::string owner_addr(const Lun& l) const;
+};
+
+// Text form. parse_state fails (returns false, sets err) on a missing or old
+// header or a malformed line; it never throws.
+bool parse_state(const char* data, size_t len, State& st, std::string& err);
+std::string format_state(const State& st);
+
+// The folder: "<dir>/state", "<dir>/lock", "<dir>/commands.log", "<dir>/dev/".
+std::string state_dir_from_env();  // empty when the variable is unset
+std::string state_file(const std::string& dir);
+std::string dev_dir(const std::string& dir);
+
+// An exclusive fcntl lock on "<dir>/lock" for the life of the object.
+class FolderLock {
+ public:
+  explicit FolderLock(const std::string& dir);
+  ~FolderLock();
+  FolderLock(const FolderLock&) = delete;
+  FolderLock& operator=(const FolderLock&) = delete;
+  bool held() const { return fd_ >= 0; }
+
+ private:
+  int fd_ = -1;
+};
+
+// Whole-file helpers. write_file_atomic writes a temporary and renames it,
+// so that a reader without the lock never sees half a state.
+bool read_file(const std::string& path, std::string& out);
+bool write_file_atomic(const std::string& path, const std::string& data);
+bool load_state(const std::string& dir, State& st, std::string& err);
+bool save_state(const std::string& dir, const State& st, std::string& err);
+
+// Appends one line to "<dir>/commands.log".
+void append_log(const std::string& dir, const std::string& line);
+
+// Escaping of values in the text form: blanks, '%', '=' and control
+// characters become %XX.
+std::string escape_value(const std::string& v);
+std::string unescape_value(const char* p, size_t n);
+
+}  // namespace arraysim

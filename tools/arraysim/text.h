@@ -1,0 +1,26 @@
+// Small text helpers shared by the simulated tools. Thread-safe (pure).
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace arraysim {
+
+// "Key:" padded to `width`, then at least two blanks, the value and a line feed.
+void kv(std::string& out, const char* key, const std::string& value, size_t width = 30);
+
+bool iequals(const std::string& a, const char* b);
+bool is_number(const std::string& s);
+std::string to_lower(std::string s);
+std::string join(const std::vector<std::string>& v, const char* sep);
+
+// A hexadecimal identifier of `bytes` bytes from a seed, colon-separated.
+std::string make_wwn(const char* prefix4, unsigned long long seed);
+
+// Linux-style disk suffix: 0 -> "a", 25 -> "z", 26 -> "aa".
+std::string disk_suffix(int n);
+
+// ctime-like text for listings.
+std::string time_text(long long t);
+
+}  // namespace arraysim
