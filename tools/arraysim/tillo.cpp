@@ -221,7 +221,9 @@ void print_group(Cmd& c, const Group& g, bool with_host) {
     o += "\n  HLU No.  LUN UID\n  -------  -----------------------------------------------\n";
     for (const auto& p : g.pairs) {
       const Lun* l = c.st.lun(g.frame, p.alu);
-      snprintf(buf, sizeof buf, "  %4d     %s\n", p.hlu, l ? l->wwn.c_str() : "00:00:00:00:00:00:00:00:00:00:00:00:00:00:00:00");
+      // One blank ahead of the number: the row expression captures the digits
+      // only when they follow the first blank of the line.
+      snprintf(buf, sizeof buf, " %d     %s\n", p.hlu, l ? l->wwn.c_str() : "00:00:00:00:00:00:00:00:00:00:00:00:00:00:00:00");
       o += buf;
     }
   }
