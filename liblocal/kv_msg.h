@@ -110,6 +110,7 @@ struct rendered_msg {
 #define MSG_LOG_RENDERED 0x1   // the rendered log (rend_log_fp)
 #define MSG_LOG_CUSTOM 0x2     // the custom log (cust_log_fp)
 #define MSG_LOG_NOCONSOLE 0x4  // log lines are not copied to the console
+#define MSG_LOG_AUDIT 0x8      // the audit log (msg_auditpost)
 
 // Creation. Variable arguments are pairs (int argdesc, char* arg), as many
 // as the format demands (get_num_args). Ring records: do not free(); release

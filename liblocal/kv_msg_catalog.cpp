@@ -120,9 +120,13 @@ void kv_set_catalog_dir(const char* dir) {
     std::lock_guard<std::mutex> g(g_cat_mutex);
     delete g_cat_dir;
     g_cat_dir = dir != nullptr ? new std::string(dir) : nullptr;
-    // Catalogues of the old place are forgotten (and stay open: a form
-    // handed out earlier may still point into one).
-    if (g_cats != nullptr) g_cats->clear();
+    // Catalogues of the old place are closed: forms handed out are copies,
+    // so none points into them.
+    if (g_cats != nullptr) {
+        for (auto& c : *g_cats)
+            if (c.second.catd != reinterpret_cast<nl_catd>(-1)) catclose(c.second.catd);
+        g_cats->clear();
+    }
 }
 
 void kv_i18n_enable(int on) { g_i18n_on = on; }

@@ -113,7 +113,8 @@ bool parse_stbuf(const char* s, ParsedMsg* m, const char** rest) {
         long long count = 0;
         if (!read_int(p, &count, false)) {
             // Not a count: the message simply has no arguments.
-            p = after_form;
+            if (rest != nullptr) *rest = after_form;
+            return true;
         } else {
             // Each argument takes at least " k n " (6 bytes): a larger count
             // cannot be honest, and is refused before anything is reserved.

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <stddef.h>
+#include <stdio.h>
 
 #include <string>
 
@@ -64,3 +65,10 @@ void msg_render_to_string(std::string& out, const char* locale, const structext*
 int msg_utf8_charlen(const char* s);
 int msg_utf8_charwidth(const char* s);
 size_t msg_utf8_columns(const char* s);
+
+// The process's log streams (msg_log_open) and its log flags. Set at
+// start-up, read by msg_post on any thread.
+extern FILE* g_cust_log_fp;
+extern FILE* g_rend_log_fp;
+extern FILE* g_audit_log_fp;
+extern int g_log_flags;

@@ -16,11 +16,6 @@
 
 int Timestamp_msgs = 0;
 
-FILE* g_cust_log_fp = nullptr;
-FILE* g_rend_log_fp = nullptr;
-FILE* g_audit_log_fp = nullptr;
-int g_log_flags = 0;
-
 namespace {
 
 std::atomic<msg_post_func_t> g_post_func{nullptr};
@@ -328,15 +323,4 @@ void free_rendered_msgs(rendered_msg* rmsg) {
         *p = nullptr;
     }
     free(rmsg);
-}
-
-// Written whole, so that lines of several writers do not interleave.
-int msg_fprintf(FILE* fp, const char* format, ...) {
-    if (fp == nullptr || format == nullptr) return -1;
-    va_list ap;
-    va_start(ap, format);
-    int n = vfprintf(fp, format, ap);
-    va_end(ap);
-    fflush(fp);
-    return n;
 }
