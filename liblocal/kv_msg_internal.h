@@ -61,11 +61,6 @@ void msg_stbuf_append(std::string& out, const structext* st);
 // Renders a message into a std::string (dynamic) for the given locale.
 void msg_render_to_string(std::string& out, const char* locale, const structext* st);
 
-// Column measure of UTF-8 text on a terminal (wide characters count 2).
-int msg_utf8_charlen(const char* s);
-int msg_utf8_charwidth(const char* s);
-size_t msg_utf8_columns(const char* s);
-
 // The process's log streams (msg_log_open) and its log flags. Set at
 // start-up, read by msg_post on any thread.
 extern FILE* g_cust_log_fp;

@@ -20,6 +20,7 @@
 #include "liblocal/kv_msg.h"
 #include "liblocal/kv_msg_internal.h"
 #include "liblocal/kv_trace.h"
+#include "liblocal/kv_utf8.h"
 
 namespace {
 
@@ -248,15 +249,15 @@ void emit_string(Sink& sink, const char* s, int width, int prec, bool left) {
     if (prec >= 0) {
         const char* p = s;
         while (*p != '\0') {
-            int w = msg_utf8_charwidth(p);
+            int w = utf8_ttywidth(p);
             if (cols + static_cast<size_t>(w) > static_cast<size_t>(prec)) break;
             cols += static_cast<size_t>(w);
-            p += msg_utf8_charlen(p);
+            p += utf8_charlen(p);
         }
         bytes = static_cast<size_t>(p - s);
     } else {
         bytes = strlen(s);
-        cols = msg_utf8_columns(s);
+        cols = utf8_ttystrlen(s);
     }
     size_t pad = width > 0 && static_cast<size_t>(width) > cols ? static_cast<size_t>(width) - cols : 0;
     if (!sink.room(bytes + pad)) {
@@ -752,62 +753,6 @@ void sink_finish(Sink& sink, char** bufp, bool own, const char* who) {
 }
 
 }  // namespace
-
-// ---- UTF-8 columns ---------------------------------------------------------------
-
-int msg_utf8_charlen(const char* s) {
-    unsigned char c = static_cast<unsigned char>(s[0]);
-    int n = 1;
-    if (c >= 0xF0 && c <= 0xF4) n = 4;
-    else if (c >= 0xE0) n = c <= 0xEF ? 3 : 1;
-    else if (c >= 0xC2) n = 2;
-    for (int i = 1; i < n; ++i)
-        if ((static_cast<unsigned char>(s[i]) & 0xC0) != 0x80) return 1;   // broken: one byte
-    return n;
-}
-
-namespace {
-unsigned long decode_utf8(const char* s, int n) {
-    const unsigned char* u = reinterpret_cast<const unsigned char*>(s);
-    switch (n) {
-        case 2: return ((u[0] & 0x1FUL) << 6) | (u[1] & 0x3F);
-        case 3: return ((u[0] & 0x0FUL) << 12) | ((u[1] & 0x3FUL) << 6) | (u[2] & 0x3F);
-        case 4:
-            return ((u[0] & 0x07UL) << 18) | ((u[1] & 0x3FUL) << 12) | ((u[2] & 0x3FUL) << 6) |
-                   (u[3] & 0x3F);
-        default: return u[0];
-    }
-}
-
-bool in(unsigned long c, unsigned long a, unsigned long b) { return c >= a && c <= b; }
-}  // namespace
-
-int msg_utf8_charwidth(const char* s) {
-    int n = msg_utf8_charlen(s);
-    if (n == 1) return 1;
-    unsigned long c = decode_utf8(s, n);
-    // Combining marks and zero-width characters take no column.
-    if (in(c, 0x0300, 0x036F) || in(c, 0x1AB0, 0x1AFF) || in(c, 0x1DC0, 0x1DFF) ||
-        in(c, 0x20D0, 0x20FF) || in(c, 0xFE20, 0xFE2F) || in(c, 0x200B, 0x200F) || c == 0xFEFF)
-        return 0;
-    // East Asian wide and full-width characters take two.
-    if (in(c, 0x1100, 0x115F) || in(c, 0x2E80, 0x303E) || in(c, 0x3041, 0x33FF) ||
-        in(c, 0x3400, 0x4DBF) || in(c, 0x4E00, 0x9FFF) || in(c, 0xA000, 0xA4CF) ||
-        in(c, 0xAC00, 0xD7A3) || in(c, 0xF900, 0xFAFF) || in(c, 0xFE30, 0xFE4F) ||
-        in(c, 0xFF00, 0xFF60) || in(c, 0xFFE0, 0xFFE6) || in(c, 0x1F300, 0x1F64F) ||
-        in(c, 0x1F900, 0x1F9FF) || in(c, 0x20000, 0x3FFFD))
-        return 2;
-    return 1;
-}
-
-size_t msg_utf8_columns(const char* s) {
-    size_t cols = 0;
-    while (*s != '\0') {
-        cols += static_cast<size_t>(msg_utf8_charwidth(s));
-        s += msg_utf8_charlen(s);
-    }
-    return cols;
-}
 
 // ---- The printf family ---------------------------------------------------------------
 
