@@ -195,4 +195,28 @@ TEST(StructextRing, CreateAndPopulate) {
     EXPECT_STREQ(render_structext(nullptr, n), "n=3");
 }
 
+// The structext ring's size is read when a thread makes its first record.
+int structext_ring_size_with(const char* env) {
+    int size = 0;
+    std::thread t([&] {
+        setenv("MSG_STRUCTURED_TEXT_POOL_SIZE", env, 1);
+        structext* first = msg_structext_create(0, "first");
+        unsetenv("MSG_STRUCTURED_TEXT_POOL_SIZE");
+        for (int i = 1; i <= 200 && size == 0; ++i)
+            if (msg_structext_create(0, "next") == first) size = i;
+    });
+    t.join();
+    return size;
+}
+
+TEST(StructextRing, SizeFromTheEnvironment) {
+    EXPECT_EQ(structext_ring_size_with("100"), 64);
+    EXPECT_EQ(structext_ring_size_with("64"), 64);
+    EXPECT_EQ(structext_ring_size_with("127"), 64);
+    EXPECT_EQ(structext_ring_size_with("128"), 128);
+    EXPECT_EQ(structext_ring_size_with("5000"), 128);
+    EXPECT_EQ(structext_ring_size_with("63"), 32);
+    EXPECT_EQ(structext_ring_size_with("junk"), 32);
+}
+
 }  // namespace
