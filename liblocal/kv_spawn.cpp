@@ -626,8 +626,11 @@ pid_t spawn_as_user(int mode, char** argv, struct pollfd* exfds, nfds_t nfds, in
     plan.errfd = fileno(stderr);  // 6. the standard error of the stream
     plan.trace_dup2 = tracing(2, 0);
     plan.user = user;
-    long gmax = sysconf(_SC_NGROUPS_MAX);
-    plan.ngroups_max = gmax > 0 ? static_cast<int>(gmax) : 65536;
+    if (user != nullptr) {
+        // sysconf reads /proc for this one: once per process is enough.
+        static const long gmax = sysconf(_SC_NGROUPS_MAX);
+        plan.ngroups_max = gmax > 0 ? static_cast<int>(gmax) : 65536;
+    }
     plan.exec_errno = 0;
 
     // 11. Start.
