@@ -90,7 +90,9 @@ class Program : public ::testing::Test {
   void SetUp() override {
     const char* b = getenv("ZOV_BUILD_DIR");
     bin_ = std::string(b ? b : ".") + "/arraysim-bin";
-    if (access((bin_ + "/arraysim").c_str(), X_OK) != 0) GTEST_SKIP() << "arraysim not built at " << bin_;
+    if (access((bin_ + "/arraysim").c_str(), X_OK) != 0) {
+      GTEST_SKIP() << "arraysim not built at " << bin_;
+    }
     char tmpl[] = "/tmp/arraysim-test-XXXXXX";
     ASSERT_NE(nullptr, mkdtemp(tmpl));
     dir_ = tmpl;
