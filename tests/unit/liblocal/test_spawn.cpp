@@ -318,6 +318,7 @@ TEST_F(SpawnTest, WorkingDirectory_CoreDirectoryPerProgram) {
     EXPECT_EQ("/spawn_probe", dir.substr(dir.rfind('/'))) << dir;
     struct stat st;
     EXPECT_EQ(0, stat(dir.c_str(), &st));
+    rmdir(dir.c_str());  // made for this run; empty
 }
 
 TEST_F(SpawnTest, Signals_ChildStartsUnblockedWithDefaults) {
