@@ -98,6 +98,14 @@ int attr_hasval(attrlist* attr, const char* val);   // C_table folded, not strca
 void attrlist_order(attrlist* order, attrlist** alp);
 void attrlist_sort(attrlist** al);
 
+// Refuses a list holding a name of more than 63 characters: message 84890,
+// error 35021 (a ring record of the message layer; null when legal).
+struct errinfo;
+errinfo* attrlist_legal(attrlist* al);
+// Adds name + "_I18N" with each value as a message buffer; returns the new
+// name (owned by the list), or null when the attribute has no values.
+char* attrlist_add_I18Nattr(attrlist** alp, char* name, int delete_oldattr);
+
 // --- Text form ---------------------------------------------------------------
 #define ATTR_FLAG_MASK 1          // every value shown as "*******"
 #define ATTR_FLAG_STBUF_NEVER 2   // do not render message buffers

@@ -6,6 +6,9 @@
 #include <string>
 
 #include "liblocal/attrlist.h"
+#include "liblocal/kv_msg.h"
+#include "liblocal/kv_print.h"
+#include "liblocal/kv_trace.h"
 
 namespace {
 std::atomic<attr_trace_fn> g_trace{nullptr};
@@ -19,13 +22,23 @@ void vallist_trace(const char* text) { kv_trace_line(9, 0x100, text); }
 void kv_trace_line(int level, unsigned mask, const char* text) {
     attr_trace_fn fn = g_trace.load();
     if (fn != nullptr) fn(level, mask, text);
+    kv_trace(level, mask, "%s", text);
 }
 
 const char* attr_render_value_stbuf(const char* stbuf) {
-    t_rendered = stbuf != nullptr ? stbuf : "";
+    // The renderer's answer lives in a shared pool: keep a private copy.
+    const char* r = render_stbuf(nullptr, stbuf != nullptr ? stbuf : "");
+    t_rendered = r != nullptr ? r : "";
     return t_rendered.c_str();
 }
 
 void attr_write_text(FILE* fp, const char* text, size_t len) {
-    fwrite(text, 1, len, fp);
+    // The console goes through the message layer (so that a custom log sees
+    // it too); files and long texts go straight to the stream.
+    int dest = fp == stdout ? MSG_DEST_STDOUT : fp == stderr ? MSG_DEST_STDERR : 0;
+    if (dest != 0 && len < 16384) {
+        msg_print(50000, 0, dest, "%.*s", 1, inttostr((int)len), 0, text);
+        return;
+    }
+    kv_fprintf(fp, "%.*s", (int)len, text);
 }

@@ -6,7 +6,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <spawn.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -21,11 +20,11 @@
 #include <vector>
 
 #include "liblocal/attrlist.h"
+#include "liblocal/kv_env.h"
 #include "liblocal/kv_host.h"
 #include "liblocal/kv_mem.h"
+#include "liblocal/kv_spawn.h"
 #include "liblocal/kv_thread.h"
-
-extern char** environ;
 
 int Clu_cluster_type = 0;
 
@@ -87,27 +86,28 @@ struct CluLock {
     }
 };
 
-// Runs a tool without a shell and returns its standard output; standard
-// error goes to /dev/null as the tools' own command lines asked. The child
-// is always reaped; a start failure gives false.
+// Runs a tool through the spawner, without a shell, and returns its
+// standard output; standard error goes to /dev/null as the tools' own
+// command lines asked. The child is always reaped; a failure gives false.
 bool run_tool(const std::vector<std::string>& argv, std::string* out) {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) return false;
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_adddup2(&fa, fds[1], 1);
-    posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
+    int devnull = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (devnull < 0) {
+        close(fds[0]);
+        close(fds[1]);
+        return false;
+    }
     std::vector<char*> av;
     for (const std::string& a : argv) av.push_back(const_cast<char*>(a.c_str()));
     av.push_back(nullptr);
-    pid_t pid = -1;
-    int rc = posix_spawn(&pid, av[0], &fa, nullptr, av.data(), environ);
-    posix_spawn_file_actions_destroy(&fa);
+    int dupfdset[3] = {devnull, fds[1], devnull};
+    pid_t pid = spawn(SPAWN_ASYNC, av.data(), nullptr, 0, dupfdset, nullptr);
     close(fds[1]);
-    if (rc != 0) {
+    close(devnull);
+    if (pid < 0) {
         close(fds[0]);
-        clu_trace("Error popen'ing buffer %s: %s\n", argv[0].c_str(), strerror(rc));
+        clu_trace("Error popen'ing buffer %s: %s\n", argv[0].c_str(), strerror(errno));
         return false;
     }
     char buf[4096];
@@ -121,8 +121,7 @@ bool run_tool(const std::vector<std::string>& argv, std::string* out) {
     }
     close(fds[0]);
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    if (waitchild(pid, &status, 0) != pid) return false;
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
@@ -381,7 +380,7 @@ void clu_init_locked(void) {
     }
     clear_state();
     // Children of this process need not probe again.
-    if (no == nullptr) setenv("NO_CLU_QUERY", "TRUE", 1);
+    if (no == nullptr) add_to_environment("NO_CLU_QUERY", "TRUE", 0);
 }
 
 void ensure_init_locked(void) {

@@ -19,6 +19,7 @@
 #include "liblocal/kv_error.h"
 #include "liblocal/kv_host_internal.h"
 #include "liblocal/kv_mem.h"
+#include "liblocal/kv_msg.h"
 #include "liblocal/kv_thread.h"
 
 namespace {
@@ -319,7 +320,11 @@ host_cache* dns_cache_a_host(hostlist_cache_t* c, const char* host, kv_time64_t 
         canon = res->ai_canonname != nullptr ? res->ai_canonname : r;
     }
     if (canon.empty()) {
-        host_trace("Reverse DNS lookup failed for %s: %s\n", query, "no address resolves");
+        // Reported as a message of its own (error 12000) for the caller's
+        // last-message inspection; the lookup itself just says no.
+        errinfo* e = msg_create(82666, 12000, "Reverse DNS lookup failed for %s: %s", ARG_HOSTNAME, query,
+                                ARG_TEXT, gai_strerror(EAI_NONAME));
+        if (e != nullptr && e->errstr != nullptr) host_trace("%s\n", e->errstr);
         kv_freeaddrinfo(res);
         return add_unknown(c, query, now);
     }
