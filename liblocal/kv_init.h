@@ -4,7 +4,20 @@
 
 #include "liblocal/kv_types.h"
 
+// The library's start-up, called once by a program or plug-in (again is
+// harmless: the one-time steps are skipped). `app_name` may be
+// "name-module" to name a module of the program (up to 30 characters).
 void _kvinit(char* app_name, int argc, char** argv);
+
+// What start-up kept: the application and module names (null before it),
+// the ids the process started with, and the debug command file path.
+const char* kv_get_appname(void);
+const char* kv_get_modname(void);
+void kv_get_startup_ids(uid_t* ruid, uid_t* euid, gid_t* rgid, gid_t* egid);
+const char* kv_get_debug_cmdfile(void);
+
+// Exit handlers of the library run in reverse order of registration, at
+// kv_exit and at the process's normal exit, unless disabled.
 
 KVError kv_atexit(void (*func)(void));
 KVError kv_unatexit(void (*func)(void));

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <stdlib.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -134,3 +135,96 @@ KVError kv_thread_yield(void) {
 int kv_thread_id(void) { return static_cast<int>(syscall(SYS_gettid)); }
 
 kv_sleep_hook_t kv_set_sleep_hook(kv_sleep_hook_t hook) { return g_sleep_hook.exchange(hook); }
+
+struct KVThreadStruct {
+    KVThreadFunc func;
+    void* arg;
+    pthread_t tid;
+    bool started;
+    bool joined;
+    void* result;
+};
+
+KVThread kv_thread_new(KVThreadFunc func, void* arg) {
+    if (func == nullptr) {
+        kv_error_set_errno(EINVAL);
+        return nullptr;
+    }
+    KVThread t = static_cast<KVThread>(xcalloc(1, sizeof(KVThreadStruct)));
+    t->func = func;
+    t->arg = arg;
+    return t;
+}
+
+KVError kv_thread_start(KVThread t) {
+    if (t == nullptr || t->started) return kv_error_set_errno(EINVAL);
+    int rc = pthread_create(&t->tid, nullptr, t->func, t->arg);
+    if (rc != 0) return kv_error_set_errno(rc);
+    t->started = true;
+    return KV_OK;
+}
+
+KVError kv_thread_join(KVThread t, void** result) {
+    if (t == nullptr || !t->started) return kv_error_set_errno(EINVAL);
+    if (!t->joined) {
+        int rc = pthread_join(t->tid, &t->result);
+        if (rc != 0) return kv_error_set_errno(rc);
+        t->joined = true;
+    }
+    if (result != nullptr) *result = t->result;
+    return KV_OK;
+}
+
+KVError kv_thread_tryjoin(KVThread t, void** result) {
+    if (t == nullptr || !t->started) return kv_error_set_errno(EINVAL);
+    if (!t->joined) {
+        int rc = pthread_tryjoin_np(t->tid, &t->result);
+        if (rc == EBUSY) return KV_EBUSY;
+        if (rc != 0) return kv_error_set_errno(rc);
+        t->joined = true;
+    }
+    if (result != nullptr) *result = t->result;
+    return KV_OK;
+}
+
+KVError kv_thread_destroy(KVThread t) {
+    if (t == nullptr) return KV_EINVAL;
+    // A thread never reaped would keep its stack for the process's life.
+    if (t->started && !t->joined) pthread_join(t->tid, nullptr);
+    free(t);
+    return KV_OK;
+}
+
+KVThreadId kv_thread_self(void) { return pthread_self(); }
+
+int kv_thread_equal(KVThreadId a, KVThreadId b) { return pthread_equal(a, b) ? 1 : 0; }
+
+KVThreadId kv_thread_get_id(KVThread t) { return t != nullptr ? t->tid : KVThreadId(); }
+
+KVError kv_thread_signal(KVThread t, int sig) {
+    if (t == nullptr || !t->started || t->joined) return kv_error_set_errno(EINVAL);
+    return from_rc(pthread_kill(t->tid, sig));
+}
+
+KVError kv_thread_cancel(KVThread t) {
+    if (t == nullptr || !t->started || t->joined) return kv_error_set_errno(EINVAL);
+    return from_rc(pthread_cancel(t->tid));
+}
+
+namespace {
+KVError mask_one(int how, int sig) {
+    sigset_t set;
+    sigemptyset(&set);
+    if (sigaddset(&set, sig) != 0) return kv_error_set_errno(EINVAL);
+    return from_rc(pthread_sigmask(how, &set, nullptr));
+}
+}  // namespace
+
+KVError kv_thread_block_signal(int sig) { return mask_one(SIG_BLOCK, sig); }
+KVError kv_thread_unblock_signal(int sig) { return mask_one(SIG_UNBLOCK, sig); }
+
+KVError kv_thread_block_all_signals(void) {
+    sigset_t set;
+    sigfillset(&set);
+    return from_rc(pthread_sigmask(SIG_BLOCK, &set, nullptr));
+}

@@ -22,6 +22,30 @@ void* kv_threadstorage_get(KVThreadStorage ts);
 KVError kv_threadstorage_set(KVThreadStorage ts, void* value);
 KVError kv_threadstorage_destroy(KVThreadStorage ts);
 
+// Threads: made with kv_thread_new, run by kv_thread_start, reaped by
+// kv_thread_join (or kv_thread_tryjoin, which returns KV_EBUSY while it runs)
+// and released by kv_thread_destroy.
+struct KVThreadStruct;
+typedef KVThreadStruct* KVThread;
+typedef void* (*KVThreadFunc)(void* arg);
+typedef pthread_t KVThreadId;
+#define KV_EBUSY 12
+
+KVThread kv_thread_new(KVThreadFunc func, void* arg);   // null on a null func
+KVError kv_thread_start(KVThread thread);
+KVError kv_thread_join(KVThread thread, void** result);
+KVError kv_thread_tryjoin(KVThread thread, void** result);
+KVError kv_thread_destroy(KVThread thread);   // joins first if started and not joined
+KVThreadId kv_thread_self(void);
+int kv_thread_equal(KVThreadId a, KVThreadId b);
+KVThreadId kv_thread_get_id(KVThread thread);
+KVError kv_thread_signal(KVThread thread, int sig);
+KVError kv_thread_cancel(KVThread thread);
+// Signal masks of the calling thread.
+KVError kv_thread_block_signal(int sig);
+KVError kv_thread_unblock_signal(int sig);
+KVError kv_thread_block_all_signals(void);
+
 // One nanosleep; an interruption by a signal returns non-zero and is not resumed.
 KVError kv_thread_sleep(uint32_t milliseconds);
 KVError kv_thread_yield(void);
