@@ -34,15 +34,20 @@ void lock(void) {
 void unlock(void) { kv_mutex_unlock(Installdir_mutex); }
 
 // The running binary's directory. A plug-in has no argv0 of its own, so the
-// kernel's name of the executable stands in for it.
-char* origin(char* argv0) {
+// kernel's name of the executable stands in for it; that guess is kept here
+// and not handed to find_origin, whose answer other areas rely on as given.
+std::string origin(char* argv0) {
     char* o = find_origin(argv0);
     if (o != nullptr) return o;
     char exe[PATH_MAX];
     ssize_t n = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
-    if (n <= 0) return nullptr;
+    if (n <= 0) return std::string();
     exe[n] = '\0';
-    return find_origin(exe);
+    char* slash = strrchr(exe, '/');
+    if (slash == nullptr) return std::string();
+    if (slash == exe) return "/";
+    *slash = '\0';
+    return exe;
 }
 
 std::string parent_of(const std::string& dir) {
@@ -55,11 +60,15 @@ std::string parent_of(const std::string& dir) {
 
 char* kv_find_installdir(char* argv0) {
     lock();
-    if (g_installdir == nullptr) {
-        char* o = origin(argv0 != nullptr ? argv0 : g_argv0);
-        if (o != nullptr) g_installdir = xstrdup(parent_of(o).c_str());
-    }
     char* r = g_installdir;
+    std::string arg = argv0 != nullptr ? argv0 : (g_argv0 != nullptr ? g_argv0 : "");
+    unlock();
+    if (r != nullptr) return r;
+    // Found without the lock: the origin lookup takes a lock of its own.
+    std::string o = origin(arg.empty() ? nullptr : &arg[0]);
+    lock();
+    if (g_installdir == nullptr && !o.empty()) g_installdir = xstrdup(parent_of(o).c_str());
+    r = g_installdir;
     unlock();
     return r;
 }
@@ -119,11 +128,13 @@ char* kv_get_bindir(void) {
     char* r = g_kept[K_BIN];
     unlock();
     if (r != nullptr) return r;
-    kv_get_installdir();
-    char* o = find_origin(nullptr);
-    if (o == nullptr) return kv_getset_dir(&g_kept[K_BIN], "bin");
     lock();
-    if (g_kept[K_BIN] == nullptr) g_kept[K_BIN] = xstrdup(o);
+    std::string arg = g_argv0 != nullptr ? g_argv0 : "";
+    unlock();
+    std::string o = origin(arg.empty() ? nullptr : &arg[0]);
+    if (o.empty()) return kv_getset_dir(&g_kept[K_BIN], "bin");
+    lock();
+    if (g_kept[K_BIN] == nullptr) g_kept[K_BIN] = xstrdup(o.c_str());
     r = g_kept[K_BIN];
     unlock();
     return r;
