@@ -126,6 +126,37 @@ void val_print(FILE* fp, vallist* vl);
 void vallist_print(FILE* fp, vallist* vl);
 int vallist_display(FILE* fp, vallist* vl);
 
+// Reading the text form. gettoken_rap is a resumable lexer: it returns
+// non-zero while the token is still open at the end of the chunk, and picks
+// up where it stopped when called again with the same line and offset.
+typedef enum { TOK_COMMA = 0, TOK_COLON = 1, TOK_SEMICOLON = 2, TOK_NEWLINE = 3, TOK_STRING = 4 } tok_kind;
+struct token_rap {
+    tok_kind kind;
+    size_t valsz;    // bytes allocated for value (owned; free() it)
+    char* value;     // NUL-terminated text of a TOK_STRING
+};
+typedef enum { PSTATE_START, PSTATE_ENDNAME, PSTATE_VALUE, PSTATE_ENDVALUE, PSTATE_DONE } pstate;
+struct parse_state {
+    attrlist* attr;
+    vallist* vtail;
+    pstate state;
+    int intok;
+    int line;
+    int lineoff;
+    int inquote;
+    int inbackslash;
+    int invalue;
+    int incomment;
+    int ineateol;
+    char* vp;
+    char* quote_end;
+    size_t valchars;
+};
+int gettoken_rap(char** bufp, ssize_t* charsp, int* linep, int* lineoffp, token_rap* tok,
+                 parse_state* psp);
+// The attributes of a text in the form attr_sprintf writes; a new list.
+attrlist* attrlist_parse_text(const char* text);
+
 // Seams to the message layer used by the text form (attrlist_msg.cpp).
 const char* attr_render_value_stbuf(const char* stbuf);   // per-thread result
 void attr_write_text(FILE* fp, const char* text, size_t len);
