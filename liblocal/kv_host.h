@@ -74,6 +74,13 @@ void kv_freeaddrinfo(struct addrinfo* res);
 int kv_getnameinfo(const struct sockaddr* sa, socklen_t salen, char* node, socklen_t nodelen,
                    char* service, socklen_t servicelen, int flags);
 void kv_set_addrinfo_caching(int on);
+// Numeric text of an IPv4 or IPv6 address; IPv4-mapped IPv6 reads as IPv4.
+const char* kv_inet_ntop(const struct sockaddr* addr, char* dst, size_t dstlen);
+int kv_inet_pton(const char* src, struct sockaddr_storage* dst);   // 1 parsed, 0 not
+int kv_is_myaddress(const struct sockaddr* addr);   // loopback or on an interface
+// The interface addresses as text: a null-terminated array (free each and it).
+int kv_get_ipaddresses(char*** addrs);
+int kv_get_ifaddress(struct sockaddr_storage* addr);   // one non-loopback; 0 or -1
 
 // Debug operation: above 0 flushes the DNS and address caches at the next
 // call, above 8 also the clients' cache.

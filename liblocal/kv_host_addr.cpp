@@ -407,3 +407,111 @@ int kv_getnameinfo(const struct sockaddr* sa, socklen_t salen, char* node, sockl
     if (service != nullptr && servicelen > 0) snprintf(service, servicelen, "%s", s);
     return 0;
 }
+
+// --- numeric forms and this machine's addresses ------------------------------
+
+const char* kv_inet_ntop(const struct sockaddr* addr, char* dst, size_t dstlen) {
+    if (addr == nullptr || dst == nullptr || dstlen == 0) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    socklen_t len;
+    if (addr->sa_family == AF_INET) {
+        len = sizeof(sockaddr_in);
+    } else if (addr->sa_family == AF_INET6) {
+        len = sizeof(sockaddr_in6);
+    } else {
+        kv_error_set_last(KV_ERRKIND_GAI, EAI_FAMILY);
+        errno = EAFNOSUPPORT;
+        return nullptr;
+    }
+    char text[NI_MAXHOST];
+    int rc = kv_getnameinfo(addr, len, text, sizeof text, nullptr, 0, NI_NUMERICHOST);
+    if (rc != 0) {
+        kv_error_set_last(KV_ERRKIND_GAI, rc);
+        errno = rc == EAI_SYSTEM ? errno : EINVAL;
+        return nullptr;
+    }
+    // IPv4-mapped IPv6 addresses read as plain IPv4.
+    const char* shown = text;
+    if (strncasecmp(text, "::ffff:", 7) == 0 && strchr(text, '.') != nullptr) shown = text + 7;
+    if (strlen(shown) >= dstlen) {
+        errno = ENOSPC;
+        return nullptr;
+    }
+    memcpy(dst, shown, strlen(shown) + 1);
+    return dst;
+}
+
+int kv_inet_pton(const char* src, struct sockaddr_storage* dst) {
+    if (src == nullptr || dst == nullptr) return 0;
+    struct addrinfo hints;
+    memset(&hints, 0, sizeof hints);
+    hints.ai_flags = AI_NUMERICHOST;
+    struct addrinfo* res = nullptr;
+    auto gai = g_res.getaddrinfo != nullptr ? g_res.getaddrinfo : ::getaddrinfo;
+    auto fai = g_res.freeaddrinfo != nullptr ? g_res.freeaddrinfo : ::freeaddrinfo;
+    if (gai(src, nullptr, &hints, &res) != 0 || res == nullptr) return 0;
+    memset(dst, 0, sizeof *dst);
+    memcpy(dst, res->ai_addr, res->ai_addrlen < sizeof *dst ? res->ai_addrlen : sizeof *dst);
+    fai(res);
+    return 1;
+}
+
+static bool same_address(const sockaddr* a, const sockaddr_storage& b) {
+    if (a->sa_family != b.ss_family) return false;
+    if (a->sa_family == AF_INET)
+        return reinterpret_cast<const sockaddr_in*>(a)->sin_addr.s_addr ==
+               reinterpret_cast<const sockaddr_in*>(&b)->sin_addr.s_addr;
+    if (a->sa_family == AF_INET6)
+        return memcmp(&reinterpret_cast<const sockaddr_in6*>(a)->sin6_addr,
+                      &reinterpret_cast<const sockaddr_in6*>(&b)->sin6_addr, sizeof(in6_addr)) == 0;
+    return false;
+}
+
+static bool is_loopback(const sockaddr* a) {
+    if (a->sa_family == AF_INET)
+        return (ntohl(reinterpret_cast<const sockaddr_in*>(a)->sin_addr.s_addr) >> 24) == 127;
+    if (a->sa_family == AF_INET6)
+        return IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<const sockaddr_in6*>(a)->sin6_addr);
+    return false;
+}
+
+int kv_is_myaddress(const struct sockaddr* addr) {
+    if (addr == nullptr) return 0;
+    if (is_loopback(addr)) return 1;
+    struct sockaddr_storage ifs[64];
+    int n = host_ifaddrs(ifs, 64);
+    for (int i = 0; i < n; i++)
+        if (same_address(addr, ifs[i])) return 1;
+    return 0;
+}
+
+int kv_get_ipaddresses(char*** addrs) {
+    if (addrs == nullptr) return -1;
+    *addrs = nullptr;
+    struct sockaddr_storage ifs[64];
+    int n = host_ifaddrs(ifs, 64);
+    if (n < 0) return -1;
+    char** out = static_cast<char**>(xcalloc((size_t)n + 1, sizeof(char*)));
+    int k = 0;
+    for (int i = 0; i < n; i++) {
+        char text[NI_MAXHOST];
+        if (kv_inet_ntop(reinterpret_cast<const sockaddr*>(&ifs[i]), text, sizeof text) != nullptr)
+            out[k++] = xstrdup(text);
+    }
+    *addrs = out;
+    return k;
+}
+
+int kv_get_ifaddress(struct sockaddr_storage* addr) {
+    if (addr == nullptr) return -1;
+    struct sockaddr_storage ifs[64];
+    int n = host_ifaddrs(ifs, 64);
+    for (int i = 0; i < n; i++) {
+        if (is_loopback(reinterpret_cast<const sockaddr*>(&ifs[i]))) continue;
+        *addr = ifs[i];
+        return 0;
+    }
+    return -1;
+}

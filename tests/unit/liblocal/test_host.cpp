@@ -266,3 +266,53 @@ TEST(HostSystemResolver, LoopbackResolvesAndReverses) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(HostNumeric, MappedIpv4ReadsAsIpv4AndOtherFamiliesFail) {
+    kv_host_set_resolver(nullptr);
+    sockaddr_storage ss;
+    ASSERT_EQ(kv_inet_pton("::FFFF:127.0.0.1", &ss), 1);
+    char text[64];
+    ASSERT_NE(kv_inet_ntop(reinterpret_cast<sockaddr*>(&ss), text, sizeof text), nullptr);
+    EXPECT_STREQ(text, "127.0.0.1");
+    ASSERT_EQ(kv_inet_pton("fd00::2", &ss), 1);
+    ASSERT_NE(kv_inet_ntop(reinterpret_cast<sockaddr*>(&ss), text, sizeof text), nullptr);
+    EXPECT_STREQ(text, "fd00::2");
+    EXPECT_EQ(kv_inet_pton("not-an-address", &ss), 0);
+    sockaddr bad;
+    memset(&bad, 0, sizeof bad);
+    bad.sa_family = AF_UNIX;
+    errno = 0;
+    EXPECT_EQ(kv_inet_ntop(&bad, text, sizeof text), nullptr);
+    EXPECT_EQ(errno, EAFNOSUPPORT);
+    char tiny[4];
+    ASSERT_EQ(kv_inet_pton("127.0.0.1", &ss), 1);
+    EXPECT_EQ(kv_inet_ntop(reinterpret_cast<sockaddr*>(&ss), tiny, sizeof tiny), nullptr);
+}
+
+TEST_F(HostCache, MyAddressesAreLoopbackAndInterfaces) {
+    sockaddr_storage ss;
+    ASSERT_EQ(kv_inet_pton("127.0.9.9", &ss), 1);
+    EXPECT_EQ(kv_is_myaddress(reinterpret_cast<sockaddr*>(&ss)), 1);
+    ASSERT_EQ(kv_inet_pton("127.0.1.1", &ss), 1);
+    EXPECT_EQ(kv_is_myaddress(reinterpret_cast<sockaddr*>(&ss)), 1);
+    fake_resolver::interfaces() = {"::1", "10.1.2.3"};
+    ASSERT_EQ(kv_inet_pton("10.1.2.3", &ss), 1);
+    EXPECT_EQ(kv_is_myaddress(reinterpret_cast<sockaddr*>(&ss)), 1);
+    ASSERT_EQ(kv_inet_pton("10.1.2.4", &ss), 1);
+    EXPECT_EQ(kv_is_myaddress(reinterpret_cast<sockaddr*>(&ss)), 0);
+    sockaddr_storage one;
+    ASSERT_EQ(kv_get_ifaddress(&one), 0);
+    char text[64];
+    EXPECT_STREQ(kv_inet_ntop(reinterpret_cast<sockaddr*>(&one), text, sizeof text), "10.1.2.3");
+    char** list = nullptr;
+    ASSERT_EQ(kv_get_ipaddresses(&list), 2);
+    EXPECT_STREQ(list[0], "::1");
+    EXPECT_STREQ(list[1], "10.1.2.3");
+    EXPECT_EQ(list[2], nullptr);
+    for (char** p = list; *p != nullptr; p++) free(*p);
+    free(list);
+}
+
+}  // namespace
