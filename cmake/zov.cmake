@@ -1,15 +1,18 @@
 # Helpers shared by the folders' CMakeLists.
 
-# zov_static_library(NAME DIR... [DEPS lib...])
+# zov_static_library(NAME DIRS dir... [EXCLUDE file...] [DEPS lib...])
 # A static library of every .c/.cpp file directly inside the given folders.
 # Folders glob their sources so that adding a file needs no build edit.
 function(zov_static_library name)
-  cmake_parse_arguments(ZL "" "" "DIRS;DEPS" ${ARGN})
+  cmake_parse_arguments(ZL "" "" "DIRS;DEPS;EXCLUDE" ${ARGN})
   set(srcs)
   foreach(d ${ZL_DIRS})
     file(GLOB s CONFIGURE_DEPENDS ${d}/*.cpp ${d}/*.c)
     list(APPEND srcs ${s})
   endforeach()
+  if(ZL_EXCLUDE)
+    list(REMOVE_ITEM srcs ${ZL_EXCLUDE})
+  endif()
   add_library(${name} STATIC ${srcs})
   if(ZL_DEPS)
     target_link_libraries(${name} PUBLIC ${ZL_DEPS})

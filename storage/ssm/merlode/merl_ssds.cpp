@@ -1,0 +1,146 @@
+// merlDirectoryService: settings, frame list, technologies.
+#include "storage/ssm/merlode/merl_ssds.h"
+
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+
+#include <algorithm>
+
+#include "liblocal/kv_thread.h"
+#include "storage/ssm/merlode/cli/zov_quillset.h"
+#include "storage/ssm/merlode/merl_globalfuncs.h"
+
+static const char* const kFile = "storage/ssm/merlode/merl_ssds";
+
+merlDirectoryService::merlDirectoryService(SSLOG_FUNC_POINTER fpLog, void* logCtx)
+    : m_fpLog(fpLog),
+      m_logCtx(logCtx),
+      m_e(fpLog, logCtx),
+      m_numOfSubServ(3),
+      m_quillsetContext(nullptr),
+      m_makePersistent(0),
+      m_runNonSecure(0),
+      m_attrlist(nullptr) {
+    m_subServTypes[0] = strdup("COW");
+    m_subServTypes[1] = strdup("MIRROR");
+    m_subServTypes[2] = strdup("KVT-SNAP");
+    m_e.logprintf(9, kFile, __LINE__, "END: merlDirectoryService::constructor");
+}
+
+merlDirectoryService::~merlDirectoryService() {
+    // All three names are released here: the loader cannot reach the array
+    // once the object is gone, and a plug-in must not leak per object.
+    for (char*& name : m_subServTypes) {
+        free(name);
+        name = nullptr;
+    }
+    delete m_quillsetContext;
+    m_quillsetContext = nullptr;
+    attrlist_free(m_attrlist);
+    m_attrlist = nullptr;
+}
+
+SSError* merlDirectoryService::init(attrlist* attrList) {
+    static const char* const fname = "merlDirectoryService::init";
+    merl_space::mtxMerlode = kv_mutex_new();
+    if (merl_space::mtxMerlode == nullptr)
+        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INSUFFICIENT_MEMORY,
+                           "%s: Memory allocation error", fname);
+    if (attrList == nullptr) return nullptr;
+
+    attrlist_free(m_attrlist);
+    m_attrlist = attrlist_dup(attrList);
+
+    // One value may name several frames joined by colons.
+    attrlist* frames = attrlist_find(m_attrlist, "FRAME_IP");
+    if (frames != nullptr) {
+        for (vallist* v = frames->values; v != nullptr; v = v->next) {
+            std::string rest(v->value);
+            while (!rest.empty()) m_ipaddrlist.push_back(merl_space::nextToken(rest, ":"));
+        }
+    }
+    std::sort(m_ipaddrlist.begin(), m_ipaddrlist.end());
+    m_ipaddrlist.erase(std::unique(m_ipaddrlist.begin(), m_ipaddrlist.end()), m_ipaddrlist.end());
+
+    m_e.logprintf(9, kFile, __LINE__, "END: %s", fname);
+    return nullptr;
+}
+
+SSError* merlDirectoryService::deInit() {
+    static const char* const fname = "merlDirectoryService::deInit";
+    kv_mutex_destroy(merl_space::mtxMerlode);
+    merl_space::mtxMerlode = nullptr;
+    m_e.logprintf(9, kFile, __LINE__, "END: %s", fname);
+    return nullptr;
+}
+
+bool merlDirectoryService::isKnownSubType(const char* serviceSubType) const {
+    if (serviceSubType == nullptr) return false;
+    return strcasecmp(serviceSubType, "COW") == 0 || strcasecmp(serviceSubType, "MIRROR") == 0 ||
+           strcasecmp(serviceSubType, "KVT-SNAP") == 0;
+}
+
+SSError* merlDirectoryService::getAPIVersion(const char* serviceSubType,
+                                             SSAPIVersion& apiVersion) {
+    // The small p is the form this operation has always logged under.
+    static const char* const fname = "merlDirectoryService::getApiVersion";
+    if (!isKnownSubType(serviceSubType))
+        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_SNAPSHOT_NOT_SUPPORTED,
+                           "%s: Specified storage subsystem type (%s) is not supported", fname,
+                           serviceSubType != nullptr ? serviceSubType : "(null)");
+    apiVersion.m_majorVersion = 1;
+    apiVersion.m_minorVersion = 1;
+    m_e.logprintf(9, kFile, __LINE__, "END: %s", fname);
+    return nullptr;
+}
+
+SSError* merlDirectoryService::getStorageStackLevel(const char* serviceSubType,
+                                                    SSStorageStackLevel& level) {
+    static const char* const fname = "merlDirectoryService::getStorageStackLevel";
+    if (!isKnownSubType(serviceSubType))
+        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_SNAPSHOT_NOT_SUPPORTED,
+                           "%s: Specified storage subsystem type (%s) is not supported", fname,
+                           serviceSubType != nullptr ? serviceSubType : "(null)");
+    level = SS_LEVEL_DISK;
+    m_e.logprintf(9, kFile, __LINE__, "END: %s", fname);
+    return nullptr;
+}
+
+SSError* merlDirectoryService::querySupportedServiceSubType(char**& subServices, int& num) {
+    static const char* const fname = "merlDirectoryService::querySupportedServiceSubType";
+    subServices = m_subServTypes;
+    num = m_numOfSubServ;
+    m_e.logprintf(9, kFile, __LINE__, "END: %s", fname);
+    return nullptr;
+}
+
+SSError* merlDirectoryService::getServiceInstance(const char* serviceSubType,
+                                                  IService*& serviceObj) {
+    static const char* const fname = "merlDirectoryService::getServiceInstance";
+    if (serviceSubType == nullptr) {
+        serviceObj = nullptr;
+        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_SNAPSHOT_NOT_SUPPORTED,
+                           "%s: Specified storage subsystem type (%s) is not supported", fname,
+                           "(null)");
+    }
+    // No technology makes service objects yet: a known subtype, like an
+    // unknown one, leaves serviceObj as it was.
+    m_e.logprintf(9, kFile, __LINE__, "END: %s", fname);
+    return nullptr;
+}
+
+SSError* merlDirectoryService::isServiceSupported(SSSource ssSource, const char* serviceSubType,
+                                                  attrlist*, int& isSupported) {
+    static const char* const fname = "merlDirectoryService::isServiceSupported";
+    std::string source(ssSource != nullptr ? ssSource : "");
+    isSupported = 0;
+    // The subtype is tested first: an unknown one is a plain "no", even on a
+    // host with no frames configured.
+    if (!isKnownSubType(serviceSubType)) return nullptr;
+    if (m_quillsetContext == nullptr && m_ipaddrlist.empty())
+        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
+                           "%s: Frame IP address(s) missing from environment", fname);
+    m_e.logprintf(9, kFile, __LINE__, "END: %s", fname);
+    return nullptr;
+}
