@@ -135,9 +135,8 @@ protected:
         EXPECT_EQ(dlsym(handle, "_kvinit"), nullptr);
         EXPECT_EQ(dlsym(handle, "msg_create"), nullptr);
     }
-    void TearDown() override {
-        if (handle != nullptr) dlclose(handle);
-    }
+    // The module stays loaded, as loaders keep it: its process-wide pools
+    // live as long as the process.
     std::string text_of(ldr::SSError* e) {
         std::string t = e->errInfo.errstr != nullptr ? e->errInfo.errstr : "";
         freeSSObject(e);

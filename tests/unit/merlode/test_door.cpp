@@ -59,7 +59,8 @@ TEST(NextToken, MultiCharacterDelimiterErasesOnlyItsFirstCharacter) {
     EXPECT_EQ(s, " y");
     // Found at the front: one character goes, then the search starts again.
     std::string t = ", , z";
-    EXPECT_EQ(merl_space::nextToken(t, ", "), " z");
+    EXPECT_EQ(merl_space::nextToken(t, ", "), " ");
+    EXPECT_EQ(t, " z");
 }
 
 TEST(NextToken, DegenerateDelimitersAndLongRunsTerminate) {
