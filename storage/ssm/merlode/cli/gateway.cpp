@@ -9,6 +9,7 @@
 #include <netdb.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -365,6 +366,18 @@ void zov_quillset_set_lockdir_for_test(const char* dir) {
     g_lockdir_override = dir != nullptr ? dir : "";
 }
 
+// Times the lock is taken again because its file was removed meanwhile; each
+// renewal means another process held and released the lock, so the bound is
+// never reached in practice and only keeps a broken file system from looping.
+static const int kLockRenewals = 1000;
+
+// Does `path` still name the file open on `fd`?
+static bool lock_names_path(int fd, const std::string& path) {
+    struct stat held, named;
+    if (fstat(fd, &held) != 0 || stat(path.c_str(), &named) != 0) return false;
+    return held.st_dev == named.st_dev && held.st_ino == named.st_ino;
+}
+
 static std::string lock_path() {
     const std::string dir = g_lockdir_override.empty() ? "/vmr/tmp" : g_lockdir_override;
     char path[12288];
@@ -377,29 +390,44 @@ int zov_quillset::set_file_lock(int nonblocking) {
     // Logged before anything is locked: it only says where the lock lives.
     m_e.logprintf(5, kFile, __LINE__, "set_file_lock() : SUCCESS !!!!! lock file is [%s]. ",
                   path.c_str());
-    int fd = kv_open(path.c_str(), O_RDWR | O_CREAT, 0644, 0);
-    if (fd < 0)
-        m_e.logprintf(3, kFile, __LINE__, "set_file_lock : failed to open lock file [%s]",
-                      path.c_str());
-    int rc = -1;
-    if (fd >= 0) rc = nonblocking ? kv_trylockfile(fd, KV_LOCK_EXCLUSIVE)
-                                  : kv_lockfile(fd, KV_LOCK_EXCLUSIVE);
-    if (fd < 0 || rc != 0) {
-        m_e.logprintf(3, kFile, __LINE__, "set_file_lock : cannot acquire lock");
-        // A lock that failed leaves its descriptor open; the caller has no
-        // way to release it, so it is not kept.
-        if (fd >= 0) close(fd);
-        return -1;
+    // Each release removes the file. A taker that opened it before the
+    // removal can win the lock on the removed file while a later taker
+    // creates and locks a new one, and both would think they hold the host
+    // lock; so the lock counts only while the path still names the file
+    // locked, and otherwise it is taken again on what the path names now.
+    for (int attempt = 0; attempt < kLockRenewals; attempt++) {
+        int fd = kv_open(path.c_str(), O_RDWR | O_CREAT, 0644, 0);
+        if (fd < 0)
+            m_e.logprintf(3, kFile, __LINE__, "set_file_lock : failed to open lock file [%s]",
+                          path.c_str());
+        int rc = -1;
+        if (fd >= 0) rc = nonblocking ? kv_trylockfile(fd, KV_LOCK_EXCLUSIVE)
+                                      : kv_lockfile(fd, KV_LOCK_EXCLUSIVE);
+        if (fd < 0 || rc != 0) {
+            m_e.logprintf(3, kFile, __LINE__, "set_file_lock : cannot acquire lock");
+            // A lock that failed leaves its descriptor open; the caller has no
+            // way to release it, so it is not kept.
+            if (fd >= 0) close(fd);
+            return -1;
+        }
+        if (lock_names_path(fd, path)) return fd;
+        kv_unlockfile(fd);
+        close(fd);
     }
-    return fd;
+    m_e.logprintf(3, kFile, __LINE__, "set_file_lock : cannot acquire lock");
+    return -1;
 }
 
 void zov_quillset::set_file_unlock(int fd) {
     m_e.logprintf(5, kFile, __LINE__, "Entering : set_file_unlock");
     std::string path = lock_path();
     if (fd >= 0) {
-        kv_unlockfile(fd);
+        // Removed while still held: a taker that then wins the lock on this
+        // file finds the path gone and starts again (set_file_lock). Removed
+        // after the unlock, the path could name this file to a new holder
+        // for a moment, and then a third taker would create another.
         kv_unlink(path.c_str());
+        kv_unlockfile(fd);
     }
     if (fd >= 0) close(fd);
     m_e.logprintf(5, kFile, __LINE__, "exiting : set_file_unlock ");
