@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "liblocal/attrlist.h"
+#include "liblocal/kv_host.h"
 #include "liblocal/kv_spawn.h"
 #include "storage/ssm/merlode/cli/line_match.h"
 #include "storage/ssm/merlode/cli/zov_quillset.h"
@@ -120,7 +121,7 @@ SSError* zov_quillset::processGetSnapshotList(FILE* stream, const std::string& i
         int lun = 0;
         sscanf(line.c_str() + pm[1].rm_so, "%i", &lun);
         for (storagegroup& sg : m_storagegrouplist) {
-            if (!zov_text::same_frame(sg.frameIp.c_str(), ipaddr.c_str())) continue;
+            if (!samehost(sg.frameIp.c_str(), ipaddr.c_str())) continue;
             for (hlualu& h : sg.hlualuList) {
                 if (h.alu == lun) {
                     h.snappable = 1;

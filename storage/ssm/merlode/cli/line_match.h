@@ -3,8 +3,6 @@
 #pragma once
 
 #include <regex.h>
-#include <strings.h>
-#include <unistd.h>
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -57,25 +55,6 @@ inline bool scan_i(const std::string& text, int& out) {
     if (sscanf(text.c_str(), "%i", &v) != 1) return false;
     out = v;
     return true;
-}
-
-// Is `host` this machine: null, "localhost" or this host's name, whole or
-// up to its first dot on either side, ignoring case.
-inline int is_this_host(const char* host) {
-    if (host == nullptr || strcasecmp(host, "localhost") == 0) return 1;
-    char me[256] = {0};
-    if (gethostname(me, sizeof(me) - 1) != 0 || me[0] == '\0') return 0;
-    if (strcasecmp(host, me) == 0) return 1;
-    std::string h(host), m(me);
-    std::string hs = h.substr(0, h.find('.')), ms = m.substr(0, m.find('.'));
-    return (!hs.empty() && strcasecmp(hs.c_str(), ms.c_str()) == 0) ? 1 : 0;
-}
-
-// Do two frame names stand for one machine: the same text, ignoring case.
-inline int same_frame(const char* a, const char* b) {
-    if (a == b) return 1;
-    if (a == nullptr || b == nullptr) return 0;
-    return strcasecmp(a, b) == 0 ? 1 : 0;
 }
 
 }  // namespace zov_text

@@ -12,6 +12,7 @@
 
 #include "liblocal/kv_spawn.h"
 #include "liblocal/kv_thread.h"
+#include "liblocal/kv_time.h"
 #include "storage/ssm/merlode/cli/line_match.h"
 #include "storage/ssm/merlode/cli/zov_quillset.h"
 
@@ -149,7 +150,7 @@ SSError* zov_quillset::processSessionNames(FILE* stream, const std::string& ipad
     m_e.logprintf(9, kFile, __LINE__, "%s: processed %d lines", fname, lines);
 
     // Age survey over every name seen so far, of this frame or earlier ones.
-    time_t limit = time(nullptr) - kOldSessionSecs;
+    const kv_time64_t limit = kv_time(nullptr) - kOldSessionSecs;
     for (const std::string& name : m_sessionList) {
         if (name.size() != kSessionNameLen) {
             m_e.logprintf(7, kFile, __LINE__, "%s: found non-conforming session name: [%s] (%d)",
@@ -172,8 +173,8 @@ SSError* zov_quillset::processSessionNames(FILE* stream, const std::string& ipad
         t.tm_mon = mon;  // written counted from 0, so taken as it stands
         t.tm_year = year - 1900;
         t.tm_isdst = 0;
-        time_t made = mktime(&t);
-        if (made != (time_t)-1 && made < limit)
+        kv_time64_t made = kv_mktime(&t);
+        if (made != (kv_time64_t)-1 && kv_time_cmp(made, limit) < 0)
             m_e.logprintf(0, kFile, __LINE__,
                           "%s: INFO - Found session (%s) on frame (%s) that appears to be very old",
                           fname, name.c_str(), ipaddr.c_str());

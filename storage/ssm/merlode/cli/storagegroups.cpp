@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "liblocal/kv_host.h"
 #include "liblocal/kv_spawn.h"
 #include "storage/ssm/merlode/cli/line_match.h"
 #include "storage/ssm/merlode/cli/zov_quillset.h"
@@ -104,7 +105,7 @@ SSError* zov_quillset::processPortList(FILE* stream, const std::string& ipaddr) 
         case 1:
             if (rx(m_cp[1], line, pm, 2)) {
                 std::string server = rx_group(line, pm[1]);
-                parseState = zov_text::is_this_host(server.c_str()) ? 2 : 0;
+                parseState = is_myname(server.c_str()) ? 2 : 0;
             }
             break;
         case 2:
@@ -348,7 +349,7 @@ SSError* zov_quillset::processMoverUID(FILE* stream, const std::string& ipaddr) 
     m_e.logprintf(7, kFile, __LINE__, "Entering %s ", fname);
     char hostbuf[64];
     memset(hostbuf, 0, sizeof(hostbuf));
-    if (gethostname(hostbuf, sizeof(hostbuf) - 1) != 0) {
+    if (kv_gethostname(hostbuf, sizeof(hostbuf) - 1) != 0) {
         m_e.logprintf(3, kFile, __LINE__, "%s: Failed to get host name", fname);
         return nullptr;
     }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "liblocal/kv_host.h"
 #include "liblocal/kv_spawn.h"
 #include "storage/ssm/merlode/cli/line_match.h"
 #include "storage/ssm/merlode/cli/zov_quillset.h"
@@ -56,7 +57,7 @@ SSError* zov_quillset::initVolMap(std::string passSrcDev) {
     m_e.logprintf(9, kFile, __LINE__, "%s: Getting Merlode LUN Info.", fname);
     char hostbuf[64];
     memset(hostbuf, 0, sizeof(hostbuf));
-    if (gethostname(hostbuf, sizeof(hostbuf) - 1) != 0) {
+    if (kv_gethostname(hostbuf, sizeof(hostbuf) - 1) != 0) {
         m_e.logprintf(3, kFile, __LINE__, "%s: Unable to get the hostname", fname);
         return nullptr;
     }
@@ -296,7 +297,7 @@ std::string zov_quillset::proxyCloneInitVolMap(int passCloneSrcNumber, int PPPse
         }
         char hostbuf[64];
         memset(hostbuf, 0, sizeof(hostbuf));
-        if (gethostname(hostbuf, sizeof(hostbuf) - 1) != 0) {
+        if (kv_gethostname(hostbuf, sizeof(hostbuf) - 1) != 0) {
             m_e.logprintf(3, kFile, __LINE__,
                           "%s: Unable to get the hostname.  Returning an empty string.", fname);
             return std::string();
