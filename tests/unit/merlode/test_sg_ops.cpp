@@ -288,7 +288,7 @@ int add_clones(const std::vector<int>& alus) {
 // removal must still never hold the lock at the same time, or two of them
 // read the same group and pick the same HLU.
 TEST_F(SgMove, ProcessesAddingAtOnceNeverPickTheSameHlu) {
-    const int kProcs = 4, kEach = 6;
+    const int kProcs = 4, kEach = 4;
     scen.reset(new sgsim::Scenario(sgsim::clone_move_scenario(1 + kProcs * kEach)));
     sim.reset();
     sim.reset(new Sim(scen->init_args()));
