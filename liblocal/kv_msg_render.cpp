@@ -385,8 +385,13 @@ void emit_all(Sink& sink, const char* form, ValueSource& src) {
         if (sp.width_pos > 0) {
             long long w = src.get_int(sp.width_pos);
             width = w > kMaxWidth ? kMaxWidth : (w < -kMaxWidth ? -kMaxWidth : static_cast<int>(w));
+            // Only a width given as an argument can be negative: it means "-".
+            clamp_width(&width, &left);
+        } else if (width > kMaxWidth) {
+            // -1 stands for no width at all, and must not become a
+            // left-adjusted width of one (an empty "%s" would print a blank).
+            width = kMaxWidth;
         }
-        clamp_width(&width, &left);
         int prec = sp.prec;
         if (sp.prec_pos > 0) {
             long long pr = src.get_int(sp.prec_pos);

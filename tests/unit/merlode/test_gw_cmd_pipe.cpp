@@ -1,6 +1,8 @@
 // Tool location (CMD), the pipe, the locators and esv_spawn, with a real
 // tiny child (tests/helpers/gw_argv_dump) that reports what it was given.
+#include <errno.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
@@ -207,6 +209,37 @@ TEST_F(GwSpawn, ProgramThatCannotStartLeavesNothingBehind) {
     EXPECT_EQ(waitchild(pid, &status, 0), pid);
     EXPECT_EQ(WEXITSTATUS(status), SPAWN_EXEC_FAILED);
     EXPECT_EQ(open_fd_count(), fds);
+}
+
+TEST_F(GwSpawn, EmptyCommandLineStartsNoChild) {
+    zov_quillset q(&LogCapture::fn, &log);
+    int fds = open_fd_count();
+    for (const char* line : {"", " ", "   "}) {
+        SCOPED_TRACE(std::string("[") + line + "]");
+        Pipe p(&LogCapture::fn, &log);
+        ASSERT_EQ(p.init(), nullptr);
+        int pid = 12345;
+        SSError* err = q.esv_spawn(&p, &pid, "%s", line);
+        if (*line == '\0') {
+            // Nothing to run: refused before any fork.
+            ASSERT_NE(err, nullptr);
+            EXPECT_STREQ(err->getErrMsg(), "zov_quillset::esv_spawn: Spawn of external command failed");
+            EXPECT_EQ(err->getErrCode(), SS_EC_INTERNAL_ERROR);
+            EXPECT_LT(pid, 0);
+            EXPECT_TRUE(log.has("zov_quillset::esv_spawn: Failed spawn of \"\", err: ", 1));
+        } else {
+            // Blanks alone make one empty program name, which cannot start.
+            ASSERT_EQ(err, nullptr) << err->getErrMsg();
+            int status = 0;
+            EXPECT_EQ(waitchild(pid, &status, 0), pid);
+            EXPECT_EQ(WEXITSTATUS(status), SPAWN_EXEC_FAILED);
+        }
+        delete err;
+    }
+    EXPECT_EQ(open_fd_count(), fds);
+    errno = 0;
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
 }
 
 TEST(GwLocators, ToolsFoundOnceAndMissesRepeated) {
