@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "liblocal/kv_env.h"
+#include "liblocal/kv_error.h"
 #include "liblocal/kv_file.h"
 #include "liblocal/kv_msg.h"
 #include "liblocal/kv_spawn.h"
@@ -82,7 +83,7 @@ SSError* Pipe::init() {
     if (pipe2(m_pipefds, O_CLOEXEC) != 0)
         return m_e.generr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
                           "%s: Failed to create pipe for external process I/O, %s",
-                          "Pipe::constructor", gw_strerror(errno).c_str());
+                          "Pipe::constructor", kv_strerror(errno));
     m_ffd = fdopen(m_pipefds[0], "r");
     m_readIsOpen = 1;
     m_writeIsOpen = 1;
@@ -248,7 +249,7 @@ SSError* zov_quillset::esv_spawn(Pipe* pp, int* pidp, const char* format, ...) {
         int saved = errno;
         free(envp[0]);
         m_e.logprintf(1, kFile, __LINE__, "%s: Failed spawn of \"%s\", err: %s", fname,
-                      fullcmd_str.c_str(), gw_strerror(saved).c_str());
+                      fullcmd_str.c_str(), kv_strerror(saved));
         return m_e.generr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
                           "%s: Spawn of external command failed", fname);
     }

@@ -11,6 +11,8 @@
 #include <exception>
 
 #include "drivers/cdi/cdi.h"
+#include "liblocal/kv_error.h"
+#include "liblocal/kv_host.h"
 #include "liblocal/kv_msg.h"
 #include "liblocal/kv_spawn.h"
 #include "storage/ssm/merlode/cli/gw_internal.h"
@@ -26,6 +28,27 @@ static const int kInqLunOffset = 121;      // two bytes, high byte first
 static const int kInqFrameIpOffset = 140;  // four octets in reading order
 
 // ---------------------------------------------------------------- INQUIRY
+
+bool gw_decode_array_inquiry(const unsigned char* data, size_t len, unsigned int* lun,
+                             std::string* frameIp) {
+    // Bytes the device did not send read as zero, as in the cleared buffer
+    // of the request: a short answer can neither be read past its end nor
+    // carry the vendor it lacks.
+    unsigned char inq[kInqFrameIpOffset + 4];
+    memset(inq, 0, sizeof(inq));
+    if (data != nullptr) memcpy(inq, data, len < sizeof(inq) ? len : sizeof(inq));
+    if (memcmp(inq + kInqVendorOffset, kArrayVendor, 3) != 0) return false;
+    if (lun != nullptr)
+        *lun = (static_cast<unsigned int>(inq[kInqLunOffset]) << 8) | inq[kInqLunOffset + 1];
+    if (frameIp != nullptr) {
+        char ipbuf[100];
+        snprintf(ipbuf, sizeof(ipbuf), "%u.%u.%u.%u", inq[kInqFrameIpOffset],
+                 inq[kInqFrameIpOffset + 1], inq[kInqFrameIpOffset + 2],
+                 inq[kInqFrameIpOffset + 3]);
+        *frameIp = ipbuf;
+    }
+    return true;
+}
 
 SSError* zov_quillset::merlode_devpathname2lun(const char* given_devpathname,
                                                unsigned int* lunID, char** frameIP) {
@@ -51,7 +74,7 @@ SSError* zov_quillset::merlode_devpathname2lun(const char* given_devpathname,
         err = m_e.generr(kFile, __LINE__, nullptr, SS_EC_INVALID_ACCESS_PATH,
                          "[%s %d] cdi_open(\"%s\") failed, %s, %s", kFile, __LINE__,
                          given_devpathname, cdi.error.errstr != nullptr ? cdi.error.errstr : "",
-                         gw_strerror(cdi.error.errnum).c_str());
+                         kv_strerror(cdi.error.errnum));
     } else {
         cdi.command = CDI_INQUIRY;
         cdi.cmd_data.inquiry.inq_data_requested = 0;
@@ -60,10 +83,17 @@ SSError* zov_quillset::merlode_devpathname2lun(const char* given_devpathname,
                              "[%s %d] cdi_cmd(INQUIRY, \"%s\") failed, %s, %s", kFile, __LINE__,
                              given_devpathname,
                              cdi.error.errstr != nullptr ? cdi.error.errstr : "",
-                             gw_strerror(cdi.error.errnum).c_str());
+                             kv_strerror(cdi.error.errnum));
         } else {
-            const unsigned char* inq = cdi.cmd_data.inquiry.inquiry_data;
-            if (memcmp(inq + kInqVendorOffset, kArrayVendor, 3) != 0) {
+            // What arrived: a device may answer with less than was asked for.
+            size_t got = sizeof(cdi.cmd_data.inquiry.inquiry_data);
+            if (cdi.scmd.scmd_resid > 0 && static_cast<size_t>(cdi.scmd.scmd_resid) < got)
+                got -= static_cast<size_t>(cdi.scmd.scmd_resid);
+            else if (cdi.scmd.scmd_resid > 0)
+                got = 0;
+            unsigned int lun = 0;
+            std::string ip;
+            if (!gw_decode_array_inquiry(cdi.cmd_data.inquiry.inquiry_data, got, &lun, &ip)) {
                 errinfo* m = msg_create(95616, 15022, "Not a Merlode device [%s]", ARG_TEXT,
                                         given_devpathname);
                 if (m != nullptr) {
@@ -71,17 +101,12 @@ SSError* zov_quillset::merlode_devpathname2lun(const char* given_devpathname,
                     msg_free(m);
                 }
             } else {
-                *lunID = (static_cast<unsigned int>(inq[kInqLunOffset]) << 8) |
-                         inq[kInqLunOffset + 1];
-                char ipbuf[100];
-                snprintf(ipbuf, sizeof(ipbuf), "%u.%u.%u.%u", inq[kInqFrameIpOffset],
-                         inq[kInqFrameIpOffset + 1], inq[kInqFrameIpOffset + 2],
-                         inq[kInqFrameIpOffset + 3]);
-                if (frameIP != nullptr) *frameIP = strdup(ipbuf);
+                *lunID = lun;
+                if (frameIP != nullptr) *frameIP = strdup(ip.c_str());
                 m_e.logprintf(
                     5, kFile, __LINE__,
                     "%s: Merlode pathName [%s] is control by frameIP [%s], and has LUN ID [%d]",
-                    fname, given_devpathname, ipbuf, static_cast<int>(*lunID));
+                    fname, given_devpathname, ip.c_str(), static_cast<int>(*lunID));
             }
         }
     }
@@ -270,7 +295,7 @@ std::string zov_quillset::convertWWNToLun(std::string passSrcDev) {
     // The host's own address is only logged; what follows does not use it.
     char hostname[64];
     memset(hostname, 0, sizeof(hostname));
-    if (gethostname(hostname, sizeof(hostname) - 1) != 0) {
+    if (kv_gethostname(hostname, sizeof(hostname) - 1) != 0) {
         m_e.logprintf(3, kFile, __LINE__, "%s: Unable to get the hostname", fname);
         return std::string();
     }

@@ -3,7 +3,6 @@
 // lookup and the storage-group lock file.
 #include "storage/ssm/merlode/cli/zov_quillset.h"
 
-#include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <netdb.h>
@@ -16,6 +15,7 @@
 #include <exception>
 
 #include "liblocal/kv_file.h"
+#include "liblocal/kv_host.h"
 #include "liblocal/kv_lock.h"
 #include "liblocal/kv_msg.h"
 #include "liblocal/kv_print.h"
@@ -100,17 +100,6 @@ const char* zov_quillset_pattern(int index) {
 }
 
 // ---------------------------------------------------------------- helpers
-
-std::string gw_strerror(int errnum) {
-    int saved = errno;
-    char buf[1024];
-    buf[0] = '\0';
-    // GNU strerror_r may return a static text instead of filling buf.
-    const char* text = strerror_r(errnum, buf, sizeof(buf));
-    std::string out(text != nullptr ? text : "Unknown error");
-    errno = saved;
-    return out;
-}
 
 std::string gw_format_one(const std::string& format, const char* arg) {
     std::string out;
@@ -314,9 +303,9 @@ int zov_quillset::getIpAddr(std::string hostname, std::string& ipaddr) {
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_protocol = IPPROTO_TCP;
     struct addrinfo* res = nullptr;
-    if (getaddrinfo(hostname.c_str(), nullptr, &hints, &res) != 0 || res == nullptr) {
+    if (kv_getaddrinfo(hostname.c_str(), nullptr, &hints, &res) != 0 || res == nullptr) {
         m_e.logprintf(3, kFile, __LINE__, kUnresolved, hostname.c_str());
-        if (res != nullptr) freeaddrinfo(res);
+        if (res != nullptr) kv_freeaddrinfo(res);
         return -1;
     }
 
@@ -329,9 +318,8 @@ int zov_quillset::getIpAddr(std::string hostname, std::string& ipaddr) {
                           hostname.c_str());
             continue;
         }
-        if (ai->ai_family == AF_INET && ai->ai_addr != nullptr)
-            inet_ntop(AF_INET, &reinterpret_cast<struct sockaddr_in*>(ai->ai_addr)->sin_addr, buf,
-                      sizeof(buf));
+        if (ai->ai_addr == nullptr || kv_inet_ntop(ai->ai_addr, buf, sizeof(buf)) == nullptr)
+            buf[0] = '\0';
         if (strcmp(buf, "::1") == 0 || strcmp(buf, "127.0.0.1") == 0) {
             m_e.logprintf(9, kFile, __LINE__,
                           "Notice: On hostname [%s] skipping loop-back address [%s].",
@@ -346,7 +334,7 @@ int zov_quillset::getIpAddr(std::string hostname, std::string& ipaddr) {
         m_e.logprintf(9, kFile, __LINE__, "[%s] = [%s].", hostname.c_str(), buf);
         break;
     }
-    freeaddrinfo(res);
+    kv_freeaddrinfo(res);
 
     if (buf[0] != '\0' && strcmp(buf, "::1") != 0 && strcmp(buf, "127.0.0.1") != 0) {
         ipaddr = buf;
