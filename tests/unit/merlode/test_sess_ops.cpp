@@ -1,265 +1,296 @@
-// Session, volume map and capability operations run against fake tools:
-// command lines, frame order, retries and what lands in the caches.
+// COW session operations against the array simulator: the whole cycle of
+// one session, frame order, the age survey, retries of deactivation without
+// real sleeps, and faults of the tools.
+#include <time.h>
+
 #include <algorithm>
 
 #include <gtest/gtest.h>
 
-#include "liblocal/kv_thread.h"
-#include "tests/unit/merlode/sg_fake_tools.h"
-#include "tests/unit/merlode/sg_parse_fixture.h"
+#include "tests/unit/merlode/sg_sim.h"
 
-using sgtest::FakeTools;
+using sgsim::Sim;
+using sgsim::SleepRecorder;
 using sgtest::Quillset;
 
 namespace {
 
-std::vector<uint32_t> g_sleeps;
-KVError record_sleep(uint32_t ms) {
-    g_sleeps.push_back(ms);
-    return 0;
+const std::string kFrame0 = SimArray::addr(0);
+const std::string kFrame1 = SimArray::addr(1);
+
+// A session name of the form the COW provider makes: 70 characters with a
+// time stamp (month counted from 0) at offset 54.
+std::string session_name(int year, int mon0, int day, int hour, int min) {
+    char stamp[32];
+    snprintf(stamp, sizeof stamp, "%04d%02d%02d%02d%02d", year, mon0, day, hour, min);
+    std::string name = "zovmerl_cow_";
+    name.resize(54, 'a');
+    return name + stamp + "_s01";
 }
 
-snapdevice session(const char* id = "zovsess-a") {
+std::string recent_session_name() {
+    time_t now = time(nullptr);
+    struct tm t;
+    localtime_r(&now, &t);
+    return session_name(t.tm_year + 1900, t.tm_mon, t.tm_mday, t.tm_hour, t.tm_min);
+}
+
+snapdevice source(const std::string& session, int lun) {
     snapdevice sd;
-    sd.sessionId = id;
-    sd.srcName = "/dev/sdb";
-    sd.srcDev.merllun = 17;
+    sd.sessionId = session;
+    sd.srcName = "sdd";
+    sd.srcDev.merllun = lun;
     return sd;
 }
 
-TEST(SessOps, StartSessionTriesFramesUntilOneAccepts) {
-    FakeTools fake;
-    Quillset q({"10.1.1.1", "10.1.1.2"});
-    q->m_tilloscli = fake.tool(
-        "tilloseccli", "[ \"$2\" = 10.1.1.2 ] && echo 'You must activate a snapshot session first.'");
-    snapdevice sd = session();
-    EXPECT_EQ(q->startsession(sd), nullptr);
-    EXPECT_EQ(fake.commands(),
-              (std::vector<std::string>{
-                  "tilloseccli -h 10.1.1.1 quillset -startsession zovsess-a -lun 17 -persistence",
-                  "tilloseccli -h 10.1.1.2 quillset -startsession zovsess-a -lun 17 -persistence"}));
+int code_of(SSError* err) {
+    int c = err != nullptr ? (int)err->getErrCode() : 0;
+    delete err;
+    return c;
 }
 
-TEST(SessOps, StartSessionRefusedEverywhereNamesTheSource) {
-    FakeTools fake;
-    Quillset q({"10.1.1.1"});
-    q->m_tilloscli = fake.tool("tilloseccli", "echo 'Error: LUN busy'");
-    snapdevice sd = session();
+std::string text_of(SSError* err) {
+    std::string t = err != nullptr && err->getErrMsg() != nullptr ? err->getErrMsg() : "";
+    delete err;
+    return t;
+}
+
+struct SessSim : ::testing::Test {
+    std::unique_ptr<Sim> sim;
+    void SetUp() override {
+        SKIP_WITHOUT_SIM();
+        sim.reset(new Sim({"--frames", "2", "--luns", "2"}));
+        ASSERT_TRUE(sim->ok());
+        sim->array.clear_commands();
+    }
+    std::string first_lun_of(int frame) {
+        for (const auto& r : sgsim::records(sim->array, "lun"))
+            if (r.at("frame") == std::to_string(frame)) return r.at("num");
+        return "";
+    }
+};
+
+TEST_F(SessSim, WholeCycleStartVerifyActivateDeactivateRollbackStop) {
+    Quillset q({kFrame1, kFrame0});
+    std::string name = recent_session_name();
+    ASSERT_EQ(name.size(), 70u);
+    snapdevice sd = source(name, 0);
+
+    EXPECT_EQ(q->startsession(sd), nullptr);
+    EXPECT_EQ(sgsim::field(sim->array, "session", "name", name, "lun"), "0");
+
+    EXPECT_EQ(q->refreshSessions(), nullptr);
+    EXPECT_EQ(q->m_sessionList, std::vector<std::string>{name});
+    EXPECT_EQ(q->verifySession(name), 1);
+    EXPECT_EQ(q->verifySession(name + "x"), 0);
+    EXPECT_EQ(q.log.count("appears to be very old"), 0);
+
+    EXPECT_EQ(q->activatesession(sd), nullptr);
+    std::string snapdev = sgsim::field(sim->array, "lun", "num", "0", "snapdev");
+    ASSERT_FALSE(snapdev.empty());
+    EXPECT_EQ(sd.dstName, sim->array.dir() + "/dev/" + snapdev);
+    EXPECT_EQ(sgsim::field(sim->array, "session", "name", name, "activated"), "1");
+
+    {
+        SleepRecorder sleeps;
+        EXPECT_EQ(q->deactivatesession(sd), nullptr);
+        EXPECT_TRUE(SleepRecorder::slept().empty());
+    }
+    EXPECT_EQ(sgsim::field(sim->array, "session", "name", name, "activated"), "0");
+
+    EXPECT_EQ(q->rollbacksession(sd), nullptr);
+    EXPECT_EQ(q->stopsession(sd), nullptr);
+    EXPECT_TRUE(sgsim::records(sim->array, "session").empty());
+
+    std::vector<std::string> cmds = sim->array.commands();
+    std::sort(cmds.end() - 2, cmds.end());  // the stops run at once
+    EXPECT_EQ(cmds, (std::vector<std::string>{
+                        "tilloseccli -h " + kFrame0 + " quillset -startsession " + name +
+                            " -lun 0 -persistence",
+                        "tilloseccli -h " + kFrame0 + " quillset -listsessions",
+                        "tilloseccli -h " + kFrame1 + " quillset -listsessions",
+                        "gelmot activate -s " + name,
+                        "gelmot deactivate -s " + name,
+                        "tilloseccli -h " + kFrame0 + " quillset -startrollback " + name +
+                            " -rate medium -o",
+                        "tilloseccli -h " + kFrame0 + " quillset -stopsession " + name + " -o",
+                        "tilloseccli -h " + kFrame1 + " quillset -stopsession " + name + " -o",
+                    }));
+
+    // The list is never cleared: a session gone from the array still
+    // verifies on this object, and a fresh object doesn't see it.
+    EXPECT_EQ(q->refreshSessions(), nullptr);
+    EXPECT_EQ(q->verifySession(name), 1);
+    Quillset fresh({kFrame0, kFrame1});
+    EXPECT_EQ(fresh->refreshSessions(), nullptr);
+    EXPECT_EQ(fresh->verifySession(name), 0);
+}
+
+TEST_F(SessSim, StartTriesFramesUntilTheOneOwningTheLun) {
+    Quillset q({kFrame0, kFrame1});
+    std::string lun = first_lun_of(1);
+    snapdevice sd = source(recent_session_name(), atoi(lun.c_str()));
+    EXPECT_EQ(q->startsession(sd), nullptr);
+    EXPECT_EQ(sgsim::commands_with(sim->array, "-startsession").size(), 2u);
+    EXPECT_EQ(sgsim::field(sim->array, "session", "name", sd.sessionId, "frame"), "1");
+    // The first frame's refusal is dropped.
+    EXPECT_EQ(q.log.count("returned error"), 0);
+}
+
+TEST_F(SessSim, StartRefusedEverywhereNamesTheSource) {
+    Quillset q({kFrame0, kFrame1});
+    snapdevice sd = source(recent_session_name(), 999);
     SSError* err = q->startsession(sd);
     ASSERT_NE(err, nullptr);
     EXPECT_EQ(err->getErrCode(), SS_EC_UNABLE_TO_CREATE_SNAPSHOT);
-    EXPECT_NE(std::string(err->getErrMsg()).find("-startsession' for /dev/sdb"), std::string::npos);
+    EXPECT_NE(std::string(err->getErrMsg()).find("-startsession' for sdd"), std::string::npos);
     delete err;
-    EXPECT_EQ(q.log.count("Starting the sessions for [/dev/sdb] returned error", 3), 1);
+    EXPECT_EQ(q.log.count("Starting the sessions for [sdd] returned error", 3), 1);
+    EXPECT_GE(q.log.count("The specified LUN does not exist", -1), 1);
+    EXPECT_TRUE(sgsim::records(sim->array, "session").empty());
 }
 
-TEST(SessOps, StopSessionRunsOneChildPerFrameIntoOnePipe) {
-    FakeTools fake;
-    Quillset q({"10.1.1.3", "10.1.1.1", "10.1.1.2"});
-    q->m_tilloscli = fake.tool("tilloseccli", "echo stopped");
-    snapdevice sd = session();
-    EXPECT_EQ(q->stopsession(sd), nullptr);
-    std::vector<std::string> cmds = fake.commands();
-    std::sort(cmds.begin(), cmds.end());
-    EXPECT_EQ(cmds, (std::vector<std::string>{
-                        "tilloseccli -h 10.1.1.1 quillset -stopsession zovsess-a -o",
-                        "tilloseccli -h 10.1.1.2 quillset -stopsession zovsess-a -o",
-                        "tilloseccli -h 10.1.1.3 quillset -stopsession zovsess-a -o"}));
-}
-
-TEST(SessOps, RefreshAndVerifyAcrossFrames) {
-    FakeTools fake;
-    Quillset q({"10.1.1.1", "10.1.1.2"});
-    q->m_tilloscli = fake.tool("tilloseccli", "echo \"Name of the session:  sess-on-$2\"");
+TEST_F(SessSim, OldSessionIsReportedAtEachFrameAndLeftAlone) {
+    Quillset q({kFrame0, kFrame1});
+    std::string old = session_name(2001, 0, 15, 10, 30);
+    std::string odd = "short_name";
+    snapdevice a = source(old, 0), b = source(odd, 1);
+    ASSERT_EQ(q->startsession(a), nullptr);
+    ASSERT_EQ(q->startsession(b), nullptr);
     EXPECT_EQ(q->refreshSessions(), nullptr);
-    EXPECT_EQ(q->m_sessionList,
-              (std::vector<std::string>{"sess-on-10.1.1.1", "sess-on-10.1.1.2"}));
-    EXPECT_EQ(q->verifySession("sess-on-10.1.1.2"), 1);
-    EXPECT_EQ(fake.commands().back(), "tilloseccli -h 10.1.1.2 quillset -listsessions");
+    EXPECT_EQ(q.log.count("INFO - Found session (" + old + ") on frame (" + kFrame0 + ")", 0), 1);
+    // The second frame has no session, but the survey covers the whole list.
+    EXPECT_EQ(q.log.count("INFO - Found session (" + old + ") on frame (" + kFrame1 + ")", 0), 1);
+    EXPECT_EQ(q.log.count("found non-conforming session name: [short_name] (10)", 7), 2);
+    EXPECT_EQ(q->verifySession(odd), 1);
+    EXPECT_EQ(sgsim::records(sim->array, "session").size(), 2u);
 }
 
-TEST(SessOps, RollbackFailureCarriesTheToolsWords) {
-    FakeTools fake;
-    Quillset q({"10.1.1.1"});
-    q->m_tilloscli = fake.tool("tilloseccli", "echo 'Rollback not allowed'");
-    snapdevice sd = session();
+TEST_F(SessSim, DeactivateRefusedFourTimesSleepsFourTimesAndSucceeds) {
+    Quillset q({kFrame0});
+    std::string name = recent_session_name();
+    snapdevice sd = source(name, 0);
+    ASSERT_EQ(q->startsession(sd), nullptr);
+    SleepRecorder sleeps;
+    // Never activated: the tool refuses each time.
+    EXPECT_EQ(q->deactivatesession(sd), nullptr);
+    EXPECT_EQ(SleepRecorder::slept(), (std::vector<uint32_t>{5000, 5000, 5000, 5000}));
+    EXPECT_EQ(sgsim::commands_with(sim->array, "gelmot deactivate -s " + name).size(), 4u);
+    EXPECT_EQ(q.log.count("is not activated"), 4);
+}
+
+TEST_F(SessSim, RollbackRefusalCarriesTheToolsWords) {
+    Quillset q({kFrame0});
+    sim->admin({"fault", "add", "tilloseccli", "refuse", "--match", "-startrollback", "--arg",
+                "Error: rollback not allowed now"});
+    snapdevice sd = source(recent_session_name(), 0);
     SSError* err = q->rollbacksession(sd);
     ASSERT_NE(err, nullptr);
     EXPECT_EQ(err->getErrCode(), SS_EC_ROLLBACK_IMPACTS);
+    EXPECT_NE(std::string(err->getErrMsg()).find("Error: rollback not allowed now"),
+              std::string::npos);
     delete err;
-    EXPECT_EQ(fake.commands().back(),
-              "tilloseccli -h 10.1.1.1 quillset -startrollback zovsess-a -rate medium -o");
-    EXPECT_EQ(q.log.count("Rollback failed for [/dev/sdb] with [", 3), 1);
+    EXPECT_EQ(q.log.count("Rollback failed for [sdd] with [", 3), 1);
 }
 
-TEST(SessOps, DeactivateRefusedFourTimesSleepsFourTimesAndSucceeds) {
-    FakeTools fake;
-    Quillset q;
-    q->m_gelmot = fake.tool("gelmot", "echo 'Error: not active'");
-    g_sleeps.clear();
-    kv_sleep_hook_t old = kv_set_sleep_hook(record_sleep);
-    snapdevice sd = session();
-    EXPECT_EQ(q->deactivatesession(sd), nullptr);
-    kv_set_sleep_hook(old);
-    EXPECT_EQ(g_sleeps, (std::vector<uint32_t>{5000, 5000, 5000, 5000}));
-    EXPECT_EQ(fake.commands().size(), 4u);
-    EXPECT_EQ(fake.commands()[0], "gelmot deactivate -s zovsess-a");
-}
-
-TEST(SessOps, DeactivateSucceedingFirstTimeDoesNotSleep) {
-    FakeTools fake;
-    Quillset q;
-    q->m_gelmot = fake.tool("gelmot", "echo 'Deactivated session zovsess-a'");
-    g_sleeps.clear();
-    kv_sleep_hook_t old = kv_set_sleep_hook(record_sleep);
-    snapdevice sd = session();
-    EXPECT_EQ(q->deactivatesession(sd), nullptr);
-    kv_set_sleep_hook(old);
-    EXPECT_TRUE(g_sleeps.empty());
-}
-
-TEST(SessOps, ActivateMapsTheToolsDeviceToTheLastPathOfTheVolumeMap) {
-    FakeTools fake;
-    Quillset q;
-    q->m_gelmot =
-        fake.tool("gelmot", "echo 'Activated session zovsess-a on device /dev/rdsk//dev/zovhadrixbX.'");
-    Hadrix h;
-    h.pseudoNm = "/dev/zovhadrixbY";
-    ArrayLun p1, p2;
-    p1.pathname = "/dev/sdd";
-    p2.pathname = "/dev/sde";
-    h.patharray = {p1, p2};
-    q->m_volMapList.push_back(h);
-    snapdevice sd = session();
-    EXPECT_EQ(q->activatesession(sd), nullptr);
-    EXPECT_EQ(sd.dstName, "/dev/sde");
-    EXPECT_EQ(fake.commands().back(), "gelmot activate -s zovsess-a");
-}
-
-TEST(SessOps, ActivateWithAShortDeviceNameKeepsItAndDoesNotCrash) {
-    FakeTools fake;
-    Quillset q;
-    q->m_gelmot = fake.tool("gelmot", "echo 'Activated session s on device /dev/x.'");
-    Hadrix h;
-    h.pseudoNm = "x";
-    ArrayLun p;
-    p.pathname = "/dev/sdd";
-    h.patharray = {p};
-    q->m_volMapList.push_back(h);
-    snapdevice sd = session();
-    EXPECT_EQ(q->activatesession(sd), nullptr);
-    EXPECT_EQ(sd.dstName, "/dev/x");
-}
-
-TEST(SessOps, ActivateWithoutADeviceIsAnAccessPathError) {
-    FakeTools fake;
-    Quillset q;
-    q->m_gelmot = fake.tool("gelmot", "echo 'Error: no such session'");
-    snapdevice sd = session();
-    SSError* err = q->activatesession(sd);
-    ASSERT_NE(err, nullptr);
-    EXPECT_EQ(err->getErrCode(), SS_EC_INVALID_ACCESS_PATH);
-    delete err;
-}
-
-// tilloseccli answering the volume map queries; $D/update is the first
-// line of "-update".
-const char* kVolmapTool = R"SH(
-shift 2
-case "$1 $2" in
-"getlun -uid") printf 'LOGICAL UNIT NUMBER 31\nUID:  60:06:01:60:3B:40:2D:00:A2:6B:8C:11:9E:41:E6:31\n' ;;
-"server -update") cat "$D/update" 2>/dev/null ;;
-"server -volmap") cat "$D/volmap" ;;
-"quillset -listsnapshots") [ "$4" = 17 ] && printf 'Target Logical Unit:  1.7\n' ;;
-esac
-)SH";
-
-TEST(VolMapOps, InitVolMapRefreshesAndReadsEachFrame) {
-    FakeTools fake;
-    Quillset q({"10.1.1.1", "10.1.1.2"});
-    q->m_tilloscli = fake.tool("tilloseccli", kVolmapTool);
-    fake.write("volmap", sgtest::fixture("server_volmap", "two_devices.txt"));
-    fake.write("update", "Agent not running on this host\n");
-    EXPECT_EQ(q->initVolMap("/dev/sdb"), nullptr);
-    EXPECT_EQ(q->m_volMapInited, 1);
-    EXPECT_EQ(q->m_volMapList.size(), 2u);  // once per frame: the map accumulates
-    std::vector<std::string> cmds = fake.commands();
-    ASSERT_EQ(cmds.size(), 6u);
-    EXPECT_EQ(cmds[0], "tilloseccli -h 10.1.1.1 getlun -uid");
-    EXPECT_EQ(cmds[2].find("tilloseccli -h 10.1.1.1 server -update -host "), 0u);
-    EXPECT_EQ(cmds[2].substr(cmds[2].size() - 18), " -rescanDevices -o");
-    EXPECT_EQ(cmds[3].find("tilloseccli -h 10.1.1.1 server -volmap -host "), 0u);
-    EXPECT_EQ(q.log.count("hostagent process is down", 3), 0);
-}
-
-TEST(VolMapOps, AgentWordsNotAtTheStartTakeTheAgentDownPathAndStillReadTheMap) {
-    FakeTools fake;
-    Quillset q({"10.1.1.1"});
-    q->m_tilloscli = fake.tool("tilloseccli", kVolmapTool);
-    fake.write("volmap", sgtest::fixture("server_volmap", "two_devices.txt"));
-    fake.write("update", " agent not running\n");
-    EXPECT_EQ(q->initVolMap("sdc"), nullptr);
-    EXPECT_EQ(q.log.count("hostagent process is down", 3), 1);
-    EXPECT_EQ(q->m_volMapList.size(), 1u);
-}
-
-TEST(VolMapOps, DeviceOnNoFrameIsNotSupported) {
-    FakeTools fake;
-    Quillset q({"10.1.1.1"});
-    q->m_tilloscli = fake.tool("tilloseccli", kVolmapTool);
-    fake.write("volmap", "");
-    SSError* err = q->initVolMap("/dev/sdq");
-    ASSERT_NE(err, nullptr);
-    EXPECT_EQ(err->getErrCode(), SS_EC_SNAPSHOT_NOT_SUPPORTED);
-    delete err;
-}
-
-TEST(VolMapOps, ProxyLookupAnswersOnceThenNeedsAFreshObject) {
-    FakeTools fake;
-    Quillset q({"10.1.1.1"});
-    q->m_tilloscli = fake.tool("tilloseccli", kVolmapTool);
-    fake.write("volmap", sgtest::fixture("server_volmap", "clone_on_mount_host.txt"));
-    EXPECT_EQ(q->proxyCloneInitVolMap(31, 0), "/dev/sdg");
-    EXPECT_EQ(q->proxyCloneInitVolMap(31, 0), "");
-    Quillset none(std::vector<std::string>{});
-    none->m_tilloscli = q->m_tilloscli;
-    EXPECT_EQ(none->proxyCloneInitVolMap(31, 0), "");  // no frame: no endless loop
-}
-
-TEST(CapOps, IsSnappableByNumberAsksEachFrameUntilOneListsIt) {
-    FakeTools fake;
-    Quillset q({"10.1.1.1", "10.1.1.2"});
-    q->m_tilloscli = fake.tool("tilloseccli", kVolmapTool);
-    EXPECT_EQ(q->isSnappable("17"), 1);
-    EXPECT_EQ(fake.commands().size(), 1u);
-    EXPECT_EQ(fake.commands()[0], "tilloseccli -h 10.1.1.1 quillset -listsnapshots -lun 17");
-    EXPECT_EQ(q->isSnappable("18"), 0);
-    EXPECT_EQ(fake.commands().size(), 3u);
-}
-
-TEST(CapOps, VersionSurveyAsksEveryToolAndEveryFrame) {
-    FakeTools fake;
-    attrlist* attrs = nullptr;
-    Quillset q({"10.1.1.1", "10.1.1.2"}, attrs);
-    q->m_tilloscli = fake.tool(
-        "tilloseccli", "case \"$*\" in -help) echo 'Revision 7.33.1.0.12';; *ndu*) cat \"$D/ndu\";; esac");
-    q->m_gelmot = fake.tool("gelmot", "echo 'Revision number: V2.31.0'");
-    fake.write("ndu", sgtest::fixture("ndu_list", "three_packages.txt"));
-    pkgRevision pkgs[3];
-    const char* names[] = {"GELMOT", "ZOVhadrix", "TILLOCLI"};
-    for (int i = 0; i < 3; i++) {
-        pkgs[i].installed = 0;
-        pkgs[i].optional = 0;
-        pkgs[i].pkgid = (MerlPkgs)i;
-        pkgs[i].m_pkgName = names[i];
+TEST_F(SessSim, ActivateWithoutADeviceIsAnAccessPathError) {
+    Quillset q({kFrame0});
+    for (const char* kind : {"garbage", "refuse"}) {
+        sim->admin({"fault", "clear"});
+        sim->admin({"fault", "add", "gelmot", kind});
+        snapdevice sd = source(recent_session_name(), 0);
+        EXPECT_EQ(code_of(q->activatesession(sd)), SS_EC_INVALID_ACCESS_PATH) << kind;
+        EXPECT_TRUE(sd.dstName.empty());
     }
-    EXPECT_EQ(q->getVersions(pkgs, 3), nullptr);
-    EXPECT_EQ(pkgs[MERL_PKG_TILLOCLI].m_revision, "7.33.1.0.12");
-    EXPECT_EQ(pkgs[MERL_PKG_GELMOT].m_revision, "2.31.0");  // the array's list came last
-    EXPECT_EQ(pkgs[MERL_PKG_HADRIPATH].optional, 1);
-    std::vector<std::string> cmds = fake.commands();
-    EXPECT_EQ(cmds.front(), "tilloseccli -help");
-    EXPECT_EQ(cmds.back(), "tilloseccli -h 10.1.1.2 ndu -list");
+}
+
+// The tool on a host names the device under a 10-character folder and with
+// a slice letter; the simulator's own device path has neither, so the
+// refusal text stands in for such an answer.
+TEST(SessSimMultipath, ActivateMapsTheDeviceThroughTheVolumeMap) {
+    SKIP_WITHOUT_SIM();
+    Sim sim({"--frames", "1", "--luns", "1", "--clone-groups", "0", "--multipath"});
+    ASSERT_TRUE(sim.ok());
+    Quillset q({kFrame0});
+    ASSERT_EQ(q->initVolMap("zovhadrixd"), nullptr);
+    ASSERT_EQ(q->m_volMapList.size(), 1u);
+    ASSERT_EQ(q->m_volMapList[0].pseudoNm, "zovhadrixd");
+    struct Case {
+        const char* device;
+        const char* access;
+    } cases[] = {
+        {"/dev/rdsk/zovhadrixs", "zovhadrixd"},     // folder and slice letters dropped
+        {"/dev/rdsk/zovhadrixXs", "/dev/rdsk/zovhadrixXs"},  // one letter too many
+        {"/dev/dsk/zovhadrixs", "/dev/dsk/zovhadrixs"},      // a 9-character folder
+    };
+    for (const Case& c : cases) {
+        sim.admin({"fault", "clear"});
+        sim.admin({"fault", "add", "gelmot", "refuse", "--arg",
+                   std::string("Activated session s1 on device ") + c.device + "."});
+        snapdevice sd = source("s1", 0);
+        EXPECT_EQ(q->activatesession(sd), nullptr) << c.device;
+        EXPECT_EQ(sd.dstName, c.access) << c.device;
+    }
+    EXPECT_EQ(q.log.count("Access path is [zovhadrixd]", 9), 1);
+}
+
+TEST_F(SessSim, ShortDeviceNameIsKeptAndNeverCompared) {
+    Quillset q({kFrame0});
+    ASSERT_EQ(q->initVolMap("sdd"), nullptr);
+    ASSERT_FALSE(q->m_volMapList.empty());
+    for (const char* dev : {"/d/x", "x", "/dev/sdd12"}) {
+        sim->admin({"fault", "clear"});
+        sim->admin({"fault", "add", "gelmot", "refuse", "--arg",
+                    std::string("Activated session s on device ") + dev + "."});
+        snapdevice sd = source("s", 0);
+        EXPECT_EQ(q->activatesession(sd), nullptr) << dev;
+        EXPECT_EQ(sd.dstName, dev);
+    }
+}
+
+TEST_F(SessSim, OverlongAndGarbageAnswersNeitherCrashNorInvent) {
+    Quillset q({kFrame0, kFrame1});
+    std::string name = recent_session_name();
+    snapdevice sd = source(name, 0);
+    sim->admin({"fault", "add", "*", "longline"});
+    EXPECT_EQ(q->startsession(sd), nullptr);
+    EXPECT_EQ(q->refreshSessions(), nullptr);
+    EXPECT_EQ(q->verifySession(name), 1);
+    EXPECT_EQ(q->activatesession(sd), nullptr);
+    EXPECT_FALSE(sd.dstName.empty());
+    // Anything printed to a rollback is a refusal, a long line too.
+    EXPECT_EQ(code_of(q->rollbacksession(sd)), SS_EC_ROLLBACK_IMPACTS);
+
+    sim->admin({"fault", "clear"});
+    sim->admin({"fault", "add", "*", "garbage"});
+    Quillset g({kFrame0, kFrame1});
+    EXPECT_EQ(g->refreshSessions(), nullptr);
+    EXPECT_TRUE(g->m_sessionList.empty());
+    snapdevice other = source(recent_session_name() + "b", 1);
+    EXPECT_EQ(code_of(g->startsession(other)), SS_EC_UNABLE_TO_CREATE_SNAPSHOT);
+    SleepRecorder sleeps;
+    EXPECT_EQ(g->deactivatesession(sd), nullptr);
+    EXPECT_EQ(SleepRecorder::slept().size(), 4u);
+}
+
+TEST_F(SessSim, MissingToolsAreConfigurationErrorsNamingGelmot) {
+    sim->admin({"fault", "add", "gelmot", "missing"});
+    sim->admin({"fault", "add", "tilloseccli", "missing"});
+    sim->array.clear_commands();
+    Quillset q({kFrame0});
+    if (!q->GetTilloCliExe().empty() || !q->GetGelmotCliExe().empty())
+        GTEST_SKIP() << "real tools are installed";
+    snapdevice sd = source(recent_session_name(), 0);
+    for (SSError* err : {q->activatesession(sd), q->deactivatesession(sd), q->stopsession(sd)}) {
+        ASSERT_NE(err, nullptr);
+        EXPECT_EQ(err->getErrCode(), SS_EC_INVALID_CONFIGURATION);
+        EXPECT_NE(text_of(err).find("Unable to locate gelmot in standard locations."),
+                  std::string::npos);
+    }
+    EXPECT_EQ(code_of(q->startsession(sd)), SS_EC_INVALID_CONFIGURATION);
+    EXPECT_EQ(code_of(q->rollbacksession(sd)), SS_EC_INVALID_CONFIGURATION);
+    EXPECT_EQ(code_of(q->refreshSessions()), SS_EC_INVALID_CONFIGURATION);
+    EXPECT_TRUE(sim->array.commands().empty());
 }
 
 }  // namespace
