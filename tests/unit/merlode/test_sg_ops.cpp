@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <set>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -267,8 +268,8 @@ KVError short_sleep(uint32_t ms) {
 // Runs in a child process: adds each ALU of `alus`, each through a fresh
 // object as separate snapshots would, and tries again while the host lock
 // can't be had. Exit 0 when all were added.
-int add_clones(const std::vector<int>& alus) {
-    kv_set_sleep_hook(short_sleep);
+int add_clones(const std::vector<int>& alus, bool own_process = true) {
+    if (own_process) kv_set_sleep_hook(short_sleep);
     for (int alu : alus) {
         bool done = false;
         for (int attempt = 0; attempt < 400 && !done; attempt++) {
@@ -334,6 +335,65 @@ TEST_F(SgMove, ProcessesAddingAtOnceNeverPickTheSameHlu) {
     EXPECT_EQ(seen_alu.size(), pairs.size());
     EXPECT_EQ(*seen_hlu.rbegin(), kProcs * kEach);  // 1 to N in some order
     EXPECT_NE(access((lockdir.dir.path() + "/vmr_merlode_access.lck").c_str(), F_OK), 0);
+}
+
+// fcntl locks belong to the process: two threads of one process, each with
+// its own object and its own descriptor of the lock file, must still take
+// turns.
+TEST_F(SgMove, ThreadsAddingAtOnceNeverPickTheSameHlu) {
+    const int kThreads = 3, kEach = 4;
+    scen.reset(new sgsim::Scenario(sgsim::clone_move_scenario(1 + kThreads * kEach)));
+    sim.reset();
+    sim.reset(new Sim(scen->init_args()));
+    ASSERT_TRUE(sim->ok());
+    kv_sleep_hook_t old = kv_set_sleep_hook(short_sleep);
+    std::vector<int> results(kThreads, -1);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; i++) {
+        threads.emplace_back([i, &results] {
+            std::vector<int> alus;
+            for (int k = 0; k < kEach; k++) alus.push_back(1 + i * kEach + k);
+            results[i] = add_clones(alus, false);
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    kv_set_sleep_hook(old);
+    EXPECT_EQ(results, std::vector<int>(kThreads, 0));
+    auto pairs = sgsim::group_pairs(sim->array, 0, my_group());
+    std::set<int> seen_hlu;
+    for (const auto& p : pairs) seen_hlu.insert(p.first);
+    EXPECT_EQ(pairs.size(), (size_t)(1 + kThreads * kEach));
+    EXPECT_EQ(seen_hlu.size(), pairs.size());
+}
+
+KVError no_sleep(uint32_t) { return 0; }
+
+// A child forked while a thread of its parent holds the host lock inherits
+// neither the file lock nor that thread: it must go to the file and find the
+// parent's lock there, not wait for a release that can't come to it.
+TEST(SgLock, ChildForkedWhileTheLockIsHeldAsksTheFileNotTheParentsThreads) {
+    LockDir lockdir;
+    Quillset q;
+    int fd = q->set_file_lock(0);
+    ASSERT_GE(fd, 0);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        alarm(20);  // a hang ends the child, and the test fails
+        kv_set_sleep_hook(no_sleep);
+        Quillset child;
+        int busy = child->set_file_lock(0);
+        int nb = child->set_file_lock(1);
+        _exit(busy == -1 && nb == -1 && child.log.count("cannot acquire lock", 3) == 2 ? 0 : 1);
+    }
+    int st = 0;
+    ASSERT_EQ(waitpid(pid, &st, 0), pid);
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << "child status " << st;
+    q->set_file_unlock(fd);
+    // Released: the next taker in this process gets it at once.
+    int again = q->set_file_lock(1);
+    EXPECT_GE(again, 0);
+    q->set_file_unlock(again);
 }
 
 }  // namespace

@@ -12,7 +12,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <exception>
+#include <mutex>
 
 #include "liblocal/kv_file.h"
 #include "liblocal/kv_host.h"
@@ -359,6 +361,43 @@ void zov_quillset_set_lockdir_for_test(const char* dir) {
 // never reached in practice and only keeps a broken file system from looping.
 static const int kLockRenewals = 1000;
 
+// fcntl locks belong to the process: a second thread opening the lock file
+// would be granted the lock its own process holds, and its close would drop
+// the first thread's lock. So the host lock has an in-process layer too: at
+// most one thread of the process holds or takes the file lock at a time.
+// `g_hostlock_fd` is the descriptor handed out, -1 while free; -2 marks a
+// taker still at work on the file. A child forked meanwhile doesn't inherit
+// the file lock, nor the thread holding it, so it starts with the layer free.
+static std::mutex g_hostlock_mtx;
+static std::condition_variable g_hostlock_cv;
+static int g_hostlock_fd = -1;
+static pid_t g_hostlock_pid = 0;
+
+static bool hostlock_enter(bool nonblocking) {
+    std::unique_lock<std::mutex> lk(g_hostlock_mtx);
+    if (g_hostlock_fd != -1 && g_hostlock_pid != getpid()) g_hostlock_fd = -1;
+    if (nonblocking && g_hostlock_fd != -1) return false;
+    g_hostlock_cv.wait(lk, [] { return g_hostlock_fd == -1; });
+    g_hostlock_fd = -2;
+    g_hostlock_pid = getpid();
+    return true;
+}
+
+// Records the descriptor taken, or with -1 gives the layer up.
+static void hostlock_settle(int fd) {
+    std::lock_guard<std::mutex> lk(g_hostlock_mtx);
+    g_hostlock_fd = fd;
+    if (fd == -1) g_hostlock_cv.notify_all();
+}
+
+// Gives the layer up if `fd` is the descriptor that holds it.
+static void hostlock_leave(int fd) {
+    std::lock_guard<std::mutex> lk(g_hostlock_mtx);
+    if (fd < 0 || fd != g_hostlock_fd) return;
+    g_hostlock_fd = -1;
+    g_hostlock_cv.notify_all();
+}
+
 // Does `path` still name the file open on `fd`?
 static bool lock_names_path(int fd, const std::string& path) {
     struct stat held, named;
@@ -373,26 +412,22 @@ static std::string lock_path() {
     return path;
 }
 
-int zov_quillset::set_file_lock(int nonblocking) {
-    std::string path = lock_path();
-    // Logged before anything is locked: it only says where the lock lives.
-    m_e.logprintf(5, kFile, __LINE__, "set_file_lock() : SUCCESS !!!!! lock file is [%s]. ",
-                  path.c_str());
-    // Each release removes the file. A taker that opened it before the
-    // removal can win the lock on the removed file while a later taker
-    // creates and locks a new one, and both would think they hold the host
-    // lock; so the lock counts only while the path still names the file
-    // locked, and otherwise it is taken again on what the path names now.
+// Each release removes the file. A taker that opened it before the removal
+// can win the lock on the removed file while a later taker creates and locks
+// a new one, and both would think they hold the host lock; so the lock counts
+// only while the path still names the file locked, and otherwise it is taken
+// again on what the path names now.
+static int lock_file_at(MerlError& log, const std::string& path, int nonblocking) {
     for (int attempt = 0; attempt < kLockRenewals; attempt++) {
         int fd = kv_open(path.c_str(), O_RDWR | O_CREAT, 0644, 0);
         if (fd < 0)
-            m_e.logprintf(3, kFile, __LINE__, "set_file_lock : failed to open lock file [%s]",
+            log.logprintf(3, kFile, __LINE__, "set_file_lock : failed to open lock file [%s]",
                           path.c_str());
         int rc = -1;
         if (fd >= 0) rc = nonblocking ? kv_trylockfile(fd, KV_LOCK_EXCLUSIVE)
                                       : kv_lockfile(fd, KV_LOCK_EXCLUSIVE);
         if (fd < 0 || rc != 0) {
-            m_e.logprintf(3, kFile, __LINE__, "set_file_lock : cannot acquire lock");
+            log.logprintf(3, kFile, __LINE__, "set_file_lock : cannot acquire lock");
             // A lock that failed leaves its descriptor open; the caller has no
             // way to release it, so it is not kept.
             if (fd >= 0) close(fd);
@@ -402,8 +437,22 @@ int zov_quillset::set_file_lock(int nonblocking) {
         kv_unlockfile(fd);
         close(fd);
     }
-    m_e.logprintf(3, kFile, __LINE__, "set_file_lock : cannot acquire lock");
+    log.logprintf(3, kFile, __LINE__, "set_file_lock : cannot acquire lock");
     return -1;
+}
+
+int zov_quillset::set_file_lock(int nonblocking) {
+    std::string path = lock_path();
+    // Logged before anything is locked: it only says where the lock lives.
+    m_e.logprintf(5, kFile, __LINE__, "set_file_lock() : SUCCESS !!!!! lock file is [%s]. ",
+                  path.c_str());
+    if (!hostlock_enter(nonblocking != 0)) {
+        m_e.logprintf(3, kFile, __LINE__, "set_file_lock : cannot acquire lock");
+        return -1;
+    }
+    int fd = lock_file_at(m_e, path, nonblocking);
+    hostlock_settle(fd);
+    return fd;
 }
 
 void zov_quillset::set_file_unlock(int fd) {
@@ -418,5 +467,6 @@ void zov_quillset::set_file_unlock(int fd) {
         kv_unlockfile(fd);
     }
     if (fd >= 0) close(fd);
+    hostlock_leave(fd);
     m_e.logprintf(5, kFile, __LINE__, "exiting : set_file_unlock ");
 }
