@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include "liblocal/kv_list.h"
+#include "liblocal/kv_trace.h"
 #include "liblocal/kv_types.h"
 
 // One value; a node of a singly linked list. `value` is allocated to the
@@ -195,10 +196,8 @@ vallist* vallist_build(char* args, ...);                     // values up to NUL
 char* vallist_to_csv(vallist* vlp, size_t string_size_limit); // new memory
 vallist* vallist_new_from_csv(char* str);
 
-// Trace of the list family: level and mask of the foundation's trace. Tests
-// and the message layer install the sink; without one nothing is written.
-typedef void (*attr_trace_fn)(int level, unsigned mask, const char* text);
+// Trace of the list family: a line of the foundation's trace (kv_trace.h)
+// at level 9 or mask 0x100. The hook is the foundation trace's hook.
+typedef kv_trace_hook_fn attr_trace_fn;
 attr_trace_fn attrlist_set_trace_hook(attr_trace_fn fn);
 void vallist_trace(const char* text);
-// The same sink for other foundation code (host caches, cluster probe).
-void kv_trace_line(int level, unsigned mask, const char* text);

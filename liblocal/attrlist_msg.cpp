@@ -2,7 +2,6 @@
 // message values, printing of formatted attributes, the trace sink.
 #include <stdio.h>
 
-#include <atomic>
 #include <string>
 
 #include "liblocal/attrlist.h"
@@ -11,19 +10,12 @@
 #include "liblocal/kv_trace.h"
 
 namespace {
-std::atomic<attr_trace_fn> g_trace{nullptr};
 thread_local std::string t_rendered;
 }  // namespace
 
-attr_trace_fn attrlist_set_trace_hook(attr_trace_fn fn) { return g_trace.exchange(fn); }
+attr_trace_fn attrlist_set_trace_hook(attr_trace_fn fn) { return kv_set_trace_hook(fn); }
 
-void vallist_trace(const char* text) { kv_trace_line(9, 0x100, text); }
-
-void kv_trace_line(int level, unsigned mask, const char* text) {
-    attr_trace_fn fn = g_trace.load();
-    if (fn != nullptr) fn(level, mask, text);
-    kv_trace(level, mask, "%s", text);
-}
+void vallist_trace(const char* text) { kv_trace(9, 0x100, "%s", text); }
 
 const char* attr_render_value_stbuf(const char* stbuf) {
     // The renderer's answer lives in a shared pool: keep a private copy.

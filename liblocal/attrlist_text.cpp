@@ -3,13 +3,13 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <wchar.h>
 
 #include <limits>
 #include <string>
 
 #include "liblocal/attrlist.h"
 #include "liblocal/kv_mem.h"
+#include "liblocal/kv_utf8.h"
 
 namespace {
 // Per-thread working buffer of val_str: grows, never shrinks.
@@ -27,33 +27,6 @@ bool needs_quotes(const char* vp, size_t len, size_t maxlinelen) {
     return first == ' ' || first == '\t' || last == ' ' || last == '\t';
 }
 
-// Display width of UTF-8 text: wide characters count by the locale's
-// wcwidth, anything it can't tell as one column.
-size_t utf8_width(const char* s) {
-    size_t w = 0;
-    const unsigned char* p = reinterpret_cast<const unsigned char*>(s);
-    while (*p != '\0') {
-        unsigned cp = *p;
-        int extra = 0;
-        if (cp >= 0xF0 && cp < 0xF8) { cp &= 0x07; extra = 3; }
-        else if (cp >= 0xE0) { cp &= 0x0F; extra = 2; }
-        else if (cp >= 0xC0) { cp &= 0x1F; extra = 1; }
-        p++;
-        for (int i = 0; i < extra && (*p & 0xC0) == 0x80; i++, p++) cp = (cp << 6) | (*p & 0x3F);
-        int cw = cp < 0x80 ? 1 : wcwidth((wchar_t)cp);
-        w += cw >= 0 ? (size_t)cw : 1;
-    }
-    return w;
-}
-
-size_t utf8_charlen(const char* p) {
-    unsigned char c = (unsigned char)*p;
-    size_t n = c >= 0xF0 ? 4 : c >= 0xE0 ? 3 : c >= 0xC0 ? 2 : 1;
-    for (size_t i = 1; i < n; i++)
-        if (((unsigned char)p[i] & 0xC0) != 0x80) return i;
-    return n;
-}
-
 const size_t kIndent = 30;
 
 // Folds a long value: a backslash-newline whenever the column reaches
@@ -67,7 +40,7 @@ std::string fold_value(const char* text, size_t linelen) {
             out += "\\\n";
             col = 0;
         }
-        size_t n = utf8_charlen(p);
+        size_t n = static_cast<size_t>(utf8_charlen(p));
         char c = *p;
         out.append(p, n);
         p += n;
@@ -110,7 +83,7 @@ std::string format_attr(attrlist* attr, ssize_t linelen, int needquote, int flag
             text = rendered.c_str();
         }
         std::string q = val_str_nowrap(const_cast<char*>(text), needquote);
-        size_t w = utf8_width(q.c_str());
+        size_t w = utf8_ttystrlen(q.c_str());
         if (!first) out += ",";
         if (w + 32 < ll) {
             if (w + col + 2 >= ll) {
@@ -275,7 +248,7 @@ int vallist_display(FILE* fp, vallist* vl) {
     size_t widest = 1;
     int count = 0;
     for (vallist* v = vl; v != nullptr; v = v->next, count++) {
-        size_t w = utf8_width(v->value);
+        size_t w = utf8_ttystrlen(v->value);
         if (w > widest) widest = w;
     }
     size_t per_line = 80 / (widest + 2);
@@ -285,7 +258,7 @@ int vallist_display(FILE* fp, vallist* vl) {
         bool last_in_line = (i + 1) % per_line == 0 || v->next == nullptr;
         fputs(v->value, fp);
         if (!last_in_line)
-            for (size_t pad = utf8_width(v->value); pad < widest + 2; pad++) fputc(' ', fp);
+            for (size_t pad = utf8_ttystrlen(v->value); pad < widest + 2; pad++) fputc(' ', fp);
         else
             fputc('\n', fp);
     }

@@ -6,7 +6,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -25,6 +24,7 @@
 #include "liblocal/kv_mem.h"
 #include "liblocal/kv_spawn.h"
 #include "liblocal/kv_thread.h"
+#include "liblocal/kv_trace.h"
 
 int Clu_cluster_type = 0;
 
@@ -62,16 +62,6 @@ std::string P_conf = "/opt/cmcluster/conf";
 std::string P_cmview = "/usr/sbin";
 std::string P_mtab = "/etc/mtab";
 
-void clu_trace(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-void clu_trace(const char* fmt, ...) {
-    char line[1024];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(line, sizeof line, fmt, ap);
-    va_end(ap);
-    kv_trace_line(5, 0x40, line);
-}
-
 void clu_once(void) { Kvclus_mutex = kv_mutex_new(); }
 
 struct CluLock {
@@ -107,7 +97,7 @@ bool run_tool(const std::vector<std::string>& argv, std::string* out) {
     close(devnull);
     if (pid < 0) {
         close(fds[0]);
-        clu_trace("Error popen'ing buffer %s: %s\n", argv[0].c_str(), strerror(errno));
+        kv_trace(5, 0x40, "Error popen'ing buffer %s: %s\n", argv[0].c_str(), strerror(errno));
         return false;
     }
     char buf[4096];
@@ -195,11 +185,11 @@ void parse_kcmap(const std::string& text) {
 void clu_build_cache_lc(const std::string& text) {
     int fd = open(P_cache.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0) {
-        clu_trace("Error opening cache file %s for write: %s\n", P_cache.c_str(), strerror(errno));
+        kv_trace(5, 0x40, "Error opening cache file %s for write: %s\n", P_cache.c_str(), strerror(errno));
         return;
     }
     if (flock(fd, LOCK_EX) != 0) {
-        clu_trace("Error locking kcmap cache file: %s\n", strerror(errno));
+        kv_trace(5, 0x40, "Error locking kcmap cache file: %s\n", strerror(errno));
         close(fd);
         return;
     }
@@ -218,13 +208,13 @@ void clu_build_cache_lc(const std::string& text) {
 void clu_init_lc(void) {
     Lc_active = false;
     if (access(P_kcmap.c_str(), X_OK) != 0) {
-        clu_trace("No access to file %s: %s \n", P_kcmap.c_str(), strerror(errno));
+        kv_trace(5, 0x40, "No access to file %s: %s \n", P_kcmap.c_str(), strerror(errno));
         return;
     }
     std::string text;
     int fd = open(P_cache.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd >= 0 && flock(fd, LOCK_SH) == 0) {
-        clu_trace("Locked kcmap cache file for read\n");
+        kv_trace(5, 0x40, "Locked kcmap cache file for read\n");
         char buf[4096];
         ssize_t n;
         while ((n = read(fd, buf, sizeof buf)) > 0) text.append(buf, (size_t)n);
@@ -232,7 +222,7 @@ void clu_init_lc(void) {
     }
     if (fd >= 0) close(fd);
     if (text.empty()) {
-        clu_trace("no cache, calling kcmap\n");
+        kv_trace(5, 0x40, "no cache, calling kcmap\n");
         if (!run_tool({P_kcmap}, &text)) return;
         clu_build_cache_lc(text);
     }

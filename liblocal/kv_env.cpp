@@ -2,7 +2,6 @@
 #include "liblocal/kv_env.h"
 
 #include <errno.h>
-#include <iconv.h>
 #include <langinfo.h>
 #include <limits.h>
 #include <pthread.h>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "liblocal/kv_mem.h"
+#include "liblocal/kv_utf8.h"
 #include "liblocal/kv_spawn.h"
 
 extern char** environ;
@@ -132,25 +132,7 @@ char* kv_env_convert(const char* in, bool to_locale) {
         return xstrdup(in);
     }
     const char* cs = nl_langinfo(CODESET);
-    iconv_t cd = to_locale ? iconv_open(cs, "UTF-8") : iconv_open("UTF-8", cs);
-    if (cd == reinterpret_cast<iconv_t>(-1)) return nullptr;
-    size_t inleft = strlen(in);
-    size_t cap = inleft * 4 + 8;
-    char* out = static_cast<char*>(xmalloc(cap));
-    char* ip = const_cast<char*>(in);
-    char* op = out;
-    size_t outleft = cap - 1;
-    size_t rc = iconv(cd, &ip, &inleft, &op, &outleft);
-    if (rc != static_cast<size_t>(-1)) rc = iconv(cd, nullptr, nullptr, &op, &outleft);
-    int saved = errno;
-    iconv_close(cd);
-    if (rc == static_cast<size_t>(-1)) {
-        free(out);
-        errno = saved;
-        return nullptr;
-    }
-    *op = '\0';
-    return out;
+    return to_locale ? kv_iconv_dup(cs, "UTF-8", in) : kv_iconv_dup("UTF-8", cs, in);
 }
 
 // ---------------------------------------------------------------------------

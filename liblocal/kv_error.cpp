@@ -2,12 +2,14 @@
 #include "liblocal/kv_error.h"
 
 #include <errno.h>
-#include <iconv.h>
 #include <langinfo.h>
 #include <netdb.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <strings.h>
+
+#include "liblocal/kv_utf8.h"
 
 namespace {
 struct LastError {
@@ -74,28 +76,16 @@ namespace {
 const size_t kStrerrorSize = 1024;
 thread_local char t_strerror_buf[kStrerrorSize];
 
-bool is_utf8_codeset(const char* cs) {
-    return strcasecmp(cs, "UTF-8") == 0 || strcasecmp(cs, "utf8") == 0;
-}
-
 // Converts the locale's text in buf to UTF-8 in place; left as it is when
 // there is nothing to convert or the conversion fails.
 void to_utf8(char* buf, size_t size) {
     const char* cs = nl_langinfo(CODESET);
-    if (cs == nullptr || *cs == '\0' || is_utf8_codeset(cs)) return;
+    if (cs == nullptr || *cs == '\0' || kv_locale_is_utf8()) return;
     if (strcmp(cs, "646") == 0 || strcmp(cs, "ANSI_X3.4-1968") == 0) cs = "ISO8859-1";
-    iconv_t cd = iconv_open("UTF-8", cs);
-    if (cd == reinterpret_cast<iconv_t>(-1)) return;
-    char out[kStrerrorSize];
-    char* in = buf;
-    size_t inleft = strlen(buf);
-    char* o = out;
-    size_t oleft = sizeof(out) - 1;
-    if (iconv(cd, &in, &inleft, &o, &oleft) != static_cast<size_t>(-1)) {
-        *o = '\0';
-        snprintf(buf, size, "%s", out);
-    }
-    iconv_close(cd);
+    char* out = kv_iconv_dup("UTF-8", cs, buf);
+    if (out == nullptr) return;
+    snprintf(buf, size, "%s", out);
+    free(out);
 }
 }  // namespace
 

@@ -6,7 +6,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
@@ -21,6 +20,7 @@
 #include "liblocal/kv_mem.h"
 #include "liblocal/kv_msg.h"
 #include "liblocal/kv_thread.h"
+#include "liblocal/kv_trace.h"
 
 namespace {
 
@@ -33,16 +33,6 @@ KVOnce Myname_once = KV_ONCE_INIT;
 thread_local bool t_myname_held;
 hostlist_cache_t DNScache;
 hostlist_cache_t CLIENTcache;
-
-void host_trace(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-void host_trace(const char* fmt, ...) {
-    char line[1024];
-    va_list ap;
-    va_start(ap, fmt);
-    vsnprintf(line, sizeof line, fmt, ap);
-    va_end(ap);
-    kv_trace_line(5, 0x40, line);
-}
 
 int env_size(const char* name, int minimum) {
     const char* v = getenv(name);
@@ -244,7 +234,7 @@ host_cache* hostlist_cache_add(hostlist_cache_t* c, const char* ip_address, cons
         if (e != nullptr) mark_deleted(c, e);
         head = insert_entry(c, host, nullptr, status, exptime, now);
         if (head == nullptr) {
-            host_trace("Failed to insert DNS cache entry: %s\n", host);
+            kv_trace(5, 0x40, "Failed to insert DNS cache entry: %s\n", host);
             return nullptr;
         }
     }
@@ -255,7 +245,7 @@ host_cache* hostlist_cache_add(hostlist_cache_t* c, const char* ip_address, cons
         if (old != nullptr && old->head == head) continue;
         if (old == head) continue;
         if (insert_entry(c, a.c_str(), head, status, exptime, now) == nullptr) {
-            host_trace("Failed to insert DNS cache entry: %s\n", a.c_str());
+            kv_trace(5, 0x40, "Failed to insert DNS cache entry: %s\n", a.c_str());
             return nullptr;
         }
     }
@@ -309,7 +299,7 @@ host_cache* dns_cache_a_host(hostlist_cache_t* c, const char* host, kv_time64_t 
     struct addrinfo* res = nullptr;
     int rc = kv_getaddrinfo(query, nullptr, &hints, &res);
     if (rc != 0) {
-        host_trace("DNS lookup failed for %s: %s\n", query, gai_strerror(rc));
+        kv_trace(5, 0x40, "DNS lookup failed for %s: %s\n", query, gai_strerror(rc));
         return add_unknown(c, query, now);
     }
     std::string canon, first_ip;
@@ -324,7 +314,7 @@ host_cache* dns_cache_a_host(hostlist_cache_t* c, const char* host, kv_time64_t 
         // last-message inspection; the lookup itself just says no.
         errinfo* e = msg_create(82666, 12000, "Reverse DNS lookup failed for %s: %s", ARG_HOSTNAME, query,
                                 ARG_TEXT, gai_strerror(EAI_NONAME));
-        if (e != nullptr && e->errstr != nullptr) host_trace("%s\n", e->errstr);
+        if (e != nullptr && e->errstr != nullptr) kv_trace(5, 0x40, "%s\n", e->errstr);
         kv_freeaddrinfo(res);
         return add_unknown(c, query, now);
     }
@@ -336,7 +326,7 @@ host_cache* dns_cache_a_host(hostlist_cache_t* c, const char* host, kv_time64_t 
         aliases.push_back(query);
         struct sockaddr_storage ifs[64];
         int n = host_ifaddrs(ifs, 64);
-        if (n < 0) host_trace("Failed to find any NIC addresses: %s", strerror(errno));
+        if (n < 0) kv_trace(5, 0x40, "Failed to find any NIC addresses: %s", strerror(errno));
         for (int i = 0; i < n; i++) {
             if (is_anyaddr(ifs[i])) continue;
             socklen_t len = ifs[i].ss_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
@@ -344,7 +334,7 @@ host_cache* dns_cache_a_host(hostlist_cache_t* c, const char* host, kv_time64_t 
             std::string text = numeric_text(sa, len);
             std::string r = reverse_name(sa, len);
             if (r.empty()) {
-                host_trace("Reverse DNS lookup failed for address %s\n", text.c_str());
+                kv_trace(5, 0x40, "Reverse DNS lookup failed for address %s\n", text.c_str());
                 continue;
             }
             add_alias_pair(&aliases, text, r);
@@ -358,7 +348,7 @@ host_cache* dns_cache_a_host(hostlist_cache_t* c, const char* host, kv_time64_t 
     host_cache* e = hostlist_cache_add(c, first_ip.c_str(), canon.c_str(), aliases, STATUS_OK,
                                        now + KV_HOST_FOUND_TTL, now);
     if (e == nullptr) {
-        host_trace("Failed to add %s entry to DNS cache: %s", query, "table full");
+        kv_trace(5, 0x40, "Failed to add %s entry to DNS cache: %s", query, "table full");
         return nullptr;
     }
     if (local) c->local_host = e;
@@ -470,7 +460,7 @@ void client_list_remove_byname(const char* host) {
     if (e != nullptr) mark_deleted(&CLIENTcache, e->head);
 }
 
-int cache_client_id(char* client_name, kv_host_clientid_t* client_idp) {
+int cache_client_id(char* client_name, kvui_t* client_idp) {
     if (client_idp == nullptr) return -1;
     MynameLock lock;
     host_cache* e = client_find_byname(client_name);
@@ -480,7 +470,7 @@ int cache_client_id(char* client_name, kv_host_clientid_t* client_idp) {
     return 0;
 }
 
-int get_cached_client_id(char* client_name, kv_host_clientid_t* client_idp) {
+int get_cached_client_id(char* client_name, kvui_t* client_idp) {
     if (client_idp == nullptr) return -1;
     MynameLock lock;
     host_cache* e = client_find_byname(client_name);

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 
 #include "liblocal/kv_types.h"
+#include "liblocal/kvui.h"
 
 typedef enum {
     STATUS_OK = 0,
@@ -17,15 +18,10 @@ typedef enum {
     STATUS_UNKNOWN_HOST = 3,
 } host_status_t;
 
-// The 20-byte client identifier kept with a configured client.
-typedef struct {
-    unsigned char id[20];
-} kv_host_clientid_t;
-
 // One name. A primary entry's `head` is itself; aliases chain by `next`.
 struct host_cache {
     char* host;
-    kv_host_clientid_t client_id;
+    kvui_t client_id;
     host_cache* head;
     host_cache* next;
     host_status_t status;
@@ -59,8 +55,8 @@ char* get_primaryhostname(const char* host);     // new memory, null if unknown
 char* get_primaryclientname(const char* host);   // new memory, null if unknown
 int client_list_add_client(const char* host, const char** aliases);   // 0 or -1
 void client_list_remove_byname(const char* host);
-int cache_client_id(char* client_name, kv_host_clientid_t* client_idp);       // 0 or -1
-int get_cached_client_id(char* client_name, kv_host_clientid_t* client_idp);  // 0 or -1
+int cache_client_id(char* client_name, kvui_t* client_idp);       // 0 or -1
+int get_cached_client_id(char* client_name, kvui_t* client_idp);  // 0 or -1
 void free_dns_hostlist_cache(void);
 void free_client_hostlist_cache(void);
 void print_dns_cache(void);              // to standard output

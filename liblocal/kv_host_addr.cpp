@@ -28,6 +28,18 @@ std::atomic<kv_host_clock_fn> g_clock{nullptr};
 kv_host_resolver g_res;   // guarded by Addr_mutex for changes; read without
 std::atomic<int> g_caching{1};
 
+// The resolver in use: the one installed for tests, else the system's.
+int res_getaddrinfo(const char* node, const char* service, const struct addrinfo* hints,
+                    struct addrinfo** res) {
+    auto gai = g_res.getaddrinfo != nullptr ? g_res.getaddrinfo : ::getaddrinfo;
+    return gai(node, service, hints, res);
+}
+
+void res_freeaddrinfo(struct addrinfo* ai) {
+    auto fai = g_res.freeaddrinfo != nullptr ? g_res.freeaddrinfo : ::freeaddrinfo;
+    fai(ai);
+}
+
 int sys_ifaddrs(struct sockaddr_storage* out, int max) {
     struct ifaddrs* ifa = nullptr;
     if (getifaddrs(&ifa) != 0) return -1;
@@ -298,24 +310,20 @@ int kv_getaddrinfo(const char* hostname, const char* service, const struct addri
         memset(&nh, 0, sizeof nh);
         nh.ai_flags = AI_NUMERICHOST;
         struct addrinfo* num = nullptr;
-        auto gai = g_res.getaddrinfo != nullptr ? g_res.getaddrinfo : ::getaddrinfo;
-        auto fai = g_res.freeaddrinfo != nullptr ? g_res.freeaddrinfo : ::freeaddrinfo;
-        if (gai(hostname, nullptr, &nh, &num) == 0 && num != nullptr) {
+        if (res_getaddrinfo(hostname, nullptr, &nh, &num) == 0 && num != nullptr) {
             char name[NI_MAXHOST];
             if (kv_getnameinfo(num->ai_addr, num->ai_addrlen, name, sizeof name, nullptr, 0,
                                NI_NAMEREQD) == 0)
                 query = name;
-            fai(num);
+            res_freeaddrinfo(num);
         }
     }
-    auto gai = g_res.getaddrinfo != nullptr ? g_res.getaddrinfo : ::getaddrinfo;
-    auto fai = g_res.freeaddrinfo != nullptr ? g_res.freeaddrinfo : ::freeaddrinfo;
     struct addrinfo* sys = nullptr;
-    int rc = gai(hostname != nullptr ? query.c_str() : nullptr, service, hints, &sys);
+    int rc = res_getaddrinfo(hostname != nullptr ? query.c_str() : nullptr, service, hints, &sys);
     struct addrinfo* mine = nullptr;
     if (rc == 0) {
         mine = ai_copy(sys);
-        fai(sys);
+        res_freeaddrinfo(sys);
         struct addrinfo** link = &mine;
         while (*link != nullptr) {
             struct addrinfo* a = *link;
@@ -449,12 +457,10 @@ int kv_inet_pton(const char* src, struct sockaddr_storage* dst) {
     memset(&hints, 0, sizeof hints);
     hints.ai_flags = AI_NUMERICHOST;
     struct addrinfo* res = nullptr;
-    auto gai = g_res.getaddrinfo != nullptr ? g_res.getaddrinfo : ::getaddrinfo;
-    auto fai = g_res.freeaddrinfo != nullptr ? g_res.freeaddrinfo : ::freeaddrinfo;
-    if (gai(src, nullptr, &hints, &res) != 0 || res == nullptr) return 0;
+    if (res_getaddrinfo(src, nullptr, &hints, &res) != 0 || res == nullptr) return 0;
     memset(dst, 0, sizeof *dst);
     memcpy(dst, res->ai_addr, res->ai_addrlen < sizeof *dst ? res->ai_addrlen : sizeof *dst);
-    fai(res);
+    res_freeaddrinfo(res);
     return 1;
 }
 

@@ -2,6 +2,7 @@
 #include "liblocal/kv_init.h"
 
 #include <errno.h>
+#include <locale.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -18,6 +19,7 @@
 #include "liblocal/kv_msg.h"
 #include "liblocal/kv_path.h"
 #include "liblocal/kv_spawn.h"
+#include "liblocal/kv_trace.h"
 #include "liblocal/kv_utf8.h"
 
 namespace {
@@ -52,14 +54,16 @@ void set_nonprivileged(void) {
     if (g_euid != g_ruid && seteuid(g_ruid) != 0) kv_error_set_errno(errno);
 }
 
-void first_time(const char* progname, char* argv0) {
+void first_time(const char* progname, char* argv0, bool own_process) {
     if (g_appname == nullptr) g_appname = xstrdup(progname);
     if (argv0 != nullptr) kv_set_argv0(argv0);
     // Application and installation directories (the origin is kept by find_origin).
     kv_find_installdir(argv0);
-    // Steps that belong to the other areas of the library and are wired there:
-    //  - the signal table (regevent_setup), child processes;
-    //  - the locales and the named module's locale (init_locales), messages.
+    // No signal table is set up and no handler installed: the library is
+    // loaded into hosts whose signal handling is theirs alone, the names
+    // that traces need come from signal_to_str's fixed table, and a child's
+    // signals are reset in the child, after the fork, by the spawner.
+    init_locales(own_process ? 1 : 0);
     // The thread library needs no state of its own here: every area makes
     // its keys and locks on first use through kv_once.
     // There is no crypto toolkit in this build whose library path could be set.
@@ -127,14 +131,60 @@ void _kvinit(char* app_name, int argc, char** argv) {
         if (!module.empty() && g_modname == nullptr) g_modname = xstrdup(module.c_str());
         if (!g_init_done) {
             g_init_done = true;
-            first_time(name.c_str(), argv0);
+            // A caller without arguments is a plug-in inside someone else's
+            // process; one with them is a program of its own.
+            first_time(name.c_str(), argv0, argc > 0 && argv != nullptr);
         }
     }
     kv_error_clear_last();
     opterr = 0;
     convert_arguments(argc, argv);
-    // The per-program debug settings (debug_check, VMR_DEBUGPROCS) belong to
-    // the messages area and are checked there.
+    debug_check(name.c_str());
+    if (!module.empty()) debug_check(module.c_str());
+    if (argv0 != nullptr) debug_check(base_name(argv0));
+}
+
+void init_locales(int own_process) {
+    // The process locale is the host's: only a program of our own takes the
+    // environment's, which also gives argument conversion its codeset.
+    if (own_process) setlocale(LC_ALL, "");
+    // The module speaks in the language the process chose for its messages;
+    // where none was chosen ("C"), the catalogue keeps following the
+    // environment by itself.
+    const char* cur = setlocale(LC_MESSAGES, nullptr);
+    if (cur != nullptr && strcmp(cur, "C") != 0 && strcmp(cur, "POSIX") != 0)
+        kv_set_my_locale(cur);
+}
+
+int debug_check(const char* progname) {
+    const char* list = getenv("VMR_DEBUGPROCS");
+    if (list == nullptr || progname == nullptr || *progname == '\0') return 0;
+    const std::string text = list;
+    int hit = 0;
+    size_t pos = 0;
+    while (pos < text.size()) {
+        size_t end = text.find_first_of(", \t", pos);
+        if (end == std::string::npos) end = text.size();
+        const std::string entry = text.substr(pos, end - pos);
+        pos = end + 1;
+        const size_t eq = entry.find('=');
+        const std::string who = entry.substr(0, eq);
+        if (who != "*" && who != progname) continue;
+        long level = 1;
+        unsigned long mask = 0;
+        if (eq != std::string::npos) {
+            const char* p = entry.c_str() + eq + 1;
+            char* rest = nullptr;
+            level = strtol(p, &rest, 10);
+            if (*rest == '/') mask = strtoul(rest + 1, nullptr, 0);
+        }
+        if (level > 99) level = 99;
+        // Settings only add: a level the host set already is never lowered.
+        if (level > Debug) Debug = static_cast<int>(level);
+        Debug_mask |= mask;
+        hit = 1;
+    }
+    return hit;
 }
 
 const char* kv_get_appname(void) {

@@ -16,6 +16,15 @@ const char* kv_get_modname(void);
 void kv_get_startup_ids(uid_t* ruid, uid_t* euid, gid_t* rgid, gid_t* egid);
 const char* kv_get_debug_cmdfile(void);
 
+// Start-up steps, also callable alone. init_locales: a program of its own
+// (`own_process` 1) takes the environment's locale; in every case the
+// module's messages follow the process's message locale when it is not "C".
+// debug_check: VMR_DEBUGPROCS lists "name[=level[/mask]]" entries separated
+// by commas or blanks ("*" for every program, a bare name is level 1); an
+// entry for `progname` raises Debug and adds to Debug_mask. 1 if one matched.
+void init_locales(int own_process);
+int debug_check(const char* progname);
+
 // Exit handlers of the library run in reverse order of registration, at
 // kv_exit and at the process's normal exit, unless disabled.
 

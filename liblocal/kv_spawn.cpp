@@ -42,6 +42,7 @@
 #include "liblocal/kv_env.h"
 #include "liblocal/kv_mem.h"
 #include "liblocal/kv_msg.h"
+#include "liblocal/kv_path.h"
 #include "liblocal/kv_trace.h"
 
 #ifndef SYS_close_range
@@ -50,9 +51,6 @@
 
 // Locale conversion shared with kv_env.cpp.
 char* kv_env_convert(const char* in, bool to_locale);
-
-// The installation paths of the portable layer, when linked in.
-char* kv_get_coresdir(void) __attribute__((weak));
 
 namespace {
 
@@ -593,7 +591,7 @@ pid_t spawn_as_user(int mode, char** argv, struct pollfd* exfds, nfds_t nfds, in
     const char* dir = cwd;
     bool dir_must = cwd != nullptr;
     if (mode & SPAWN_CORESDIR) {
-        const char* cores = kv_get_coresdir ? kv_get_coresdir() : nullptr;
+        const char* cores = kv_get_coresdir();
         std::string base = cores ? cores : "/tmp";
         const char* prog = strrchr(args[0], '/');
         prog = prog ? prog + 1 : args[0];

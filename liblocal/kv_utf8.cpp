@@ -1,6 +1,7 @@
 // Column measures and locale conversions.
 #include "liblocal/kv_utf8.h"
 
+#include <errno.h>
 #include <iconv.h>
 #include <langinfo.h>
 #include <stdint.h>
@@ -76,27 +77,6 @@ bool is_ascii(const char* s) {
     return true;
 }
 
-// One conversion through iconv; null when it fails anywhere, so that callers
-// fall back to the text as it stands rather than to half a text.
-char* convert(const char* to, const char* from, const char* s) {
-    iconv_t cd = iconv_open(to, from);
-    if (cd == reinterpret_cast<iconv_t>(-1)) return nullptr;
-    size_t inlen = strlen(s);
-    size_t cap = inlen * 4 + 8;
-    char* out = static_cast<char*>(xmalloc(cap));
-    char* in = const_cast<char*>(s);
-    char* w = out;
-    size_t left = cap - 1;
-    size_t rc = iconv(cd, &in, &inlen, &w, &left);
-    if (rc != static_cast<size_t>(-1)) rc = iconv(cd, nullptr, nullptr, &w, &left);
-    iconv_close(cd);
-    if (rc == static_cast<size_t>(-1)) {
-        free(out);
-        return nullptr;
-    }
-    *w = '\0';
-    return out;
-}
 }  // namespace
 
 int utf8_charlen(const char* s) {
@@ -132,14 +112,36 @@ int kv_locale_is_utf8(void) {
 
 char* kv_syscalls_utf8s_to_mbs(const char* s) {
     if (s == nullptr || is_ascii(s) || kv_locale_is_utf8()) return const_cast<char*>(s);
-    char* out = convert(nl_langinfo(CODESET), "UTF-8", s);
+    char* out = kv_iconv_dup(nl_langinfo(CODESET), "UTF-8", s);
     return out != nullptr ? out : const_cast<char*>(s);
 }
 
 char* kv_syscalls_mbs_to_utf8s(const char* s) {
     if (s == nullptr || is_ascii(s) || kv_locale_is_utf8()) return const_cast<char*>(s);
-    char* out = convert("UTF-8", nl_langinfo(CODESET), s);
+    char* out = kv_iconv_dup("UTF-8", nl_langinfo(CODESET), s);
     return out != nullptr ? out : const_cast<char*>(s);
+}
+
+char* kv_iconv_dup(const char* to, const char* from, const char* s) {
+    iconv_t cd = iconv_open(to, from);
+    if (cd == reinterpret_cast<iconv_t>(-1)) return nullptr;
+    size_t inlen = strlen(s);
+    size_t cap = inlen * 4 + 8;
+    char* out = static_cast<char*>(xmalloc(cap));
+    char* in = const_cast<char*>(s);
+    char* w = out;
+    size_t left = cap - 1;
+    size_t rc = iconv(cd, &in, &inlen, &w, &left);
+    if (rc != static_cast<size_t>(-1)) rc = iconv(cd, nullptr, nullptr, &w, &left);
+    int saved = errno;
+    iconv_close(cd);
+    if (rc == static_cast<size_t>(-1)) {
+        free(out);
+        errno = saved;
+        return nullptr;
+    }
+    *w = '\0';
+    return out;
 }
 
 void kv_conv_free(const char* original, char* converted) {

@@ -24,3 +24,7 @@ char* kv_syscalls_utf8s_to_mbs(const char* s);
 // The reverse: the locale's form to UTF-8, with the same ownership rule.
 char* kv_syscalls_mbs_to_utf8s(const char* s);
 void kv_conv_free(const char* original, char* converted);
+// The one iconv conversion of the library: `s` from code set `from` to `to`,
+// in new memory the caller frees; null (errno kept) if any part fails, so
+// that callers fall back to the text as it stands rather than to half of it.
+char* kv_iconv_dup(const char* to, const char* from, const char* s);

@@ -2,7 +2,6 @@
 // merges, matching and the comma-separated form.
 #include <ctype.h>
 #include <errno.h>
-#include <iconv.h>
 #include <langinfo.h>
 #include <regex.h>
 #include <stdarg.h>
@@ -14,6 +13,7 @@
 
 #include "liblocal/attrlist.h"
 #include "liblocal/kv_mem.h"
+#include "liblocal/kv_utf8.h"
 
 namespace {
 inline kv_list_t* L(vallist* v) { return reinterpret_cast<kv_list_t*>(v); }
@@ -31,19 +31,11 @@ constexpr size_t kI18nCut = 18432;
 
 std::string to_locale(const char* s) {
     std::string in(s, strnlen(s, kI18nCut));
-    const char* cs = nl_langinfo(CODESET);
-    if (cs == nullptr || strcasecmp(cs, "UTF-8") == 0 || strcasecmp(cs, "utf8") == 0) return in;
-    iconv_t cd = iconv_open(cs, "UTF-8");
-    if (cd == (iconv_t)-1) return in;
-    std::string out(in.size() * 4 + 4, '\0');
-    char* ip = &in[0];
-    size_t il = in.size();
-    char* op = &out[0];
-    size_t ol = out.size();
-    size_t r = iconv(cd, &ip, &il, &op, &ol);
-    iconv_close(cd);
-    if (r == (size_t)-1) return in;
-    out.resize(out.size() - ol);
+    if (kv_locale_is_utf8()) return in;
+    char* conv = kv_iconv_dup(nl_langinfo(CODESET), "UTF-8", in.c_str());
+    if (conv == nullptr) return in;
+    std::string out = conv;
+    free(conv);
     return out;
 }
 

@@ -149,12 +149,10 @@ TEST_F(HostCache, ClientListMatchesOnlyConfiguredNames) {
     EXPECT_STREQ(p, "client1");
     free(p);
 
-    kv_host_clientid_t id;
-    memset(&id, 0, sizeof id);
-    id.id[0] = 7;
-    id.id[19] = 9;
+    kvui_t id;
+    kvui_create(&id, KVUI_CLIENT, 7);
     EXPECT_EQ(cache_client_id((char*)"c1-backup", &id), 0);
-    kv_host_clientid_t back;
+    kvui_t back;
     memset(&back, 0, sizeof back);
     EXPECT_EQ(get_cached_client_id((char*)"client1", &back), 0);
     EXPECT_EQ(memcmp(&id, &back, sizeof id), 0);

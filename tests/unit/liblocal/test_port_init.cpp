@@ -2,6 +2,9 @@
 // Whatever depends on process-wide first-time state runs in a forked child.
 #include <gtest/gtest.h>
 
+#include <langinfo.h>
+#include <locale.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -11,8 +14,10 @@
 #include <string>
 
 #include "liblocal/kv_init.h"
+#include "liblocal/kv_msg.h"
 #include "liblocal/kv_path.h"
 #include "liblocal/kv_thread.h"
+#include "liblocal/kv_trace.h"
 #include "liblocal/vmr/lib/vmr_path.h"
 
 namespace {
@@ -123,6 +128,71 @@ TEST(PortInit, SplitsModuleNameAndFindsInstallation) {
         uid_t ruid, euid;
         kv_get_startup_ids(&ruid, &euid, nullptr, nullptr);
         return ruid == getuid() && euid == geteuid() ? 0 : 11;
+    }));
+}
+
+void host_handler(int) {}
+
+// A plug-in starts inside a host: the host's signal handlers and locale stay
+// as they were, and the module's messages follow the host's message locale.
+TEST(PortInit, PluginLeavesHostSignalsAndLocaleAlone) {
+    EXPECT_EQ(0, in_child([] {
+        const int sigs[] = {SIGINT, SIGTERM, SIGCHLD, SIGPIPE, SIGHUP, SIGUSR1};
+        struct sigaction sa;
+        memset(&sa, 0, sizeof sa);
+        sa.sa_handler = host_handler;
+        for (int sig : sigs) sigaction(sig, &sa, nullptr);
+        setenv("LC_ALL", "C.UTF-8", 1);
+        if (setlocale(LC_MESSAGES, "C.UTF-8") == nullptr) return 0;   // not installed here
+        char app[] = "vmr";
+        _kvinit(app, 0, nullptr);
+        for (int sig : sigs) {
+            struct sigaction cur;
+            sigaction(sig, nullptr, &cur);
+            if (cur.sa_handler != host_handler) return 1;
+        }
+        if (strcmp(setlocale(LC_CTYPE, nullptr), "C") != 0) return 2;
+        const char* mine = kv_get_my_locale();
+        return mine != nullptr && strcmp(mine, "C.UTF-8") == 0 ? 0 : 3;
+    }));
+}
+
+// A program of its own takes the environment's locale, which gives the
+// conversion of its arguments a codeset.
+TEST(PortInit, ProgramTakesEnvironmentLocale) {
+    EXPECT_EQ(0, in_child([] {
+        setenv("LC_ALL", "C.UTF-8", 1);
+        if (newlocale(LC_ALL_MASK, "C.UTF-8", nullptr) == nullptr) return 0;
+        char arg0[] = "/usr/bin/prog";
+        char* argv[] = {arg0, nullptr};
+        char app[] = "prog";
+        _kvinit(app, 1, argv);
+        return strcmp(nl_langinfo(CODESET), "UTF-8") == 0 ? 0 : 1;
+    }));
+}
+
+TEST(PortInit, DebugProcsRaiseTraceForNamedPrograms) {
+    EXPECT_EQ(0, in_child([] {
+        // Entries for other programs, empty and malformed ones are ignored;
+        // the module part of the name and the binary's name count too.
+        setenv("VMR_DEBUGPROCS", "other=9, ,=4,zovmerl=3/0x20\tprog", 1);
+        Debug = 0;
+        Debug_mask = 0;
+        char app[] = "vmr-zovmerl";
+        char arg0[] = "/opt/bin/prog";
+        char* argv[] = {arg0, nullptr};
+        _kvinit(app, 1, argv);
+        if (Debug != 3 || Debug_mask != 0x20) return 1;
+        // A level already higher is kept; bits only add.
+        setenv("VMR_DEBUGPROCS", "*=2/0x100,vmr", 1);
+        if (debug_check("vmr") != 1) return 2;
+        if (Debug != 3 || Debug_mask != 0x120) return 3;
+        if (debug_check("nobody") != 1) return 4;   // "*" names everyone
+        setenv("VMR_DEBUGPROCS", "merlsnap=100000000000", 1);
+        if (debug_check("merlsnap") != 1 || Debug != 99) return 5;
+        if (debug_check("other") != 0 || debug_check(nullptr) != 0) return 6;
+        unsetenv("VMR_DEBUGPROCS");
+        return debug_check("merlsnap") == 0 ? 0 : 7;
     }));
 }
 
