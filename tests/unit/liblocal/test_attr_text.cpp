@@ -45,13 +45,6 @@ TEST(ValStr, LongValuesAreQuotedAndWrapped) {
     EXPECT_EQ(out.find("\\\n"), std::string::npos);
 }
 
-TEST(ValStr, BufferIsPerThreadAndReused) {
-    char* p1 = val_str(const_cast<char*>("one"), 0);
-    char* p2 = val_str(const_cast<char*>("two"), 0);
-    EXPECT_EQ(p1, p2);
-    EXPECT_STREQ(p2, "two");
-}
-
 std::string fmt(attrlist* a, int flags = 0, ssize_t linelen = 80) {
     ssize_t size = attr_sprintf(nullptr, 0, linelen, a, 0, 1, flags);
     std::string buf((size_t)size + 1, '\0');
@@ -81,6 +74,14 @@ TEST(AttrSprintf, WrapsToIndentedLines) {
     std::string indent(30, ' ');
     EXPECT_EQ(out, head + "value_of_ten, value_of_ten, value_of_ten,\n" + indent +
                        "value_of_ten, value_of_ten, value_of_ten;\n");
+    attrlist_free(al);
+    // Wide characters take two columns each, not their three bytes: six of
+    // them wrap exactly as twelve narrow ones.
+    const std::string wide = "\xe5\x80\xa4\xe5\x80\xa4\xe5\x80\xa4\xe5\x80\xa4\xe5\x80\xa4\xe5\x80\xa4";
+    al = nullptr;
+    for (int i = 0; i < 6; i++) attrlist_add(&al, "n", wide.c_str());
+    EXPECT_EQ(fmt(al), head + wide + ", " + wide + ", " + wide + ",\n" + indent + wide + ", " + wide +
+                           ", " + wide + ";\n");
     attrlist_free(al);
 }
 
