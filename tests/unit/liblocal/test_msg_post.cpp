@@ -150,7 +150,7 @@ TEST_F(LogFile, LinesOfSeveralProcessesStayWhole) {
     FILE* fp = msg_log_open(path_.c_str(), "test", MSG_LOG_CUSTOM);
     ASSERT_NE(fp, nullptr);
     const int kProcs = 4;
-    const int kLines = 150;
+    const int kLines = 40;
     std::vector<pid_t> kids;
     for (int p = 0; p < kProcs; ++p) {
         pid_t pid = fork();

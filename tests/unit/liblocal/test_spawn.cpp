@@ -511,6 +511,8 @@ TEST_F(SpawnTest, Threads_EnvironmentChangesWhileSpawning) {
             kv_putenv(values[i & 1]);
             const char* v = kv_getenv("ZOV_SPAWN_RACE");
             if (v == nullptr || strlen(v) != 16) ADD_FAILURE() << "torn value";
+            // Let the spawners at the lock too, or they only queue behind us.
+            std::this_thread::yield();
         }
     });
     int bad = 0;
