@@ -142,7 +142,10 @@ TEST(PortInit, PluginLeavesHostSignalsAndLocaleAlone) {
         memset(&sa, 0, sizeof sa);
         sa.sa_handler = host_handler;
         for (int sig : sigs) sigaction(sig, &sa, nullptr);
-        setenv("LC_ALL", "C.UTF-8", 1);
+        // The environment names another language than the host chose.
+        unsetenv("LC_ALL");
+        unsetenv("LC_MESSAGES");
+        setenv("LANG", "de_DE.UTF-8", 1);
         if (setlocale(LC_MESSAGES, "C.UTF-8") == nullptr) return 0;   // not installed here
         char app[] = "vmr";
         _kvinit(app, 0, nullptr);
