@@ -157,11 +157,4 @@ TEST(AttrBuildStr, SizesThenFillsBounded) {
     attrlist_free(al);
 }
 
-TEST(ValPrint, QuotesWhereNeeded) {
-    vallist* vl = vallist_build((char*)"a b", "c,d", "", nullptr);
-    std::string out = capture([](FILE* fp, void* v) { vallist_print(fp, static_cast<vallist*>(v)); }, vl);
-    EXPECT_EQ(out, "a b, \"c,d\", \"\"\n");
-    vallist_free(vl);
-}
-
 }  // namespace
