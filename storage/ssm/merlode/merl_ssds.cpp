@@ -6,8 +6,10 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <new>
 
 #include "liblocal/kv_thread.h"
+#include "storage/ssm/merlode/SCQuillsetCow.h"
 #include "storage/ssm/merlode/cli/zov_quillset.h"
 #include "storage/ssm/merlode/merl_globalfuncs.h"
 
@@ -124,23 +126,62 @@ SSError* merlDirectoryService::getServiceInstance(const char* serviceSubType,
                            "%s: Specified storage subsystem type (%s) is not supported", fname,
                            "(null)");
     }
-    // No technology makes service objects yet: a known subtype, like an
-    // unknown one, leaves serviceObj as it was.
+    SSError* err = nullptr;
+    if (strcasecmp(serviceSubType, "COW") == 0) {
+        m_e.logprintf(5, kFile, __LINE__, "%s : Working on COW type", fname);
+        IService* obj = new (std::nothrow) SCQuillsetCow(m_fpLog, m_logCtx);
+        if (obj == nullptr)
+            err = m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
+                              "%s: Creation of Merlode Snapshot Control object failed", fname);
+        else
+            serviceObj = obj;
+    }
+    // A subtype without a provider in this build, like an unknown one, is
+    // passed over: the caller asked querySupportedServiceSubType first.
     m_e.logprintf(9, kFile, __LINE__, "END: %s", fname);
-    return nullptr;
+    return err;
 }
 
 SSError* merlDirectoryService::isServiceSupported(SSSource ssSource, const char* serviceSubType,
                                                   attrlist*, int& isSupported) {
     static const char* const fname = "merlDirectoryService::isServiceSupported";
-    std::string source(ssSource != nullptr ? ssSource : "");
-    isSupported = 0;
-    // The subtype is tested first: an unknown one is a plain "no", even on a
-    // host with no frames configured.
-    if (!isKnownSubType(serviceSubType)) return nullptr;
-    if (m_quillsetContext == nullptr && m_ipaddrlist.empty())
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                           "%s: Frame IP address(s) missing from environment", fname);
-    m_e.logprintf(9, kFile, __LINE__, "END: %s", fname);
-    return nullptr;
+    try {
+        std::string source(ssSource != nullptr ? ssSource : "");
+        isSupported = 0;
+        // The subtype is tested first: an unknown one is a plain "no", even on
+        // a host with no frames configured.
+        if (!isKnownSubType(serviceSubType)) return nullptr;
+        if (m_quillsetContext == nullptr) {
+            if (m_ipaddrlist.empty())
+                return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
+                                   "%s: Frame IP address(s) missing from environment", fname);
+            m_quillsetContext = new (std::nothrow) zov_quillset(m_fpLog, m_logCtx);
+            if (m_quillsetContext == nullptr)
+                return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
+                                   "%s: zov_quillset constructor failed", fname);
+            // A context whose init failed is kept and used by the next question.
+            SSError* err = m_quillsetContext->init(m_ipaddrlist, m_attrlist);
+            if (err != nullptr) return err;
+        }
+        std::string devName;
+        SSError* err = m_quillsetContext->normalizeSrc(source, devName);
+        if (err != nullptr) {
+            m_e.logprintf(3, kFile, __LINE__, "%s: normalizeSrc failed: %s", fname, err->getErrMsg());
+            return err;
+        }
+        if (strcasecmp(serviceSubType, "COW") == 0) {
+            m_e.logprintf(9, kFile, __LINE__, "%s: Working on COW type", fname);
+            isSupported = m_quillsetContext->isSnappable(devName);
+        } else if (strcasecmp(serviceSubType, "MIRROR") == 0) {
+            m_e.logprintf(9, kFile, __LINE__, "%s: Working on Mirror type", fname);
+        } else if (strcasecmp(serviceSubType, "KVT-SNAP") == 0) {
+            m_e.logprintf(9, kFile, __LINE__, "%s: Working on KVT SNAP type", fname);
+        }
+        m_e.logprintf(9, kFile, __LINE__, "END: %s", fname);
+        return nullptr;
+    } catch (...) {
+        // The loader's process must never see an exception of ours.
+        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR, "%s: %s", fname,
+                           "Caught unexpected exception.");
+    }
 }
