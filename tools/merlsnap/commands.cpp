@@ -1,0 +1,407 @@
+// merlsnap's commands: each opens the module, makes the service objects a
+// loader would, and walks them through one part of a snapshot's life.
+#include <limits.h>
+#include <stdio.h>
+#include <strings.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <map>
+
+#include "tools/merlsnap/handle_file.h"
+#include "tools/merlsnap/merlsnap.h"
+
+namespace {
+
+struct CommandInfo {
+    const char* name;
+    const char* help;
+};
+
+const CommandInfo k_commands[] = {
+    {"info",
+     "usage: merlsnap info [--frame ADDR]...\n"
+     "Loads the module as a backup product does and shows its interface version,\n"
+     "the services it offers and its snapshot technologies.\n"},
+    {"supported",
+     "usage: merlsnap supported --frame ADDR... [--tech TECH] DEVICE...\n"
+     "Asks, for each device, whether it lies on the array and can be snapped by\n"
+     "the technology. Exit code 5 when any device cannot.\n"},
+    {"snapshot",
+     "usage: merlsnap snapshot --frame ADDR... --mount-host HOST --handle FILE\n"
+     "                         [--tech TECH] [--attr NAME=VALUE]... DEVICE...\n"
+     "Takes a snapshot of the devices on the production host: enrols them,\n"
+     "prepares (a mirror waits for its synchronisation, showing progress), splits\n"
+     "the snapshot off, and writes its handle to FILE for the mount host.\n"},
+    {"validate",
+     "usage: merlsnap validate --handle FILE\n"
+     "Checks on the mount host that the snapshot named by the handle is still\n"
+     "whole on the array.\n"},
+    {"mount",
+     "usage: merlsnap mount --handle FILE [DEVICE...]\n"
+     "Makes the snapshot of the sources (all of them by default) readable on\n"
+     "this host and shows the device each one can be read from.\n"},
+    {"path",
+     "usage: merlsnap path --handle FILE [DEVICE...]\n"
+     "Shows on which device of this host each source's snapshot can be read\n"
+     "(mounting it if needed).\n"},
+    {"unmount",
+     "usage: merlsnap unmount --handle FILE [DEVICE...]\n"
+     "Releases the snapshot's devices on this host.\n"},
+    {"delete",
+     "usage: merlsnap delete --handle FILE\n"
+     "Deletes the snapshot on the array. The handle file is kept.\n"},
+    {"rollback",
+     "usage: merlsnap rollback --handle FILE [DEVICE...]\n"
+     "Restores the sources (all of them by default) from the snapshot. The\n"
+     "sources' file systems must not be in use.\n"},
+    {"status",
+     "usage: merlsnap status --handle FILE\n"
+     "Shows the snapshot's state, its technology and its sources.\n"},
+    {"demo",
+     "usage: merlsnap demo [--tech TECH] [--keep] [--json]\n"
+     "Makes a fresh simulated array in a temporary folder and takes a snapshot\n"
+     "through its whole life: on the production host (check, enrol, prepare,\n"
+     "snapshot, handle) and then on the mount host from the handle (validate,\n"
+     "mount, read path, unmount, delete), then a rollback. --keep leaves the\n"
+     "simulated array's folder in place.\n"},
+};
+
+const char* state_name(SCSnapshotState s) {
+    switch (s) {
+        case SSHOT_STATE_UNINIT: return "not initialised";
+        case SSHOT_STATE_INIT: return "initialised";
+        case SSHOT_STATE_PREPARE_IN_PROGRESS: return "preparing";
+        case SSHOT_STATE_PREPARED: return "prepared";
+        case SSHOT_STATE_SNAP_IN_PROGRESS: return "snapping";
+        case SSHOT_STATE_VALID: return "valid";
+        case SSHOT_STATE_READY: return "mounted";
+        case SSHOT_STATE_ERROR: return "finished";
+    }
+    return "unknown";
+}
+
+std::string local_host_name() {
+    char buf[HOST_NAME_MAX + 1] = {0};
+    if (gethostname(buf, sizeof(buf) - 1) != 0) return "localhost";
+    return buf;
+}
+
+void pause_seconds(double s) {
+    if (s <= 0) return;
+    struct timespec ts;
+    ts.tv_sec = static_cast<time_t>(s);
+    ts.tv_nsec = static_cast<long>((s - static_cast<double>(ts.tv_sec)) * 1e9);
+    nanosleep(&ts, nullptr);
+}
+
+// Fails the command with the module's last error.
+int module_failure(Context& c) {
+    c.report.finish(c.opt.command, EXIT_MODULE_ERROR, c.module.error());
+    return EXIT_MODULE_ERROR;
+}
+
+bool open_module(Context& c) {
+    attrlist* attrs = build_attrs(c.opt);
+    bool ok = c.module.open(c.opt.module, attrs);
+    attrlist_free(attrs);
+    return ok;
+}
+
+// Waits for the array's background work of the current task, showing progress.
+bool wait_for_task(Context& c, ISnapshot* s, const char* what) {
+    SSTaskId task = 0;
+    if (c.module.failed(s->getCurrentTask(task), "getCurrentTask")) return false;
+    for (int polls = 0;; polls++) {
+        SSTaskStatus st = SS_TASK_ERROR;
+        SSError* taskErr = nullptr;
+        if (c.module.failed(s->getTaskStatus(task, st, taskErr), "getTaskStatus")) return false;
+        if (c.module.failed(taskErr, what)) return false;
+        if (st == SS_TASK_DONE) {
+            if (polls > 0 && !c.opt.json) printf(" done\n");
+            return true;
+        }
+        if (st == SS_TASK_ERROR) {
+            c.report.finish(c.opt.command, EXIT_MODULE_ERROR, std::string(what) + " failed on the array");
+            return false;
+        }
+        if (!c.opt.json) {
+            printf(polls == 0 ? "  %s in progress ." : ".", what);
+            fflush(stdout);
+        }
+        pause_seconds(c.opt.poll_interval);
+    }
+}
+
+// A service object made from a handle file, initialised as on a mount host.
+struct MountHostObject {
+    ISnapshot* svc = nullptr;
+    HandleFile handle;
+};
+
+int load_from_handle(Context& c, MountHostObject& m, bool validate) {
+    std::string why;
+    if (c.opt.handle_file.empty()) {
+        c.report.finish(c.opt.command, EXIT_USAGE, "--handle FILE is required");
+        return EXIT_USAGE;
+    }
+    if (!read_handle_file(c.opt.handle_file, m.handle, why)) {
+        c.report.finish(c.opt.command, EXIT_HANDLE_FILE, why);
+        return EXIT_HANDLE_FILE;
+    }
+    if (!open_module(c)) return EXIT_NO_MODULE;
+    m.svc = c.module.service(m.handle.tech);
+    if (m.svc == nullptr) return module_failure(c);
+    SCSnapshotHandle h;
+    h.m_pguid = reinterpret_cast<unsigned char*>(strdup(m.handle.guid.c_str()));
+    h.m_guidLen = m.handle.guid.size();
+    h.m_pdetails = reinterpret_cast<unsigned char*>(strdup(m.handle.details.c_str()));
+    h.m_detailLen = m.handle.details.size();
+    SCInitStruct is;
+    is.snapshotHandle = &h;
+    attrlist* attrs = build_attrs(c.opt);
+    is.attributes = attrs;
+    bool failed = c.module.failed(m.svc->init(&is), "init");
+    attrlist_free(attrs);
+    if (failed) return module_failure(c);
+    c.report.step("Read the " + m.handle.tech + " snapshot's handle from " + c.opt.handle_file);
+    if (validate) {
+        if (c.module.failed(m.svc->validate(nullptr), "validate")) return module_failure(c);
+        c.report.step("The snapshot is whole on the array");
+    }
+    return EXIT_OK;
+}
+
+// The source names a handle's details carry, as the module reads them.
+std::vector<std::string> handle_sources(const std::string& details) {
+    std::vector<std::string> out;
+    size_t pos = details.find(';');                        // after the tag
+    pos = pos == std::string::npos ? pos : details.find(';', pos + 1);  // after the frames
+    while (pos != std::string::npos) {
+        size_t next = details.find(';', pos + 1);
+        std::string rec = details.substr(pos + 1, next == std::string::npos ? std::string::npos : next - pos - 1);
+        size_t bar = rec.find('|');
+        if (bar != std::string::npos) {
+            std::string src = rec.substr(bar + 1);
+            out.push_back(src.substr(0, src.find('-')));
+        }
+        pos = next;
+    }
+    return out;
+}
+
+std::vector<std::string> sources_or_all(Context& c, ISnapshot* s) {
+    if (!c.opt.devices.empty()) return c.opt.devices;
+    SSSourceList* list = nullptr;
+    if (c.module.failed(s->getSourceList(list), "getSourceList")) return {};
+    std::vector<std::string> names = source_names(list);
+    delete list;
+    return names;
+}
+
+void finish_object(Context& c, ISnapshot* s) {
+    if (s == nullptr) return;
+    s->end();
+    c.module.free_object(s);
+}
+
+int cmd_info(Context& c) {
+    if (!open_module(c)) {
+        c.report.finish("info", EXIT_NO_MODULE, c.module.error());
+        return EXIT_NO_MODULE;
+    }
+    SSAPIVersion v = c.module.api_version();
+    c.report.fact("module", c.opt.module);
+    c.report.fact("interface", std::to_string(v.m_majorVersion) + "." + std::to_string(v.m_minorVersion));
+    SSServiceType* types = nullptr;
+    int n = 0;
+    if (c.module.failed(c.module.subsystem()->querySupportedServices(types, n), "querySupportedServices"))
+        return module_failure(c);
+    for (int i = 0; i < n; i++) c.report.item("service", types[i] == SS_SERV_SNAPSHOT ? "snapshot" : "other");
+    char** subs = nullptr;
+    if (c.module.failed(c.module.directory()->querySupportedServiceSubType(subs, n),
+                        "querySupportedServiceSubType"))
+        return module_failure(c);
+    for (int i = 0; i < n; i++) {
+        SSAPIVersion tv{0, 0};
+        SSStorageStackLevel lvl = SS_LEVEL_DISK;
+        if (c.module.failed(c.module.directory()->getAPIVersion(subs[i], tv), "getAPIVersion") ||
+            c.module.failed(c.module.directory()->getStorageStackLevel(subs[i], lvl), "getStorageStackLevel"))
+            return module_failure(c);
+        c.report.item("technology", std::string(subs[i]) + " (API " + std::to_string(tv.m_majorVersion) +
+                                        "." + std::to_string(tv.m_minorVersion) + ", " +
+                                        (lvl == SS_LEVEL_DISK ? "disks" : "volumes") + ")");
+    }
+    c.report.finish("info", EXIT_OK, "");
+    return EXIT_OK;
+}
+
+int cmd_supported(Context& c) {
+    if (c.opt.devices.empty()) {
+        c.report.finish("supported", EXIT_USAGE, "name at least one device");
+        return EXIT_USAGE;
+    }
+    if (!open_module(c)) {
+        c.report.finish("supported", EXIT_NO_MODULE, c.module.error());
+        return EXIT_NO_MODULE;
+    }
+    int rc = EXIT_OK;
+    for (const std::string& d : c.opt.devices) {
+        int yes = 0;
+        std::string dev = d;
+        if (c.module.failed(c.module.directory()->isServiceSupported(&dev[0], c.opt.tech.c_str(), nullptr, yes),
+                            "isServiceSupported")) {
+            c.report.item("unsupported", d + " (" + c.module.error() + ")");
+            rc = EXIT_NOT_SUPPORTED;
+        } else if (yes > 0) {
+            c.report.item("supported", d);
+        } else {
+            c.report.item("unsupported", d);
+            rc = EXIT_NOT_SUPPORTED;
+        }
+    }
+    c.report.finish("supported", rc, rc == EXIT_OK ? "" : "not every device can be snapped by " + c.opt.tech);
+    return rc;
+}
+
+int cmd_snapshot(Context& c) {
+    if (c.opt.devices.empty() || c.opt.handle_file.empty()) {
+        c.report.finish("snapshot", EXIT_USAGE, "snapshot needs --handle FILE and at least one device");
+        return EXIT_USAGE;
+    }
+    if (!open_module(c)) {
+        c.report.finish("snapshot", EXIT_NO_MODULE, c.module.error());
+        return EXIT_NO_MODULE;
+    }
+    ISnapshot* s = c.module.service(c.opt.tech);
+    if (s == nullptr) return module_failure(c);
+    int rc = EXIT_OK;
+    SCInitStruct is;
+    attrlist* attrs = build_attrs(c.opt);
+    is.attributes = attrs;
+    SSSourceList* srcs = make_source_list(c.opt.devices);
+    SSTaskId task = 0;
+    SCSnapshotHandle* h = nullptr;
+    do {
+        if (c.module.failed(s->init(&is), "init")) { rc = EXIT_MODULE_ERROR; break; }
+        c.report.step("Connected to the array and checked the host's array tools");
+        if (c.module.failed(s->addComponent(srcs), "addComponent")) { rc = EXIT_MODULE_ERROR; break; }
+        c.report.step("Enrolled " + std::to_string(c.opt.devices.size()) + " source device(s)");
+        if (c.module.failed(s->prepareForSnapshot(nullptr, nullptr, task), "prepareForSnapshot")) {
+            rc = EXIT_MODULE_ERROR;
+            break;
+        }
+        if (s->getSnapshotState() == SSHOT_STATE_PREPARE_IN_PROGRESS &&
+            !wait_for_task(c, s, "synchronisation")) {
+            rc = EXIT_MODULE_ERROR;
+            break;
+        }
+        c.report.step("Prepared the snapshot");
+        if (c.module.failed(s->snapshot(nullptr, task), "snapshot")) { rc = EXIT_MODULE_ERROR; break; }
+        c.report.step("Took the snapshot");
+        if (c.module.failed(s->getSnapshotHandle(h), "getSnapshotHandle")) { rc = EXIT_MODULE_ERROR; break; }
+        HandleFile hf{c.opt.tech, reinterpret_cast<char*>(h->m_pguid), reinterpret_cast<char*>(h->m_pdetails)};
+        std::string why;
+        if (!write_handle_file(c.opt.handle_file, hf, why)) {
+            c.report.finish("snapshot", EXIT_HANDLE_FILE, why);
+            rc = -EXIT_HANDLE_FILE;
+            break;
+        }
+        c.report.step("Kept the snapshot's handle in " + c.opt.handle_file);
+        c.report.fact("handle", c.opt.handle_file);
+        c.report.fact("identity", hf.guid);
+    } while (false);
+    c.module.free_object(h);
+    delete srcs;
+    attrlist_free(attrs);
+    finish_object(c, s);
+    if (rc < 0) return -rc;
+    if (rc != EXIT_OK) return module_failure(c);
+    c.report.finish("snapshot", EXIT_OK, "");
+    return EXIT_OK;
+}
+
+// validate, mount, path, unmount, delete, status: the mount host's life.
+int cmd_mount_host(Context& c) {
+    const std::string& cmd = c.opt.command;
+    MountHostObject m;
+    bool validate = cmd != "rollback";
+    int rc = load_from_handle(c, m, validate);
+    if (rc != EXIT_OK) {
+        finish_object(c, m.svc);
+        if (rc == EXIT_NO_MODULE) c.report.finish(cmd, rc, c.module.error());
+        return rc;
+    }
+    ISnapshot* s = m.svc;
+    bool failed = false;
+    if (cmd == "mount" || cmd == "path" || cmd == "unmount") {
+        std::vector<std::string> names = sources_or_all(c, s);
+        SSSourceList* list = make_source_list(names);
+        failed = c.module.failed(s->mount(list), "mount");
+        if (!failed) {
+            SSSourceList* paths = nullptr;
+            // The module may consume the list it was given on one failure path.
+            SSSourceList* ask = make_source_list(names);
+            failed = c.module.failed(s->getSnapshotAccessPath(ask, paths), "getSnapshotAccessPath");
+            if (!failed) delete ask;
+            std::vector<std::string> dsts = source_names(paths);
+            delete paths;
+            for (size_t i = 0; i < names.size() && i < dsts.size(); i++)
+                c.report.item("access", names[i] + " -> " + dsts[i]);
+            if (!failed && cmd != "unmount") c.report.step("The snapshot is readable on this host");
+        }
+        if (!failed && cmd == "unmount") {
+            failed = c.module.failed(s->unmount(list), "unmount");
+            if (!failed) c.report.step("Released the snapshot's devices on this host");
+        }
+        delete list;
+    } else if (cmd == "delete") {
+        failed = c.module.failed(s->deleteSnapshot(), "deleteSnapshot");
+        if (!failed) c.report.step("Deleted the snapshot on the array");
+    } else if (cmd == "rollback") {
+        // A rollback starts from the handle without validating, so the
+        // sources come from the command line or, failing that, the handle.
+        std::vector<std::string> names = c.opt.devices;
+        if (names.empty()) names = handle_sources(m.handle.details);
+        SSSourceList* list = make_source_list(names);
+        SSTaskId task = 0;
+        failed = c.module.failed(s->rollBack(list, nullptr, task), "rollBack");
+        if (!failed && strcasecmp(m.handle.tech.c_str(), "MIRROR") == 0)
+            failed = !wait_for_task(c, s, "reverse synchronisation");
+        if (!failed) c.report.step("Restored the sources from the snapshot");
+        delete list;
+    } else if (cmd == "status") {
+        SCSnapshotState st = s->getSnapshotState();
+        c.report.fact("technology", m.handle.tech);
+        c.report.fact("state", state_name(st));
+        for (const std::string& n : sources_or_all(c, s)) c.report.item("source", n);
+    }
+    finish_object(c, s);
+    if (failed) return module_failure(c);
+    c.report.finish(cmd, EXIT_OK, "");
+    return EXIT_OK;
+}
+
+}  // namespace
+
+attrlist* build_attrs(const Options& o) {
+    attrlist* al = nullptr;
+    for (const std::string& f : o.frames) attrs_add(&al, "FRAME_IP", f);
+    attrs_add(&al, "VMR_DATA_MOVER", o.mount_host.empty() ? local_host_name() : o.mount_host);
+    for (const auto& a : o.attrs) attrs_add(&al, a.first, a.second);
+    return al;
+}
+
+const char* command_help(const std::string& command) {
+    for (const CommandInfo& ci : k_commands)
+        if (command == ci.name) return ci.help;
+    return nullptr;
+}
+
+int run_command(Context& c) {
+    const std::string& cmd = c.opt.command;
+    if (cmd == "info") return cmd_info(c);
+    if (cmd == "supported") return cmd_supported(c);
+    if (cmd == "snapshot") return cmd_snapshot(c);
+    return cmd_mount_host(c);
+}
