@@ -5,4 +5,4 @@ set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/scripts/deps.sh"
 "$top/scripts/build.sh" "$top/build/plain" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-exec "$top/build/plain/tools/merlsnap/merlsnap" info --frame 10.1.1.20:10.1.1.21 "$@"
+exec "$top/build/plain/tools/merlsnap/merlsnap" demo "$@" </dev/null

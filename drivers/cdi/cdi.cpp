@@ -63,6 +63,10 @@ int cdi_open(CDI_INFOP cdi_info) {
         return cdi_info->status;
     }
     const bool we_open = cdi_info->path.handle < 0;
+    // A caller that cleared its record has 0 in the auxiliary descriptor: that
+    // is standard input, not a node of ours, and closing it would hand its
+    // number to the next open of any thread of the host.
+    if (we_open) cdi_info->path.aux_handle = -1;
     const int type = cdi_info->path.type;
     int status;
     if (is_os_path(type)) {

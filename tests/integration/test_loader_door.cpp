@@ -10,100 +10,9 @@
 #include <string>
 #include <vector>
 
-namespace ldr {
+#include "tests/integration/loader_decls.h"
 
-// Records in the layout the interface fixes.
-struct vallist {
-    vallist* next;
-    char value[1];
-};
-struct attrlist {
-    attrlist* next;
-    vallist* values;
-    char name[65];
-};
-struct argtuple {
-    int argdesc;
-    char* arg;
-};
-struct errinfo {
-    int errnum;
-    char* errstr;
-    uint64_t timestamp;
-    int threadID;
-    int processID;
-    int activityID;
-    char hostName[64];
-    char* programName;
-    int MsgId;
-    char* form;
-    int argcount;
-    argtuple** arglist;
-};
-struct SSAPIVersion {
-    int m_majorVersion;
-    int m_minorVersion;
-};
-typedef void (*LogFn)(int, const char*, int, const char*, void*);
 
-class SSObject {
-public:
-    virtual ~SSObject() {}
-};
-class SSError : public SSObject {
-public:
-    int errorCode;
-    errinfo errInfo;
-};
-class IService;
-class SSDirectoryService : public SSObject {
-public:
-    virtual SSError* init(attrlist*) = 0;
-    virtual SSError* deInit() = 0;
-    virtual SSError* getAPIVersion(const char*, SSAPIVersion&) = 0;
-    virtual SSError* getStorageStackLevel(const char*, int&) = 0;
-    virtual SSError* querySupportedServiceSubType(char**&, int&) = 0;
-    virtual SSError* getServiceInstance(const char*, IService*&) = 0;
-    virtual SSError* isServiceSupported(char*, const char*, attrlist*, int&) = 0;
-    virtual SSError* setServiceAttributes(const char*, attrlist*) = 0;
-    virtual SSError* getServiceAttributes(const char*, attrlist*, attrlist*&) = 0;
-    virtual SSError* getSourceAttributes(const char*, attrlist*, attrlist*&) = 0;
-};
-class StorageSubsystem : public SSObject {
-public:
-    LogFn m_fpLog;
-    void* m_logCtx;
-    virtual SSError* init(attrlist*, LogFn, void*) = 0;
-    virtual void deInit() = 0;
-    virtual void getAPIVersion(SSAPIVersion&) = 0;
-    virtual SSError* querySupportedServices(int*&, int&) = 0;
-    virtual SSError* getDirectoryService(int, SSDirectoryService*&) = 0;
-};
-
-// Builds an attribute the way the record layout allows: one allocation per
-// node, text inline.
-attrlist* make_attr(const char* name, const std::vector<const char*>& values) {
-    attrlist* a = static_cast<attrlist*>(calloc(1, offsetof(attrlist, name) + strlen(name) + 1));
-    strcpy(a->name, name);
-    vallist** tail = &a->values;
-    for (const char* v : values) {
-        vallist* n = static_cast<vallist*>(calloc(1, offsetof(vallist, value) + strlen(v) + 1));
-        strcpy(n->value, v);
-        *tail = n;
-        tail = &n->next;
-    }
-    return a;
-}
-void free_attr(attrlist* a) {
-    for (vallist* v = a->values; v != nullptr;) {
-        vallist* n = v->next;
-        free(v);
-        v = n;
-    }
-    free(a);
-}
-
-}  // namespace ldr
 
 namespace {
 
@@ -181,7 +90,7 @@ TEST_F(LoaderDoor, FollowsTheCallingOrderEndToEnd) {
     ASSERT_NE(ds, nullptr);
     ldr::attrlist* frames = ldr::make_attr("FRAME_IP", {"b:a", "a"});
     ASSERT_EQ(ds->init(frames), nullptr);
-    ldr::free_attr(frames);
+    ldr::free_attrs(frames);
     EXPECT_EQ(log.lines.back(), "9 END: merlDirectoryService::init");
 
     char** subs = nullptr;

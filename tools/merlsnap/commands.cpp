@@ -2,9 +2,15 @@
 // loader would, and walks them through one part of a snapshot's life.
 #include <limits.h>
 #include <stdio.h>
+#include <string.h>
 #include <strings.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <errno.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/wait.h>
 
 #include <map>
 
@@ -38,16 +44,20 @@ const CommandInfo k_commands[] = {
      "Checks on the mount host that the snapshot named by the handle is still\n"
      "whole on the array.\n"},
     {"mount",
-     "usage: merlsnap mount --handle FILE [DEVICE...]\n"
+     "usage: merlsnap mount --handle FILE [--run COMMAND] [DEVICE...]\n"
      "Makes the snapshot of the sources (all of them by default) readable on\n"
-     "this host and shows the device each one can be read from.\n"},
+     "this host, shows the device each one can be read from, and keeps it so\n"
+     "until COMMAND ends (it gets the devices in $MERLSNAP_DEVICES) or, without\n"
+     "--run, until standard input ends (Enter on a terminal); then releases it.\n"},
     {"path",
      "usage: merlsnap path --handle FILE [DEVICE...]\n"
-     "Shows on which device of this host each source's snapshot can be read\n"
-     "(mounting it if needed).\n"},
+     "Shows on which device of this host each source's snapshot can be read:\n"
+     "mounts, shows the devices and releases them again.\n"},
     {"unmount",
      "usage: merlsnap unmount --handle FILE [DEVICE...]\n"
-     "Releases the snapshot's devices on this host.\n"},
+     "Checks that the snapshot can be mounted on this host and released again.\n"
+     "A snapshot is always released by the command that mounted it; one left\n"
+     "mounted by an interrupted merlsnap is removed with `delete`.\n"},
     {"delete",
      "usage: merlsnap delete --handle FILE\n"
      "Deletes the snapshot on the array. The handle file is kept.\n"},
@@ -130,6 +140,36 @@ bool wait_for_task(Context& c, ISnapshot* s, const char* what) {
             fflush(stdout);
         }
         pause_seconds(c.opt.poll_interval);
+    }
+}
+
+// Keeps a mounted snapshot until --run's command ends or, without one, until
+// standard input reaches its end (Enter on a terminal).
+void hold_mounted(Context& c, const std::string& devices) {
+    if (!c.opt.run.empty()) {
+        c.report.step("Running: " + c.opt.run);
+        fflush(stdout);
+        setenv("MERLSNAP_DEVICES", devices.c_str(), 1);
+        char sh[] = "/bin/sh", dash_c[] = "-c";
+        std::string cmdline = c.opt.run;
+        char* argv[] = {sh, dash_c, &cmdline[0], nullptr};
+        pid_t pid = -1;
+        int status = 0;
+        if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, argv, environ) == 0) {
+            while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+            }
+            c.report.fact("run-status", std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128));
+        } else {
+            c.report.fact("run-status", "could not start");
+        }
+        return;
+    }
+    if (isatty(0)) {
+        printf("  The snapshot stays mounted; press Enter to release it.\n");
+        fflush(stdout);
+    }
+    int ch;
+    while ((ch = getchar()) != EOF && ch != '\n') {
     }
 }
 
@@ -335,22 +375,30 @@ int cmd_mount_host(Context& c) {
     ISnapshot* s = m.svc;
     bool failed = false;
     if (cmd == "mount" || cmd == "path" || cmd == "unmount") {
+        // An object can only release what it mounted itself, so the mount,
+        // the reading and the release happen within this one command.
         std::vector<std::string> names = sources_or_all(c, s);
         SSSourceList* list = make_source_list(names);
         failed = c.module.failed(s->mount(list), "mount");
         if (!failed) {
             SSSourceList* paths = nullptr;
-            // The module may consume the list it was given on one failure path.
+            // The module consumes the list it is given on one failure path.
             SSSourceList* ask = make_source_list(names);
             failed = c.module.failed(s->getSnapshotAccessPath(ask, paths), "getSnapshotAccessPath");
             if (!failed) delete ask;
             std::vector<std::string> dsts = source_names(paths);
             delete paths;
-            for (size_t i = 0; i < names.size() && i < dsts.size(); i++)
+            std::string devices;
+            for (size_t i = 0; i < names.size() && i < dsts.size(); i++) {
                 c.report.item("access", names[i] + " -> " + dsts[i]);
-            if (!failed && cmd != "unmount") c.report.step("The snapshot is readable on this host");
+                devices += (devices.empty() ? "" : " ") + dsts[i];
+            }
+            if (!failed) {
+                c.report.step("The snapshot is readable on this host");
+                if (cmd == "mount") hold_mounted(c, devices);
+            }
         }
-        if (!failed && cmd == "unmount") {
+        if (!failed) {
             failed = c.module.failed(s->unmount(list), "unmount");
             if (!failed) c.report.step("Released the snapshot's devices on this host");
         }

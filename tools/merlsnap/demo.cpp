@@ -1,7 +1,153 @@
-// merlsnap demo: a snapshot's two lives against a freshly made simulated array.
+// merlsnap demo: a snapshot's two lives against a freshly made simulated
+// array. The first stage makes the array and starts merlsnap again with the
+// simulator's tools first on PATH and its device layer preloaded (a preload
+// only takes effect at process start); the second stage tells the story.
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <spawn.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
 #include "tools/merlsnap/merlsnap.h"
 
+namespace {
+
+const char* const kSimDir = MERLSNAP_ARRAYSIM_DIR;
+
+int run_and_wait(const std::vector<std::string>& args, bool quiet) {
+    std::vector<char*> argv;
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    if (quiet) posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", O_WRONLY, 0);
+    pid_t pid = -1;
+    int rc = posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&fa);
+    if (rc != 0) return 127;
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+}
+
+void remove_tree(const std::string& dir) {
+    run_and_wait({"/bin/rm", "-rf", dir}, true);
+}
+
+std::string self_path() {
+    char buf[PATH_MAX + 1];
+    ssize_t n = readlink("/proc/self/exe", buf, PATH_MAX);
+    if (n <= 0) return "";
+    buf[n] = '\0';
+    return buf;
+}
+
+void heading(const Context& c, const char* text) {
+    if (!c.opt.json) printf("\n== %s\n", text);
+}
+
+// One operation of the story, with the demo's settings.
+int stage(Context& c, const std::string& command, const std::vector<std::string>& devices) {
+    Context sub;
+    sub.opt = c.opt;
+    sub.opt.command = command;
+    sub.opt.devices = devices;
+    sub.sink = c.sink;
+    sub.report = Report(c.opt.json);
+    return run_command(sub);
+}
+
+int second_stage(Context& c) {
+    const std::string dir = c.opt.demo_stage;
+    const std::string dev = dir + "/dev/";
+    c.opt.frames = {"198.18.0.1:198.18.0.2"};
+    c.opt.handle_file = dir + "/snapshot.handle";
+    c.opt.poll_interval = 0;  // the simulated array advances on each query
+
+    heading(c, "On the production host: can these disks be snapped?");
+    if (!c.opt.json)
+        printf("  sdd and sdg are array disks set up for COW sessions; sdn is an array disk\n"
+               "  without that set-up, so the module must say no to it.\n");
+    stage(c, "supported", {dev + "sdd", dev + "sdg", dev + "sdn"});
+
+    heading(c, "On the production host: take the snapshot");
+    if (!c.opt.json)
+        printf("  The module enrols both disks, names one copy-on-write session per disk,\n"
+               "  starts the sessions on the array and hands back a handle.\n");
+    int rc = stage(c, "snapshot", {dev + "sdd", dev + "sdg"});
+    if (rc != EXIT_OK) return rc;
+
+    heading(c, "On the mount host: find the snapshot again from its handle");
+    if ((rc = stage(c, "status", {})) != EXIT_OK) return rc;
+
+    heading(c, "On the mount host: read the snapshot");
+    if (!c.opt.json)
+        printf("  Each session is activated and appears as a device of this host; a backup\n"
+               "  would read those devices now. Then they are released.\n");
+    if ((rc = stage(c, "path", {})) != EXIT_OK) return rc;
+
+    heading(c, "Roll the first disk back to the snapshot");
+    if ((rc = stage(c, "rollback", {dev + "sdd"})) != EXIT_OK) return rc;
+
+    heading(c, "Delete the snapshot");
+    if ((rc = stage(c, "delete", {})) != EXIT_OK) return rc;
+    if (!c.opt.json) {
+        int commands = 0;
+        if (FILE* f = fopen((dir + "/commands.log").c_str(), "r")) {
+            for (int ch; (ch = fgetc(f)) != EOF;) commands += ch == '\n';
+            fclose(f);
+        }
+        printf("\nThe array answered %d commands of its tools for all of this; the\n"
+               "sessions are gone. The demo ran %s.\n",
+               commands, c.opt.keep ? ("in " + dir + ", which is kept").c_str() : "and cleaned up");
+    }
+    return EXIT_OK;
+}
+
+}  // namespace
+
 int cmd_demo(Context& c) {
-    c.report.finish("demo", EXIT_USAGE, "the demo needs the array simulator");
-    return EXIT_USAGE;
+    if (!c.opt.demo_stage.empty()) return second_stage(c);
+
+    // No dash in the folder's name: a handle read on the mount host cuts a
+    // source's name at its first dash.
+    char tmpl[] = "/tmp/merlsnapdemoXXXXXX";
+    if (mkdtemp(tmpl) == nullptr) {
+        c.report.finish("demo", EXIT_USAGE, std::string("cannot make a folder: ") + strerror(errno));
+        return EXIT_USAGE;
+    }
+    const std::string dir = tmpl;
+    setenv("ARRAYSIM_STATE", dir.c_str(), 1);
+    if (!c.opt.json)
+        printf("Making a simulated array in %s: 2 frames, 4 disks each, a production\n"
+               "host (this one) and a mount host.\n",
+               dir.c_str());
+    fflush(stdout);
+    int rc = run_and_wait({std::string(kSimDir) + "/arraysim", "init", "--frames", "2", "--luns", "4"},
+                          true);
+    if (rc != 0) {
+        c.report.finish("demo", EXIT_USAGE, "the array simulator could not make an array");
+        remove_tree(dir);
+        return EXIT_USAGE;
+    }
+    std::string path = dir + "/bin:" + (getenv("PATH") != nullptr ? getenv("PATH") : "/usr/bin:/bin");
+    setenv("PATH", path.c_str(), 1);
+    std::string preload = std::string(kSimDir) + "/libarraysim_scsi.so";
+    setenv("LD_PRELOAD", preload.c_str(), 1);
+
+    std::vector<std::string> args = {self_path(), "demo", "--demo-stage", dir, "--module", c.opt.module,
+                                     "--log-level", std::to_string(c.opt.log_level_given ? c.opt.log_level : 0)};
+    if (c.opt.json) args.push_back("--json");
+    if (!c.opt.log_file.empty()) args.insert(args.end(), {"--log-file", c.opt.log_file});
+    rc = run_and_wait(args, false);
+    if (!c.opt.keep) remove_tree(dir);
+    return rc;
 }

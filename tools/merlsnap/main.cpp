@@ -37,6 +37,7 @@ const char* k_usage =
     "  --log-level N       show the module's log lines up to level N (default 3)\n"
     "  --log-file PATH     write the module's log lines there instead of stderr\n"
     "  --poll SECONDS      wait between progress queries of long array work (default 1)\n"
+    "  --run COMMAND       mount: what to run while the snapshot is mounted\n"
     "  --json              print the result as one JSON object\n"
     "  --help              this text; `merlsnap COMMAND --help` for one command\n"
     "\n"
@@ -73,6 +74,10 @@ bool parse(int argc, char** argv, Options& o, std::string& why) {
             if (!value(o.tech)) return false;
         } else if (a == "--handle") {
             if (!value(o.handle_file)) return false;
+        } else if (a == "--run") {
+            if (!value(o.run)) return false;
+        } else if (a == "--demo-stage") {
+            if (!value(o.demo_stage)) return false;
         } else if (a == "--log-file") {
             if (!value(o.log_file)) return false;
         } else if (a == "--attr") {
@@ -93,8 +98,10 @@ bool parse(int argc, char** argv, Options& o, std::string& why) {
             }
             if (a == "--poll")
                 o.poll_interval = d;
-            else
+            else {
                 o.log_level = static_cast<int>(d);
+                o.log_level_given = true;
+            }
         } else if (a.size() > 1 && a[0] == '-') {
             why = "unknown option " + a;
             return false;
@@ -110,6 +117,8 @@ bool parse(int argc, char** argv, Options& o, std::string& why) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Steps and the module's log lines (standard error) stay in order.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
     Context c;
     std::string why;
     if (!parse(argc, argv, c.opt, why)) {

@@ -27,11 +27,14 @@ struct Options {
     std::string tech = "COW";
     std::string handle_file;
     int log_level = 3;
+    bool log_level_given = false;
     std::string log_file;
     bool json = false;
     bool help = false;
     double poll_interval = 1.0;  // seconds between task status polls
     bool keep = false;           // demo: keep the simulated array's folder
+    std::string run;             // mount: the command to run while mounted
+    std::string demo_stage;      // demo: the prepared array folder (second stage)
     std::vector<std::string> devices;
 };
 

@@ -157,6 +157,28 @@ TEST_F(CdiOpen, ArrayDeviceGivesIdentityAndArrayBytes) {
     EXPECT_EQ(ci.path.device_file, nullptr);
 }
 
+TEST_F(CdiOpen, ClearedRecordNeverClosesStandardInput) {
+    // Callers clear the record and set only the primary descriptor to -1,
+    // leaving 0 in the auxiliary one.
+    FakeDevice& d = FakeScsi::get().add(dev("sdz"));
+    d.standard = make_inquiry("QXR", "MERLODE DISK", "0815", 0, 7, kFrameIp, 144);
+    int saved = dup(0);
+    ASSERT_GE(saved, 0);
+    for (int round = 0; round < 2; round++) {
+        CDI_INFO ci;
+        memset(&ci, 0, sizeof(ci));
+        ci.version = 1;
+        ci.path.type = CDI_PATH_SCSI;
+        ci.path.device_file = strdup(dev("sdz").c_str());
+        ci.path.handle = -1;
+        ASSERT_EQ(cdi_open(&ci), 0) << ci.error.errstr;
+        cdi_close(&ci);
+        EXPECT_NE(fcntl(0, F_GETFD), -1) << "standard input was closed in round " << round;
+        if (fcntl(0, F_GETFD) == -1) dup2(saved, 0);
+    }
+    close(saved);
+}
+
 TEST_F(CdiOpen, VitalProductPagesAreSelectedByRequestNumber) {
     FakeDevice& d = FakeScsi::get().add(dev("sdv"));
     d.standard = make_inquiry("QXR", "LUN", "1");

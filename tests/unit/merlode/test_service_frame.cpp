@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "liblocal/kv_thread.h"
 #include "storage/ssm/merlode/SCQuillsetCow.h"
 
 namespace {
@@ -196,6 +197,9 @@ TEST(ServiceFrame, ExceptionInAddComponentWWNBecomesInternalErrorAndFreesTheLock
     ThrowingProvider p(capture, &log);
     ASSERT_EQ(p.m_mtx.init(), nullptr);
     p.m_instanceIsProduction = 1;
+    // A context without frames: the WWN lookup finds nothing and the
+    // provider's own test is what throws.
+    p.m_quillsetContext = new zov_quillset(capture, &log);
     SSError* e = p.addComponentWWN({"6006016012345678"});
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->getErrCode(), SS_EC_INTERNAL_ERROR);

@@ -1,0 +1,236 @@
+// A loader's test bench for whole snapshot lives: the module opened once by
+// dlopen, a fresh simulated array per test (its tools first on PATH, its
+// state named for children), and the loader's side of each life.
+// Not thread-safe except where a test says so.
+#pragma once
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "tests/integration/loader_decls.h"
+
+extern char** environ;
+
+namespace cowtest {
+
+struct Entry {
+    ldr::SSError* (*instantiateSS)(ldr::StorageSubsystem*&) = nullptr;
+    void (*freeSSObject)(ldr::SSObject*) = nullptr;
+};
+
+inline Entry& module() {
+    static Entry e = [] {
+        Entry m;
+        void* h = dlopen(ZOVMERL_PATH, RTLD_NOW | RTLD_LOCAL);
+        if (h != nullptr) {
+            m.instantiateSS = reinterpret_cast<decltype(m.instantiateSS)>(dlsym(h, "instantiateSS"));
+            m.freeSSObject = reinterpret_cast<decltype(m.freeSSObject)>(dlsym(h, "freeSSObject"));
+        }
+        return m;
+    }();
+    return e;
+}
+
+inline int run(const std::vector<std::string>& args, std::string* out = nullptr) {
+    std::vector<char*> argv;
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    int fds[2];
+    if (pipe(fds) != 0) return -1;
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_adddup2(&fa, fds[1], 1);
+    posix_spawn_file_actions_adddup2(&fa, fds[1], 2);
+    posix_spawn_file_actions_addclose(&fa, fds[0]);
+    pid_t pid = -1;
+    int rc = posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&fa);
+    close(fds[1]);
+    std::string text;
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(fds[0], buf, sizeof buf)) > 0) text.append(buf, static_cast<size_t>(n));
+    close(fds[0]);
+    if (rc != 0) return -1;
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (out != nullptr) *out = text;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// A fresh simulated array, 2 frames with 4 COW-configured disks each.
+class Array {
+public:
+    Array() {
+        char tmpl[] = "/tmp/cowlifeXXXXXX";  // no dash: handles cut sources at one
+        if (mkdtemp(tmpl) == nullptr) return;
+        m_dir = tmpl;
+        m_oldPath = getenv("PATH") != nullptr ? getenv("PATH") : "/usr/bin:/bin";
+        setenv("ARRAYSIM_STATE", m_dir.c_str(), 1);
+        setenv("PATH", (std::string(ARRAYSIM_BIN_DIR) + ":" + m_oldPath).c_str(), 1);
+        m_ok = admin({"init", "--frames", "2", "--luns", "4"}) == 0;
+    }
+    ~Array() {
+        setenv("PATH", m_oldPath.c_str(), 1);
+        unsetenv("ARRAYSIM_STATE");
+        if (!m_dir.empty()) run({"/bin/rm", "-rf", m_dir});
+    }
+    bool ok() const { return m_ok; }
+    std::string dev(const std::string& name) const { return m_dir + "/dev/" + name; }
+    int admin(const std::vector<std::string>& args, std::string* out = nullptr) const {
+        // The state folder comes from the environment, as for the tools.
+        std::vector<std::string> a{std::string(ARRAYSIM_BIN_DIR) + "/arraysim"};
+        a.insert(a.end(), args.begin(), args.end());
+        return run(a, out);
+    }
+    std::vector<std::string> log_lines(const std::string& containing) const {
+        std::vector<std::string> v;
+        std::ifstream in(m_dir + "/commands.log");
+        for (std::string l; std::getline(in, l);)
+            if (l.find(containing) != std::string::npos) v.push_back(l);
+        return v;
+    }
+    // Session names the array holds, as its tool lists them.
+    std::vector<std::string> sessions() const {
+        std::string out;
+        admin({"tilloseccli", "-h", "198.18.0.1", "quillset", "-listsessions"}, &out);
+        std::vector<std::string> v;
+        size_t pos = 0;
+        while ((pos = out.find("Name of the session:", pos)) != std::string::npos) {
+            pos += 20;
+            size_t b = out.find_first_not_of(" \t", pos);
+            size_t e = out.find_first_of("\r\n", b);
+            v.push_back(out.substr(b, e - b));
+        }
+        return v;
+    }
+
+private:
+    std::string m_dir;
+    std::string m_oldPath;
+    bool m_ok = false;
+};
+
+// The loader's side: a subsystem and a directory service per test.
+class Loader {
+public:
+    Loader() {
+        Entry& m = module();
+        if (m.instantiateSS == nullptr) return;
+        if (m.instantiateSS(m_ss) != nullptr || m_ss == nullptr) return;
+        if (take(m_ss->init(nullptr, &Loader::log, this))) return;
+        if (take(m_ss->getDirectoryService(0, m_ds))) return;
+        ldr::attrlist* frames = ldr::make_attr("FRAME_IP", {"198.18.0.1:198.18.0.2"});
+        bool failed = take(m_ds->init(frames));
+        ldr::free_attrs(frames);
+        m_ok = !failed;
+    }
+    ~Loader() {
+        if (m_ds != nullptr) {
+            take(m_ds->deInit());
+            module().freeSSObject(m_ds);
+        }
+        if (m_ss != nullptr) {
+            m_ss->deInit();
+            module().freeSSObject(m_ss);
+        }
+    }
+    bool ok() const { return m_ok; }
+    ldr::SSDirectoryService* ds() { return m_ds; }
+
+    // Frees an error and keeps its code and text; true when there was one.
+    bool take(ldr::SSError* e) {
+        if (e == nullptr) return false;
+        code = e->errorCode;
+        text = e->errInfo.errstr != nullptr ? e->errInfo.errstr : "";
+        module().freeSSObject(e);
+        return true;
+    }
+
+    ldr::ISnapshot* cow() {
+        ldr::IService* obj = nullptr;
+        if (take(m_ds->getServiceInstance("COW", obj))) return nullptr;
+        return static_cast<ldr::ISnapshot*>(obj);
+    }
+    void finish(ldr::ISnapshot* s) {
+        if (s == nullptr) return;
+        s->end();
+        module().freeSSObject(s);
+    }
+
+    // A production object, initialised for this array.
+    ldr::ISnapshot* production() {
+        ldr::ISnapshot* s = cow();
+        if (s == nullptr) return nullptr;
+        ldr::attrlist* attrs = ldr::make_attr("FRAME_IP", {"198.18.0.1:198.18.0.2"});
+        attrs->next = ldr::make_attr("VMR_DATA_MOVER", {"mover1"});
+        ldr::SCInitStruct is;
+        is.attributes = attrs;
+        bool failed = take(s->init(&is));
+        ldr::free_attrs(attrs);
+        if (failed) {
+            finish(s);
+            return nullptr;
+        }
+        return s;
+    }
+
+    // A mount-host object made from a handle's two texts.
+    ldr::ISnapshot* from_handle(const std::string& guid, const std::string& details) {
+        ldr::ISnapshot* s = cow();
+        if (s == nullptr) return nullptr;
+        ldr::SCSnapshotHandle h;
+        h.m_pguid = reinterpret_cast<unsigned char*>(strdup(guid.c_str()));
+        h.m_guidLen = guid.size();
+        h.m_pdetails = reinterpret_cast<unsigned char*>(strdup(details.c_str()));
+        h.m_detailLen = details.size();
+        ldr::SCInitStruct is;
+        is.snapshotHandle = &h;
+        if (take(s->init(&is))) {
+            finish(s);
+            return nullptr;
+        }
+        return s;
+    }
+
+    // The production life up to the handle; empty texts on failure.
+    bool take_snapshot(const std::vector<std::string>& devices, std::string& guid, std::string& details) {
+        ldr::ISnapshot* s = production();
+        if (s == nullptr) return false;
+        ldr::SSSourceList* srcs = ldr::make_sources(devices);
+        ldr::SSTaskId task = -1;
+        ldr::SCSnapshotHandle* h = nullptr;
+        bool ok = !take(s->addComponent(srcs)) && !take(s->prepareForSnapshot(nullptr, nullptr, task)) &&
+                  !take(s->snapshot(nullptr, task)) && !take(s->getSnapshotHandle(h));
+        delete srcs;
+        if (ok) {
+            guid = reinterpret_cast<char*>(h->m_pguid);
+            details = reinterpret_cast<char*>(h->m_pdetails);
+            module().freeSSObject(h);
+        }
+        finish(s);
+        return ok;
+    }
+
+    int code = 0;
+    std::string text;
+    std::string errors;  // the module's error lines, for failure messages
+
+private:
+    static void log(int level, const char*, int, const char* msg, void* ctx) {
+        if (level <= 3) static_cast<Loader*>(ctx)->errors += std::string(msg) + "\n";
+    }
+    ldr::StorageSubsystem* m_ss = nullptr;
+    ldr::SSDirectoryService* m_ds = nullptr;
+    bool m_ok = false;
+};
+
+}  // namespace cowtest
