@@ -6,6 +6,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <mutex>
 #include <new>
 
 #include "liblocal/kv_thread.h"
@@ -14,6 +15,14 @@
 #include "storage/ssm/merlode/merl_globalfuncs.h"
 
 static const char* const kFile = "storage/ssm/merlode/merl_ssds";
+
+namespace {
+// The module-wide mutex lives while any directory service is initialised: a
+// loader with a directory service per thread must not destroy it under
+// another thread's prepare, nor leak one per init.
+std::mutex g_mtxMerlodeGuard;
+int g_mtxMerlodeUsers = 0;
+}  // namespace
 
 merlDirectoryService::merlDirectoryService(SSLOG_FUNC_POINTER fpLog, void* logCtx)
     : m_fpLog(fpLog),
@@ -30,7 +39,19 @@ merlDirectoryService::merlDirectoryService(SSLOG_FUNC_POINTER fpLog, void* logCt
     m_e.logprintf(9, kFile, __LINE__, "END: merlDirectoryService::constructor");
 }
 
+void merlDirectoryService::releaseModuleMutex() {
+    std::lock_guard<std::mutex> g(g_mtxMerlodeGuard);
+    if (!m_holdsModuleMutex) return;
+    m_holdsModuleMutex = false;
+    if (--g_mtxMerlodeUsers == 0) {
+        kv_mutex_destroy(merl_space::mtxMerlode);
+        merl_space::mtxMerlode = nullptr;
+    }
+}
+
 merlDirectoryService::~merlDirectoryService() {
+    // A loader that frees without deInit must not leave the count held.
+    releaseModuleMutex();
     // All three names are released here: the loader cannot reach the array
     // once the object is gone, and a plug-in must not leak per object.
     for (char*& name : m_subServTypes) {
@@ -45,10 +66,17 @@ merlDirectoryService::~merlDirectoryService() {
 
 SSError* merlDirectoryService::init(attrlist* attrList) {
     static const char* const fname = "merlDirectoryService::init";
-    merl_space::mtxMerlode = kv_mutex_new();
-    if (merl_space::mtxMerlode == nullptr)
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INSUFFICIENT_MEMORY,
-                           "%s: Memory allocation error", fname);
+    {
+        std::lock_guard<std::mutex> g(g_mtxMerlodeGuard);
+        if (!m_holdsModuleMutex) {
+            if (merl_space::mtxMerlode == nullptr) merl_space::mtxMerlode = kv_mutex_new();
+            if (merl_space::mtxMerlode == nullptr)
+                return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INSUFFICIENT_MEMORY,
+                                   "%s: Memory allocation error", fname);
+            g_mtxMerlodeUsers++;
+            m_holdsModuleMutex = true;
+        }
+    }
     if (attrList == nullptr) return nullptr;
 
     attrlist_free(m_attrlist);
@@ -71,8 +99,7 @@ SSError* merlDirectoryService::init(attrlist* attrList) {
 
 SSError* merlDirectoryService::deInit() {
     static const char* const fname = "merlDirectoryService::deInit";
-    kv_mutex_destroy(merl_space::mtxMerlode);
-    merl_space::mtxMerlode = nullptr;
+    releaseModuleMutex();
     m_e.logprintf(9, kFile, __LINE__, "END: %s", fname);
     return nullptr;
 }

@@ -39,4 +39,6 @@ public:
 
 private:
     bool isKnownSubType(const char* serviceSubType) const;
+    void releaseModuleMutex();
+    bool m_holdsModuleMutex = false;  // this object counts as a user of mtxMerlode
 };
