@@ -4,15 +4,19 @@
 #include "tools/arraysim/state.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 namespace arraysim {
+
+static bool write_all(int fd, const char* p, size_t n);
 
 // ---------------------------------------------------------------- lookups
 
@@ -40,20 +44,18 @@ int State::local_host() const {
 }
 
 Lun* State::lun(int frame, int num) {
-  for (auto& l : luns)
-    if (l.frame == frame && l.num == num) return &l;
-  return nullptr;
+  long i = luns.find(frame, num);
+  return i < 0 ? nullptr : &luns[static_cast<size_t>(i)];
 }
 
 const Lun* State::lun(int frame, int num) const {
-  for (const auto& l : luns)
-    if (l.frame == frame && l.num == num) return &l;
-  return nullptr;
+  long i = luns.find(frame, num);
+  return i < 0 ? nullptr : &luns[static_cast<size_t>(i)];
 }
 
 Lun* State::lun_any_frame(int num) {
-  for (auto& l : luns)
-    if (l.num == num) return &l;
+  for (size_t i = 0; i < luns.size(); ++i)
+    if (luns.num_at(i) == num) return &luns[i];
   return nullptr;
 }
 
@@ -151,7 +153,10 @@ struct Token {
   size_t klen;
   const char* val;
   size_t vlen;
-  bool is(const char* k) const { return strlen(k) == klen && memcmp(k, key, klen) == 0; }
+  template <size_t N>
+  bool is(const char (&k)[N]) const {
+    return N - 1 == klen && memcmp(k, key, klen) == 0;
+  }
   std::string str() const {
     // Most values need no unescaping; skip the slow path for them.
     if (!memchr(val, '%', vlen)) return std::string(val, vlen);
@@ -159,18 +164,24 @@ struct Token {
   }
 };
 
-bool to_ll(const Token& t, long long& out) {
-  if (t.vlen == 0 || t.vlen > 20) return false;
-  char buf[24];
-  memcpy(buf, t.val, t.vlen);
-  buf[t.vlen] = 0;
-  char* end = nullptr;
-  errno = 0;
-  long long v = strtoll(buf, &end, 10);
-  if (errno || *end) return false;
-  out = v;
+// Decimal with an optional sign, no blanks, within long long.
+bool parse_ll(const char* p, size_t n, long long& out) {
+  size_t i = 0;
+  bool neg = false;
+  if (i < n && (p[i] == '-' || p[i] == '+')) neg = p[i++] == '-';
+  if (i == n || n - i > 19) return false;
+  unsigned long long v = 0;
+  for (; i < n; ++i) {
+    unsigned d = static_cast<unsigned char>(p[i]) - '0';
+    if (d > 9) return false;
+    v = v * 10 + d;
+  }
+  if (v > 9223372036854775807ULL) return false;
+  out = neg ? -static_cast<long long>(v) : static_cast<long long>(v);
   return true;
 }
+
+bool to_ll(const Token& t, long long& out) { return parse_ll(t.val, t.vlen, out); }
 
 bool to_int(const Token& t, int& out) {
   long long v;
@@ -199,23 +210,60 @@ std::vector<std::string> to_list(const Token& t) {
   return out;
 }
 
+bool parse_int(const char* p, size_t n, int& out) {
+  // Most numbers are short and unsigned (LUN numbers, HLU/ALU pairs).
+  if (n - 1 < 9) {
+    int v = 0;
+    size_t i = 0;
+    for (; i < n; ++i) {
+      unsigned d = static_cast<unsigned char>(p[i]) - '0';
+      if (d > 9) break;
+      v = v * 10 + static_cast<int>(d);
+    }
+    if (i == n) {
+      out = v;
+      return true;
+    }
+  }
+  long long v;
+  if (!parse_ll(p, n, v) || v < -2147483647LL || v > 2147483647LL) return false;
+  out = static_cast<int>(v);
+  return true;
+}
+
+// Lists of numbers are long (a storage group of thousands of LUNs): read them
+// in place, without a string per item. Empty items are skipped.
 bool to_int_list(const Token& t, std::vector<int>& out) {
   out.clear();
-  for (const auto& s : to_list(t)) {
-    char* end = nullptr;
-    long v = strtol(s.c_str(), &end, 10);
-    if (*end || s.empty()) return false;
-    out.push_back(static_cast<int>(v));
+  const char* p = t.val;
+  const char* end = t.val + t.vlen;
+  while (p < end) {
+    const char* c = static_cast<const char*>(memchr(p, ',', end - p));
+    const char* ie = c ? c : end;
+    if (ie > p) {
+      int v;
+      if (!parse_int(p, ie - p, v)) return false;
+      out.push_back(v);
+    }
+    p = ie + 1;
   }
   return true;
 }
 
 bool parse_pairs(const Token& t, std::vector<Pair>& out) {
   out.clear();
-  for (const auto& s : to_list(t)) {
-    Pair p;
-    if (sscanf(s.c_str(), "%d:%d", &p.hlu, &p.alu) != 2) return false;
-    out.push_back(p);
+  const char* p = t.val;
+  const char* end = t.val + t.vlen;
+  while (p < end) {
+    const char* c = static_cast<const char*>(memchr(p, ',', end - p));
+    const char* ie = c ? c : end;
+    if (ie > p) {
+      const char* colon = static_cast<const char*>(memchr(p, ':', ie - p));
+      Pair pr;
+      if (!colon || !parse_int(p, colon - p, pr.hlu) || !parse_int(colon + 1, ie - colon - 1, pr.alu)) return false;
+      out.push_back(pr);
+    }
+    p = ie + 1;
   }
   return true;
 }
@@ -261,28 +309,38 @@ bool split_line(const char* p, const char* end, std::string& kind, std::vector<T
     continue;                      \
   }
 
+bool parse_lun(const std::vector<Token>& toks, Lun& r) {
+  for (const auto& t : toks) {
+    NUM(frame) NUM(num) STR(name) STR(wwn) LNUM(blocks) BOOL(trespassed) STR(mount)
+    STR(snapname) STR(snapdev) NUM(smp) STR(smpdev) STR(cg)
+    return false;
+  }
+  return true;
+}
+
+bool parse_dev(const std::vector<Token>& toks, HostDev& r) {
+  for (const auto& t : toks) {
+    NUM(host) STR(pseudo)
+    if (t.is("paths")) {
+      r.paths = to_list(t);
+      continue;
+    }
+    return false;
+  }
+  return true;
+}
+
 bool parse_record(const std::string& kind, const std::vector<Token>& toks, State& st) {
   if (kind == "lun") {
     Lun r;
-    for (const auto& t : toks) {
-      NUM(frame) NUM(num) STR(name) STR(wwn) LNUM(blocks) BOOL(trespassed) STR(mount)
-      STR(snapname) STR(snapdev) NUM(smp) STR(smpdev) STR(cg)
-      return false;
-    }
+    if (!parse_lun(toks, r)) return false;
     st.luns.push_back(std::move(r));
     return true;
   }
   if (kind == "dev") {
     if (st.luns.empty()) return false;
     HostDev r;
-    for (const auto& t : toks) {
-      NUM(host) STR(pseudo)
-      if (t.is("paths")) {
-        r.paths = to_list(t);
-        continue;
-      }
-      return false;
-    }
+    if (!parse_dev(toks, r)) return false;
     st.luns.back().devs.push_back(std::move(r));
     return true;
   }
@@ -433,10 +491,54 @@ bool parse_record(const std::string& kind, const std::vector<Token>& toks, State
 #undef STR
 #undef BOOL
 
-}  // namespace
+// The head of a LUN line as arraysim writes it, "lun frame=F num=N ...";
+// false for any other layout, which is then read the slow way.
+bool quick_lun_head(const char* q, const char* te, int& frame, int& num) {
+  static const char k1[] = "lun frame=";
+  static const char k2[] = " num=";
+  if (static_cast<size_t>(te - q) < sizeof k1 - 1 || memcmp(q, k1, sizeof k1 - 1) != 0) return false;
+  const char* p = q + sizeof k1 - 1;
+  const char* s = p;
+  while (p < te && *p != ' ') ++p;
+  if (!parse_int(s, p - s, frame)) return false;
+  if (static_cast<size_t>(te - p) < sizeof k2 - 1 || memcmp(p, k2, sizeof k2 - 1) != 0) return false;
+  p += sizeof k2 - 1;
+  s = p;
+  while (p < te && *p != ' ') ++p;
+  return parse_int(s, p - s, num);
+}
 
-bool parse_state(const char* data, size_t len, State& st, std::string& err) {
-  st = State();
+bool starts_word(const char* q, const char* te, const char* w, size_t n) {
+  return static_cast<size_t>(te - q) >= n && memcmp(q, w, n) == 0 && (q + n == te || q[n] == ' ');
+}
+
+// One line of [p, end): `q`..`te` is its text without surrounding blanks,
+// empty for a blank line or a comment.
+struct Line {
+  const char* next;
+  const char* q;
+  const char* te;
+};
+
+Line next_line(const char* p, const char* end) {
+  const char* nl = static_cast<const char*>(memchr(p, '\n', end - p));
+  const char* le = nl ? nl : end;
+  const char* q = p;
+  while (q < le && (*q == ' ' || *q == '\t' || *q == '\r')) ++q;
+  const char* te = le;
+  if (q < le && *q == '#') te = q;
+  while (te > q && (te[-1] == '\r' || te[-1] == ' ')) --te;
+  return Line{nl ? nl + 1 : end, q, te};
+}
+
+std::string malformed(int lineno, const char* q, const char* te) {
+  return "malformed state line " + std::to_string(lineno) + ": " + std::string(q, te);
+}
+
+// Reads the text; with `lazy`, LUN records in arraysim's own layout are kept
+// as text spans (the LUN line, the dev lines under it and any comments
+// between) and parsed when first used.
+bool parse_text(const char* data, size_t len, State& st, std::string& err, bool lazy) {
   const char* p = data;
   const char* end = data + len;
   const char* nl = static_cast<const char*>(memchr(p, '\n', end - p));
@@ -456,21 +558,207 @@ bool parse_state(const char* data, size_t len, State& st, std::string& err) {
   std::string kind;
   std::vector<Token> toks;
   int lineno = 1;
+  const char* span = nullptr;  // the LUN record being kept as text
+  int span_line = 0, span_frame = 0, span_num = 0;
   while (p < end) {
     ++lineno;
-    nl = static_cast<const char*>(memchr(p, '\n', end - p));
-    const char* le = nl ? nl : end;
-    const char* q = p;
-    while (q < le && (*q == ' ' || *q == '\t' || *q == '\r')) ++q;
-    if (q < le && *q != '#') {
-      const char* te = le;
-      while (te > q && (te[-1] == '\r' || te[-1] == ' ')) --te;
-      if (!split_line(q, te, kind, toks) || !parse_record(kind, toks, st)) {
-        err = "malformed state line " + std::to_string(lineno) + ": " + std::string(q, te);
-        return false;
+    Line ln = next_line(p, end);
+    if (ln.q == ln.te) {
+      p = ln.next;
+      continue;
+    }
+    if (lazy) {
+      if (span && starts_word(ln.q, ln.te, "dev", 3)) {
+        p = ln.next;
+        continue;
+      }
+      if (span) {
+        st.luns.add_raw(span_frame, span_num, span, p - span, span_line);
+        span = nullptr;
+      }
+      if (quick_lun_head(ln.q, ln.te, span_frame, span_num)) {
+        span = p;
+        span_line = lineno;
+        p = ln.next;
+        continue;
       }
     }
-    p = nl ? nl + 1 : end;
+    if (!split_line(ln.q, ln.te, kind, toks) || !parse_record(kind, toks, st)) {
+      err = malformed(lineno, ln.q, ln.te);
+      return false;
+    }
+    p = ln.next;
+  }
+  if (span) st.luns.add_raw(span_frame, span_num, span, end - span, span_line);
+  return true;
+}
+
+}  // namespace
+
+bool parse_state(const char* data, size_t len, State& st, std::string& err) {
+  st = State();
+  return parse_text(data, len, st, err, false);
+}
+
+// ---------------------------------------------------------------- LUN table
+
+LunTable::LunTable(const LunTable& o) { *this = o; }
+
+LunTable& LunTable::operator=(const LunTable& o) {
+  if (this == &o) return *this;
+  text_ = o.text_;
+  slots_.clear();
+  slots_.reserve(o.slots_.size());
+  for (const auto& s : o.slots_) {
+    Slot n;
+    n.frame = s.frame;
+    n.num = s.num;
+    n.raw = s.raw;
+    n.len = s.len;
+    n.line = s.line;
+    if (s.lun) n.lun.reset(new Lun(*s.lun));
+    slots_.push_back(std::move(n));
+  }
+  index_.clear();
+  index_ok_ = false;
+  return *this;
+}
+
+void LunTable::push_back(Lun l) {
+  Slot s;
+  s.frame = l.frame;
+  s.num = l.num;
+  s.lun.reset(new Lun(std::move(l)));
+  slots_.push_back(std::move(s));
+  index_ok_ = false;
+}
+
+void LunTable::clear() {
+  slots_.clear();
+  text_.reset();
+  index_.clear();
+  index_ok_ = false;
+}
+
+void LunTable::add_raw(int frame, int num, const char* raw, size_t len, int line) {
+  Slot s;
+  s.frame = frame;
+  s.num = num;
+  s.raw = raw;
+  s.len = len;
+  s.line = line;
+  slots_.push_back(std::move(s));
+  index_ok_ = false;
+}
+
+int LunTable::frame_at(size_t i) const {
+  const Slot& s = slots_[i];
+  return s.lun ? s.lun->frame : s.frame;
+}
+
+int LunTable::num_at(size_t i) const {
+  const Slot& s = slots_[i];
+  return s.lun ? s.lun->num : s.num;
+}
+
+static unsigned long long lun_key(int frame, int num) {
+  return static_cast<unsigned long long>(static_cast<unsigned>(frame)) << 32 | static_cast<unsigned>(num);
+}
+
+long LunTable::find(int frame, int num) const {
+  // Commands look LUNs up by the thousand (a storage group's pairs): a
+  // sorted index keeps that linear.
+  if (!index_ok_) {
+    index_.clear();
+    index_.reserve(slots_.size());
+    bool sorted = true;
+    for (size_t i = 0; i < slots_.size(); ++i) {
+      index_.emplace_back(lun_key(frame_at(i), num_at(i)), i);
+      if (i && index_[i].first < index_[i - 1].first) sorted = false;
+    }
+    if (!sorted) std::stable_sort(index_.begin(), index_.end());
+    index_ok_ = true;
+  }
+  unsigned long long k = lun_key(frame, num);
+  auto it = std::lower_bound(index_.begin(), index_.end(), std::make_pair(k, size_t(0)));
+  if (it != index_.end() && it->first == k && frame_at(it->second) == frame && num_at(it->second) == num)
+    return static_cast<long>(it->second);
+  // A parsed record may have been renumbered since the index was made.
+  for (size_t i = 0; i < slots_.size(); ++i)
+    if (frame_at(i) == frame && num_at(i) == num) return static_cast<long>(i);
+  return -1;
+}
+
+void LunTable::append_wwn(size_t i, std::string& out) const {
+  const Slot& s = slots_[i];
+  if (s.lun || !s.raw) {
+    out += materialize(i).wwn;
+    return;
+  }
+  // Values escape blanks and '=', so " wwn=" can only start the key; a dev
+  // line under the LUN line has no such key.
+  const char* end = s.raw + s.len;
+  static const char key[] = "wwn=";
+  const size_t kl = sizeof key - 1;
+  for (const char* p = s.raw;;) {
+    p = static_cast<const char*>(memchr(p, ' ', end - p));
+    if (!p) return;
+    ++p;
+    if (static_cast<size_t>(end - p) < kl || memcmp(p, key, kl) != 0) continue;
+    const char* v = p + kl;
+    const char* ve = v;
+    while (ve < end && *ve != ' ' && *ve != '\r' && *ve != '\n') ++ve;
+    if (!memchr(v, '%', ve - v))
+      out.append(v, ve);
+    else
+      out += unescape_value(v, ve - v);
+    return;
+  }
+}
+
+const char* LunTable::raw_at(size_t i, size_t& len) const {
+  const Slot& s = slots_[i];
+  if (s.lun) return nullptr;
+  len = s.len;
+  return s.raw;
+}
+
+Lun& LunTable::materialize(size_t i) const {
+  const Slot& s = slots_[i];
+  if (s.lun) return *s.lun;
+  std::unique_ptr<Lun> l(new Lun);
+  std::string kind;
+  std::vector<Token> toks;
+  const char* p = s.raw;
+  const char* end = s.raw + s.len;
+  int lineno = s.line - 1;
+  bool first = true;
+  while (p < end) {
+    ++lineno;
+    Line ln = next_line(p, end);
+    p = ln.next;
+    if (ln.q == ln.te) continue;
+    bool ok = split_line(ln.q, ln.te, kind, toks);
+    if (ok && first) {
+      ok = kind == "lun" && parse_lun(toks, *l);
+      first = false;
+    } else if (ok) {
+      HostDev d;
+      ok = kind == "dev" && parse_dev(toks, d);
+      if (ok) l->devs.push_back(std::move(d));
+    }
+    if (!ok) throw StateError(malformed(lineno, ln.q, ln.te));
+  }
+  s.lun = std::move(l);
+  return *s.lun;
+}
+
+bool LunTable::materialize_all(std::string& err) const {
+  try {
+    for (size_t i = 0; i < slots_.size(); ++i) materialize(i);
+  } catch (const StateError& e) {
+    err = e.what();
+    return false;
   }
   return true;
 }
@@ -479,8 +767,30 @@ bool parse_state(const char* data, size_t len, State& st, std::string& err) {
 
 namespace {
 
+// Where the text form goes: a string, or a file written in pieces, so that a
+// megabyte of untouched LUN records goes from the mapping of the old file
+// straight to the new one.
 struct Out {
   std::string s;
+  int fd = -1;
+  bool ok = true;
+  void flush() {
+    if (fd >= 0 && !s.empty()) {
+      ok = write_all(fd, s.data(), s.size()) && ok;
+      s.clear();
+    }
+  }
+  void maybe_flush() {
+    if (fd >= 0 && s.size() >= 65536) flush();
+  }
+  void raw(const char* p, size_t n) {
+    if (fd >= 0 && n >= 4096) {
+      flush();
+      ok = write_all(fd, p, n) && ok;
+    } else {
+      s.append(p, n);
+    }
+  }
   void kind(const char* k) { s += k; }
   void str(const char* k, const std::string& v) {
     s += ' ';
@@ -520,11 +830,7 @@ struct Out {
   void end() { s += '\n'; }
 };
 
-}  // namespace
-
-std::string format_state(const State& st) {
-  Out o;
-  o.s.reserve(256 + st.luns.size() * 200);
+void format_into(const State& st, Out& o) {
   o.s += kStateHeader;
   o.s += ' ';
   o.s += std::to_string(kStateVersion);
@@ -581,7 +887,22 @@ std::string format_state(const State& st) {
     }
     o.end();
   }
-  for (const auto& l : st.luns) {
+  for (size_t i = 0; i < st.luns.size(); ++i) {
+    // Untouched records go back as they were read, a run of neighbours at once.
+    size_t rawlen = 0;
+    if (const char* raw = st.luns.raw_at(i, rawlen)) {
+      const char* run_end = raw + rawlen;
+      size_t next_len = 0;
+      while (i + 1 < st.luns.size() && st.luns.raw_at(i + 1, next_len) == run_end) {
+        run_end += next_len;
+        ++i;
+      }
+      o.raw(raw, run_end - raw);
+      if (run_end == raw || run_end[-1] != '\n') o.s += '\n';
+      continue;
+    }
+    o.maybe_flush();
+    const Lun& l = st.luns[i];
     o.kind("lun");
     o.num("frame", l.frame);
     o.num("num", l.num);
@@ -681,6 +1002,17 @@ std::string format_state(const State& st) {
     o.num("count", f.count);
     o.end();
   }
+}
+
+}  // namespace
+
+std::string format_state(const State& st) {
+  Out o;
+  size_t raw = 0, n = 0;
+  for (size_t i = 0; i < st.luns.size(); ++i)
+    if (st.luns.raw_at(i, n)) raw += n;
+  o.s.reserve(4096 + raw + (st.luns.size() + st.groups.size() * 64) * 200);
+  format_into(st, o);
   return o.s;
 }
 
@@ -721,18 +1053,24 @@ bool read_file(const std::string& path, std::string& out) {
   if (fd < 0) return false;
   struct stat sb;
   out.clear();
-  if (fstat(fd, &sb) == 0 && sb.st_size > 0) out.reserve(static_cast<size_t>(sb.st_size) + 1);
-  char buf[65536];
+  // Read straight into the string: the state is a megabyte with thousands of LUNs.
+  size_t cap = fstat(fd, &sb) == 0 && sb.st_size > 0 ? static_cast<size_t>(sb.st_size) + 1 : 65536;
+  size_t have = 0;
   for (;;) {
-    ssize_t n = read(fd, buf, sizeof buf);
+    if (have == out.size()) out.resize(std::max(cap, out.size() * 2));
+    ssize_t n = read(fd, &out[have], out.size() - have);
     if (n < 0) {
       if (errno == EINTR) continue;
+      int e = errno;
       close(fd);
+      out.clear();
+      errno = e;
       return false;
     }
     if (n == 0) break;
-    out.append(buf, static_cast<size_t>(n));
+    have += static_cast<size_t>(n);
   }
+  out.resize(have);
   close(fd);
   return true;
 }
@@ -772,9 +1110,57 @@ bool load_state(const std::string& dir, State& st, std::string& err) {
   return parse_state(data.data(), data.size(), st, err);
 }
 
+bool load_state_lazy(const std::string& dir, State& st, std::string& err) {
+  // The file is mapped rather than read: a megabyte read into fresh memory
+  // costs a page fault per page, a populated mapping of the cached file does
+  // not. Writers replace the file by renaming, so the mapping stays whole.
+  std::string path = state_file(dir);
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat sb;
+  if (fd < 0 || fstat(fd, &sb) != 0) {
+    err = "cannot read " + path + ": " + strerror(errno) + " (make one with \"arraysim init\")";
+    if (fd >= 0) close(fd);
+    return false;
+  }
+  st = State();
+  size_t len = static_cast<size_t>(sb.st_size);
+  void* m = len ? mmap(nullptr, len, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0) : MAP_FAILED;
+  close(fd);
+  if (m == MAP_FAILED) {
+    auto data = std::make_shared<std::string>();
+    if (!read_file(path, *data)) {
+      err = "cannot read " + path + ": " + strerror(errno) + " (make one with \"arraysim init\")";
+      return false;
+    }
+    st.luns.hold_text(data);
+    return parse_text(data->data(), data->size(), st, err, true);
+  }
+  st.luns.hold_text(std::shared_ptr<const void>(m, [len](const void* p) { munmap(const_cast<void*>(p), len); }));
+  // A LUN record with its device takes a little under 200 bytes.
+  st.luns.reserve(len / 160);
+  return parse_text(static_cast<const char*>(m), len, st, err, true);
+}
+
 bool save_state(const std::string& dir, const State& st, std::string& err) {
-  if (!write_file_atomic(state_file(dir), format_state(st))) {
-    err = "cannot write " + state_file(dir) + ": " + strerror(errno);
+  std::string path = state_file(dir);
+  std::string tmp = path + ".tmp";
+  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  bool ok = fd >= 0;
+  if (ok) {
+    Out o;
+    o.fd = fd;
+    o.s.reserve(65536 + 4096);
+    format_into(st, o);
+    o.flush();
+    ok = o.ok;
+    if (close(fd) != 0) ok = false;
+    if (ok && rename(tmp.c_str(), path.c_str()) != 0) ok = false;
+    int e = errno;
+    if (!ok) unlink(tmp.c_str());
+    errno = e;
+  }
+  if (!ok) {
+    err = "cannot write " + path + ": " + strerror(errno);
     return false;
   }
   return true;

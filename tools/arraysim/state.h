@@ -3,8 +3,14 @@
 // Not thread-safe: one State belongs to one invocation (one thread).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace arraysim {
@@ -71,6 +77,100 @@ struct Lun {
   std::string smpdev;         // host device of the SMP
   std::string cg;             // consistency group, empty = none
   std::vector<HostDev> devs;
+};
+
+// The LUN records of a state. A state has thousands of them and a command
+// touches a few, so a state read for one command keeps each LUN (its line and
+// the dev lines under it) as the text it was read as, parses a record the
+// first time it is used, and writes an untouched record back as it was read.
+// A record whose text turns out to be malformed when it is first used throws
+// StateError (only in a state read with load_state_lazy).
+class LunTable {
+ public:
+  LunTable() = default;
+  LunTable(const LunTable& o);
+  LunTable& operator=(const LunTable& o);
+  LunTable(LunTable&&) = default;
+  LunTable& operator=(LunTable&&) = default;
+
+  template <bool Const>
+  class Iter {
+   public:
+    using Table = typename std::conditional<Const, const LunTable, LunTable>::type;
+    using value_type = Lun;
+    using reference = typename std::conditional<Const, const Lun&, Lun&>::type;
+    using pointer = typename std::conditional<Const, const Lun*, Lun*>::type;
+    using difference_type = std::ptrdiff_t;
+    using iterator_category = std::forward_iterator_tag;
+    Iter(Table* t, size_t i) : t_(t), i_(i) {}
+    reference operator*() const { return (*t_)[i_]; }
+    pointer operator->() const { return &(*t_)[i_]; }
+    Iter& operator++() {
+      ++i_;
+      return *this;
+    }
+    bool operator==(const Iter& o) const { return i_ == o.i_; }
+    bool operator!=(const Iter& o) const { return i_ != o.i_; }
+    size_t index() const { return i_; }
+
+   private:
+    Table* t_;
+    size_t i_;
+  };
+  using iterator = Iter<false>;
+  using const_iterator = Iter<true>;
+
+  size_t size() const { return slots_.size(); }
+  bool empty() const { return slots_.empty(); }
+  Lun& operator[](size_t i) { return materialize(i); }
+  const Lun& operator[](size_t i) const { return materialize(i); }
+  Lun& back() { return materialize(slots_.size() - 1); }
+  iterator begin() { return iterator(this, 0); }
+  iterator end() { return iterator(this, slots_.size()); }
+  const_iterator begin() const { return const_iterator(this, 0); }
+  const_iterator end() const { return const_iterator(this, slots_.size()); }
+  void push_back(Lun l);
+  void clear();
+
+  // Frame and number of record i, without parsing the rest of it.
+  int frame_at(size_t i) const;
+  int num_at(size_t i) const;
+  // The index of the first LUN (frame, num), or -1.
+  long find(int frame, int num) const;
+  // Appends the WWN of record i, read from its text when it is not parsed yet.
+  void append_wwn(size_t i, std::string& out) const;
+
+  // For the reader and writer of the text form. `text` keeps alive the bytes
+  // that add_raw spans point into.
+  void hold_text(std::shared_ptr<const void> text) { text_ = std::move(text); }
+  void reserve(size_t n) { slots_.reserve(n); }
+  void add_raw(int frame, int num, const char* raw, size_t len, int line);
+  // The record's text when it was never parsed (so never changed), or null.
+  const char* raw_at(size_t i, size_t& len) const;
+  // Parses every record; false and `err` on the first malformed one.
+  bool materialize_all(std::string& err) const;
+
+ private:
+  struct Slot {
+    int frame = 0;
+    int num = 0;
+    const char* raw = nullptr;
+    size_t len = 0;
+    int line = 0;
+    mutable std::unique_ptr<Lun> lun;
+  };
+  Lun& materialize(size_t i) const;
+
+  std::vector<Slot> slots_;
+  std::shared_ptr<const void> text_;
+  // (frame << 32 | num, slot) sorted, for find; rebuilt after a change.
+  mutable std::vector<std::pair<unsigned long long, size_t>> index_;
+  mutable bool index_ok_ = false;
+};
+
+// A state record that is malformed, found when it is first used.
+struct StateError : std::runtime_error {
+  using std::runtime_error::runtime_error;
 };
 
 struct Session {
@@ -159,7 +259,7 @@ struct State {
   std::vector<Frame> frames;
   std::vector<Host> hosts;
   std::vector<Group> groups;
-  std::vector<Lun> luns;
+  LunTable luns;
   std::vector<Session> sessions;
   std::vector<CloneGroup> clonegroups;
   std::vector<KvtSnap> kvtsnaps;
@@ -212,6 +312,9 @@ class FolderLock {
 bool read_file(const std::string& path, std::string& out);
 bool write_file_atomic(const std::string& path, const std::string& data);
 bool load_state(const std::string& dir, State& st, std::string& err);
+// For one tool command: LUN records are parsed when first used (see LunTable),
+// so a malformed LUN record shows up then, as a StateError.
+bool load_state_lazy(const std::string& dir, State& st, std::string& err);
 bool save_state(const std::string& dir, const State& st, std::string& err);
 
 // Appends one line to "<dir>/commands.log".

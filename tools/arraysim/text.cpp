@@ -19,6 +19,19 @@ void kv(std::string& out, const char* key, const std::string& value, size_t widt
   out += '\n';
 }
 
+void append_int(std::string& out, long long v) {
+  char buf[24];
+  char* e = buf + sizeof buf;
+  char* b = e;
+  unsigned long long u = v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+  do {
+    *--b = static_cast<char>('0' + u % 10);
+    u /= 10;
+  } while (u);
+  if (v < 0) *--b = '-';
+  out.append(b, e);
+}
+
 bool iequals(const std::string& a, const char* b) { return strcasecmp(a.c_str(), b) == 0; }
 
 bool is_number(const std::string& s) {

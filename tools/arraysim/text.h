@@ -9,6 +9,9 @@ namespace arraysim {
 // "Key:" padded to `width`, then at least two blanks, the value and a line feed.
 void kv(std::string& out, const char* key, const std::string& value, size_t width = 30);
 
+// Appends the decimal form of v (as "%lld" prints it).
+void append_int(std::string& out, long long v);
+
 bool iequals(const std::string& a, const char* b);
 bool is_number(const std::string& s);
 std::string to_lower(std::string s);

@@ -80,12 +80,24 @@ std::string failed_text(const char* cmd, const std::string& why) {
 void cmd_getlun(Cmd& c) {
   if (!check_switches(c, 1, {{"-uid", 0}})) return;
   std::string& o = c.r.out;
-  for (const auto& l : c.st.luns) {
-    if (l.frame != c.frame) continue;
+  // Runs on every device lookup: read the two fields it shows without
+  // parsing the whole LUN records.
+  const LunTable& luns = c.st.luns;
+  bool uid = c.has("-uid");
+  std::string uid_key;  // "UID:" and its padding, as kv lays it out
+  kv(uid_key, "UID", std::string(), 28);
+  uid_key.pop_back();
+  o.reserve(o.size() + luns.size() * (uid ? 96 : 28));
+  for (size_t i = 0; i < luns.size(); ++i) {
+    if (luns.frame_at(i) != c.frame) continue;
     o += "LOGICAL UNIT NUMBER ";
-    o += std::to_string(l.num);
+    append_int(o, luns.num_at(i));
     o += '\n';
-    if (c.has("-uid")) kv(o, "UID", l.wwn, 28);
+    if (uid) {
+      o += uid_key;
+      luns.append_wwn(i, o);
+      o += '\n';
+    }
     o += '\n';
   }
 }
@@ -212,19 +224,32 @@ void print_group(Cmd& c, const Group& g, bool with_host) {
   }
   o += "\nHLU/ALU Pairs:\n\n";
   o += "  HLU Number     ALU Number\n  ----------     ----------\n";
+  // A group holds thousands of LUNs: its rows are laid out by hand, as
+  // "    %-15d%d" and " %d     %s" would.
+  o.reserve(o.size() + g.pairs.size() * (g.form != 2 ? 28 : 84));
   if (g.form != 2) {
     for (const auto& p : g.pairs) {
-      snprintf(buf, sizeof buf, "    %-15d%d\n", p.hlu, p.alu);
-      o += buf;
+      o += "    ";
+      size_t at = o.size();
+      append_int(o, p.hlu);
+      if (o.size() - at < 15) o.append(15 - (o.size() - at), ' ');
+      append_int(o, p.alu);
+      o += '\n';
     }
   } else {
     o += "\n  HLU No.  LUN UID\n  -------  -----------------------------------------------\n";
     for (const auto& p : g.pairs) {
-      const Lun* l = c.st.lun(g.frame, p.alu);
+      long li = c.st.luns.find(g.frame, p.alu);
       // One blank ahead of the number: the row expression captures the digits
       // only when they follow the first blank of the line.
-      snprintf(buf, sizeof buf, " %d     %s\n", p.hlu, l ? l->wwn.c_str() : "00:00:00:00:00:00:00:00:00:00:00:00:00:00:00:00");
-      o += buf;
+      o += ' ';
+      append_int(o, p.hlu);
+      o += "     ";
+      if (li >= 0)
+        c.st.luns.append_wwn(static_cast<size_t>(li), o);
+      else
+        o += "00:00:00:00:00:00:00:00:00:00:00:00:00:00:00:00";
+      o += '\n';
     }
   }
   if (with_host && g.host >= 0 && g.host < static_cast<int>(c.st.hosts.size())) kv(o, "Host name", c.st.hosts[g.host].name, 12);

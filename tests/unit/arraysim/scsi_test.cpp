@@ -173,6 +173,40 @@ TEST_F(FakeScsi, OtherVendorsSnapshotDevicesAndVanishedDevices) {
   close_(fd);
 }
 
+// Large-file builds of a program reach the C library through the *64 and
+// fortified entries; each must be caught, or the device answers nothing.
+TEST_F(FakeScsi, EveryOpenEntryAdoptsTheDevice) {
+  using OpenAt = int (*)(int, const char*, int, ...);
+  using OpenAt2 = int (*)(int, const char*, int);
+  using Open2 = int (*)(const char*, int);
+  std::string path = dev(st_.lun(0, 7)->devs[0].paths[0]);
+  std::string stale = dev("sdzzy");
+  ASSERT_EQ(0, system(("touch '" + stale + "'").c_str()));
+  unsigned char buf[256];
+  for (const char* name : {"openat", "openat64", "__openat_2", "__openat64_2", "open64", "__open_2", "__open64_2"}) {
+    SCOPED_TRACE(name);
+    void* f = dlsym(h_, name);
+    ASSERT_NE(nullptr, f);
+    bool at = strncmp(name, "openat", 6) == 0 || strncmp(name, "__openat", 8) == 0;
+    bool two = strstr(name, "_2") != nullptr;
+    auto call = [&](const std::string& p) {
+      if (at && two) return reinterpret_cast<OpenAt2>(f)(AT_FDCWD, p.c_str(), O_RDONLY);
+      if (at) return reinterpret_cast<OpenAt>(f)(AT_FDCWD, p.c_str(), O_RDONLY);
+      if (two) return reinterpret_cast<Open2>(f)(p.c_str(), O_RDONLY);
+      return open_(p.c_str(), O_RDONLY);
+    };
+    int fd = call(path);
+    ASSERT_GE(fd, 0);
+    memset(buf, 0, sizeof buf);
+    ASSERT_EQ(0, inquiry(fd, false, 0, buf));
+    EXPECT_EQ(7, buf[122]);
+    close_(fd);
+    errno = 0;
+    EXPECT_EQ(-1, call(stale));
+    EXPECT_EQ(ENXIO, errno);
+  }
+}
+
 TEST(Inquiry, AllocationLengthCutsTheAnswer) {
   DevIdentity id;
   id.vendor = "QXR";

@@ -188,6 +188,28 @@ TEST_F(Program, StateOfAnotherVersionIsRefusedAndKept) {
   EXPECT_EQ(old, state_text());
 }
 
+// A command reads only the LUN records it uses: one that uses a malformed
+// record stops with the line before it prints or writes anything; one that
+// does not use it works.
+TEST_F(Program, MalformedLunRecordStopsOnlyTheCommandsThatUseIt) {
+  std::string text = state_text();
+  size_t at = text.find("lun frame=0 num=3 ");
+  ASSERT_NE(std::string::npos, at);
+  text.insert(text.find('\n', at), " bogus=1");
+  ASSERT_TRUE(write_file_atomic(dir_ + "/state", text));
+  std::string out;
+  EXPECT_EQ(2, run({"tilloseccli", "-h", addr_, "lun", "-list", "-l", "3"}, &out));
+  EXPECT_EQ(0u, out.find("tilloseccli: malformed state line ")) << out;
+  EXPECT_NE(std::string::npos, out.find("bogus=1"));
+  EXPECT_EQ(2, run({"tilloseccli", "-h", addr_, "quillset", "-startsession", "s3", "-lun", "3", "-persistence"}, &out));
+  EXPECT_EQ(text, state_text());
+  EXPECT_EQ(0, run({"tilloseccli", "-h", addr_, "quillset", "-startsession", "s1", "-lun", "1", "-persistence"}, &out));
+  EXPECT_NE(std::string::npos, state_text().find(" bogus=1"));
+  EXPECT_EQ(0, run({"tilloseccli", "-h", addr_, "arrayname"}, &out));
+  EXPECT_EQ(1, run({"arraysim", "show"}, &out));  // administration reads everything
+  EXPECT_NE(std::string::npos, out.find("malformed state line"));
+}
+
 TEST_F(Program, FaultRules_RefuseGarbageLongLineMissingExecFailDown) {
   std::string out;
   ASSERT_EQ(0, run({"arraysim", "fault", "add", "tilloseccli", "refuse", "--match", "arrayname", "--count", "1"}));

@@ -45,13 +45,20 @@ int run_as_tool(const std::string& tool, const std::vector<std::string>& args) {
     append_log(dir, args.empty() ? tool : tool + " " + join(args, " "));
     State st;
     std::string err;
-    if (!load_state(dir, st, err)) {
+    if (!load_state_lazy(dir, st, err)) {
       fprintf(stderr, "%s: %s\n", tool.c_str(), err.c_str());
       return 2;
     }
-    r = run_tool(st, dir, tool, args);
-    if (r.changed && !save_state(dir, st, err)) {
-      fprintf(stderr, "%s: %s\n", tool.c_str(), err.c_str());
+    try {
+      r = run_tool(st, dir, tool, args);
+      if (r.changed && !save_state(dir, st, err)) {
+        fprintf(stderr, "%s: %s\n", tool.c_str(), err.c_str());
+        return 2;
+      }
+    } catch (const StateError& e) {
+      // A LUN record is read when first used: a bad one stops the command
+      // before anything is written or printed.
+      fprintf(stderr, "%s: %s\n", tool.c_str(), e.what());
       return 2;
     }
   }

@@ -182,6 +182,25 @@ __attribute__((visibility("default"))) int openat(int dirfd, const char* path, i
   return adopt(real<int (*)(int, const char*, int, ...)>("openat")(dirfd, path, flags, mode), path);
 }
 
+__attribute__((visibility("default"))) int openat64(int dirfd, const char* path, int flags, ...) {
+  mode_t mode = 0;
+  if (flags & (O_CREAT | O_TMPFILE)) {
+    va_list ap;
+    va_start(ap, flags);
+    mode = va_arg(ap, mode_t);
+    va_end(ap);
+  }
+  return adopt(real<int (*)(int, const char*, int, ...)>("openat64")(dirfd, path, flags, mode), path);
+}
+
+__attribute__((visibility("default"))) int __openat_2(int dirfd, const char* path, int flags) {
+  return adopt(real<int (*)(int, const char*, int)>("__openat_2")(dirfd, path, flags), path);
+}
+
+__attribute__((visibility("default"))) int __openat64_2(int dirfd, const char* path, int flags) {
+  return adopt(real<int (*)(int, const char*, int)>("__openat64_2")(dirfd, path, flags), path);
+}
+
 __attribute__((visibility("default"))) int __open_2(const char* path, int flags) {
   return adopt(real<int (*)(const char*, int)>("__open_2")(path, flags), path);
 }
