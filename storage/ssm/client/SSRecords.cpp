@@ -4,20 +4,28 @@
 #include <stdlib.h>
 #include <string.h>
 
+namespace {
+// Deletes the rest of a chain one node at a time, so that a long list cannot
+// exhaust the stack through nested destructors.
+template <typename Node>
+void delete_chain(Node*& next) {
+    Node* n = next;
+    next = nullptr;
+    while (n != nullptr) {
+        Node* after = n->next;
+        n->next = nullptr;
+        delete n;
+        n = after;
+    }
+}
+}  // namespace
+
 SSSourceList::SSSourceList() : next(nullptr), ssSource(nullptr) {}
 
 SSSourceList::~SSSourceList() {
     free(ssSource);
     ssSource = nullptr;
-    // Iterative, so a long list cannot exhaust the stack.
-    SSSourceList* n = next;
-    next = nullptr;
-    while (n != nullptr) {
-        SSSourceList* after = n->next;
-        n->next = nullptr;
-        delete n;
-        n = after;
-    }
+    delete_chain(next);
 }
 
 void SSSourceList::append(SSSourceList*) {
@@ -51,14 +59,7 @@ SCSnapshotHandle::~SCSnapshotHandle() {
 
 SCSnapshotCapabilityList::~SCSnapshotCapabilityList() {
     delete pCap;
-    SCSnapshotCapabilityList* n = next;
-    next = nullptr;
-    while (n != nullptr) {
-        SCSnapshotCapabilityList* after = n->next;
-        n->next = nullptr;
-        delete n;
-        n = after;
-    }
+    delete_chain(next);
 }
 
 SSProviderVersion::~SSProviderVersion() {

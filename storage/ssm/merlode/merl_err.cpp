@@ -54,8 +54,7 @@ SSError* MerlError::tellerr(const char* fileName, int lineNum, SSError* ep, SSEr
     va_start(ap, format);
     SSError* e = generr_internal(fileName, lineNum, ep, code, format, ap);
     va_end(ap);
-    if (e != nullptr) log(3, fileName, lineNum, e->getErrMsg());
-    return e;
+    return logged(3, fileName, lineNum, e);
 }
 
 SSError* MerlError::tellerrLvl(int debugLevel, const char* fileName, int lineNum, SSError* ep,
@@ -64,6 +63,10 @@ SSError* MerlError::tellerrLvl(int debugLevel, const char* fileName, int lineNum
     va_start(ap, format);
     SSError* e = generr_internal(fileName, lineNum, ep, code, format, ap);
     va_end(ap);
+    return logged(debugLevel, fileName, lineNum, e);
+}
+
+SSError* MerlError::logged(int debugLevel, const char* fileName, int lineNum, SSError* e) {
     if (e != nullptr) log(debugLevel, fileName, lineNum, e->getErrMsg());
     return e;
 }

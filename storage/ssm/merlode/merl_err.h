@@ -31,4 +31,6 @@ private:
     SSError* generr_internal(const char* fileName, int lineNum, SSError* ep, SSErrCode code,
                              const char* format, va_list ap);
     void log(int debugLevel, const char* fileName, int lineNum, const char* text);
+    // Logs an error's text at the level and hands the error back.
+    SSError* logged(int debugLevel, const char* fileName, int lineNum, SSError* e);
 };
