@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <mntent.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -14,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
@@ -54,6 +56,7 @@ std::vector<std::string> Hp_packages;
 std::vector<std::pair<std::string, std::string>> Hp_local_vhosts;   // name, address
 
 std::vector<PathHost> Pathl;   // clu_pathl_* list
+std::string Clu_name;         // the cluster's own name, when the back end told it
 size_t Vhost_cursor;
 
 std::string P_kcmap = "/usr/sbin/kcmap";
@@ -151,7 +154,9 @@ void parse_kcmap(const std::string& text) {
         std::string key = trim(line.substr(0, colon));
         std::string val = trim(line.substr(colon + 1));
         if (val == "ignore") continue;
-        if (key == "clu_type") {
+        if (key == "clu_name") {
+            Clu_name = val;
+        } else if (key == "clu_type") {
             const char* want = getenv("VMR_KC_TYPE");
             Lc_active = want == nullptr || strcasecmp(want, val.c_str()) == 0;
         } else if (key == "hostname") {
@@ -231,6 +236,8 @@ void clu_init_lc(void) {
 
 bool clu_is_localvirthost_lc(const char* name) {
     if (name == nullptr || *name == '\0') return false;
+    const char* inst = clu_get_vmrinstname();
+    if (inst != nullptr && clu_hosts_matchbyname(name, inst, nullptr)) return true;
     if (Lc_use_local_vhost_list) {
         for (const std::string& h : Lc_local_vhost_listp)
             if (clu_hosts_matchbyname(name, h.c_str(), nullptr)) return true;
@@ -323,8 +330,14 @@ bool clu_is_cluster_host_hp(void) {
     std::string out;
     if (!run_tool({P_cmview + "/cmviewcl", "-l", "node", "-n", node}, &out)) return false;
     bool member = false;
+    bool cluster_row = false;
     for (const std::string& line : split_lines(out, 4096)) {
         char n[256], status[64];
+        // "CLUSTER STATUS" heads the row with the cluster's name.
+        if (sscanf(line.c_str(), "%255s", n) == 1) {
+            if (cluster_row) Clu_name = n;
+            cluster_row = strcmp(n, "CLUSTER") == 0;
+        }
         if (sscanf(line.c_str(), "%255s %63s", n, status) == 2 && strcasecmp(n, node.c_str()) == 0 &&
             strcasecmp(status, "up") == 0)
             member = true;
@@ -349,6 +362,7 @@ void clear_state(void) {
     Hp_packages.clear();
     Hp_local_vhosts.clear();
     Vhost_cursor = 0;
+    Clu_name.clear();
 }
 
 // REQUIRES: Kvclus_mutex held.
@@ -381,6 +395,56 @@ bool path_prefix(const std::string& prefix, const char* path) {
     size_t n = prefix.size();
     if (strncmp(prefix.c_str(), path, n) != 0) return false;
     return path[n] == '\0' || path[n] == '/' || (n > 0 && prefix[n - 1] == '/');
+}
+
+// The host owning the longest prefix of `path`: the save tool's list
+// first when `with_pathl`, then the back ends' maps. REQUIRES: the lock.
+const std::string* owner_locked(const char* path, bool with_pathl) {
+    const std::string* best = nullptr;
+    size_t best_len = 0;
+    auto consider = [&](const std::string& p, const std::string& h) {
+        if (path_prefix(p, path) && (best == nullptr || p.size() > best_len)) {
+            best = &h;
+            best_len = p.size();
+        }
+    };
+    if (with_pathl)
+        for (const PathHost& e : Pathl) consider(e.path, e.host);
+    for (const PathHost& e : Lc_fspath_vhost_listp) consider(e.path, e.host);
+    for (const NativeMap& e : Hp_map) consider(e.path, e.vhost);
+    return best;
+}
+
+bool cluster_on_locked(void) { return Clu_cluster_type == 1 || Clu_cluster_type == 2; }
+
+bool pathl_has(const std::string& path, const std::string& host) {
+    for (const PathHost& e : Pathl)
+        if (e.path == path && e.host == host) return true;
+    return false;
+}
+
+// Walks the mount table from entry `skip` on; `fn` returns true to stop.
+// Returns the number of entries read.
+template <typename Fn>
+int each_mount(int skip, Fn fn) {
+    FILE* fp = setmntent(P_mtab.c_str(), "re");
+    if (fp == nullptr) return 0;
+    struct mntent m;
+    char buf[4096];
+    int line = 0;
+    while (getmntent_r(fp, &m, buf, sizeof buf) != nullptr) {
+        if (line++ < skip) continue;
+        if (fn(m)) break;
+    }
+    endmntent(fp);
+    return line;
+}
+
+bool is_cfs_type(const char* t) {
+    static const char* const kShared[] = {"gfs", "gfs2", "ocfs2", "gpfs", "cfs"};
+    for (const char* k : kShared)
+        if (strcmp(t, k) == 0) return true;
+    return false;
 }
 
 }  // namespace
@@ -453,17 +517,7 @@ char* clu_pathl_gethost(const char* path, char* cluhost, size_t cluhostlen) {
     if (path == nullptr || cluhost == nullptr || cluhostlen == 0) return nullptr;
     CluLock lock;
     ensure_init_locked();
-    const std::string* best = nullptr;
-    size_t best_len = 0;
-    auto consider = [&](const std::string& p, const std::string& h) {
-        if (path_prefix(p, path) && (best == nullptr || p.size() > best_len)) {
-            best = &h;
-            best_len = p.size();
-        }
-    };
-    for (const PathHost& e : Pathl) consider(e.path, e.host);
-    for (const PathHost& e : Lc_fspath_vhost_listp) consider(e.path, e.host);
-    for (const NativeMap& e : Hp_map) consider(e.path, e.vhost);
+    const std::string* best = owner_locked(path, true);
     if (best == nullptr) return nullptr;
     snprintf(cluhost, cluhostlen, "%s", best->c_str());
     return cluhost;
@@ -512,4 +566,154 @@ void clu_reset_for_test(void) {
     Clu_init_done = false;
     Clu_cluster_type = 0;
     clear_state();
+}
+
+char* clu_pathl_normalize(const char* path, char* out, size_t outlen) {
+    if (path == nullptr || path[0] != '/' || out == nullptr || outlen == 0) return nullptr;
+    std::vector<std::string> parts;
+    const char* p = path;
+    while (*p != '\0') {
+        while (*p == '/') p++;
+        const char* e = p;
+        while (*e != '\0' && *e != '/') e++;
+        std::string c(p, (size_t)(e - p));
+        if (c == "..") {
+            if (!parts.empty()) parts.pop_back();
+        } else if (!c.empty() && c != ".") {
+            parts.push_back(c);
+        }
+        p = e;
+    }
+    std::string r;
+    for (const std::string& c : parts) r += "/" + c;
+    if (r.empty()) r = "/";
+    if (r.size() >= outlen) return nullptr;
+    memcpy(out, r.c_str(), r.size() + 1);
+    return out;
+}
+
+int clu_pathl_finalize(void) {
+    CluLock lock;
+    std::vector<PathHost> done;
+    for (const PathHost& e : Pathl) {
+        char norm[PATH_MAX];
+        if (clu_pathl_normalize(e.path.c_str(), norm, sizeof norm) == nullptr) continue;
+        bool dup = false;
+        for (const PathHost& d : done)
+            if (d.path == norm && d.host == e.host) dup = true;
+        if (!dup) done.push_back({norm, e.host, e.addr});
+    }
+    // Longest first, so that a reader stopping at its first prefix hit has
+    // the most specific owner; stable keeps the order of equal lengths.
+    std::stable_sort(done.begin(), done.end(),
+                     [](const PathHost& a, const PathHost& b) { return a.path.size() > b.path.size(); });
+    Pathl.swap(done);
+    return (int)Pathl.size();
+}
+
+int clu_pathl_hostpath_match(const char* host, const char* path) {
+    if (host == nullptr || path == nullptr || *host == '\0') return 0;
+    CluLock lock;
+    ensure_init_locked();
+    const std::string* owner = owner_locked(path, true);
+    return owner != nullptr && clu_hosts_matchbyname(host, owner->c_str(), nullptr) ? 1 : 0;
+}
+
+int clu_pathl_getmounts(void) {
+    CluLock lock;
+    ensure_init_locked();
+    if (!cluster_on_locked()) return 0;
+    int added = 0;
+    each_mount(0, [&](const struct mntent& m) {
+        const std::string* owner = owner_locked(m.mnt_dir, false);
+        if (owner != nullptr && !pathl_has(m.mnt_dir, *owner)) {
+            Pathl.push_back({m.mnt_dir, *owner, ""});
+            added++;
+        }
+        return false;
+    });
+    return added;
+}
+
+int clu_pathl_addvirthosts(void) {
+    CluLock lock;
+    ensure_init_locked();
+    int added = 0;
+    auto add = [&](const std::string& path, const std::string& host) {
+        if (pathl_has(path, host)) return;
+        Pathl.push_back({path, host, ""});
+        added++;
+    };
+    if (Clu_cluster_type == 2) {
+        for (const PathHost& e : Lc_fspath_vhost_listp) {
+            // Without a list of local hosts every owned path counts as here,
+            // as in clu_is_localvirthost.
+            bool local = !Lc_use_local_vhost_list;
+            for (const std::string& h : Lc_local_vhost_listp)
+                if (clu_hosts_matchbyname(e.host.c_str(), h.c_str(), nullptr)) local = true;
+            if (local) add(e.path, e.host);
+        }
+    } else if (Clu_cluster_type == 1) {
+        for (const NativeMap& e : Hp_map)
+            if (e.active) add(e.path, e.vhost);
+    }
+    return added;
+}
+
+kv_mntent* clu_get_vhost_mntent(clu_mntent_pos_t* mntp) {
+    if (mntp == nullptr) return nullptr;
+    CluLock lock;
+    ensure_init_locked();
+    if (!cluster_on_locked()) return nullptr;
+    bool found = false;
+    int nread = each_mount(mntp->line, [&](const struct mntent& m) {
+        const std::string* owner = owner_locked(m.mnt_dir, true);
+        if (owner == nullptr) return false;
+        // Four strings packed one after another into the record's buffer;
+        // an entry too long for it is passed over.
+        const char* f[4] = {m.mnt_fsname, m.mnt_dir, m.mnt_type, m.mnt_opts};
+        size_t need = 0;
+        for (const char* x : f) need += strlen(x) + 1;
+        if (need > sizeof mntp->buf) return false;
+        char* w = mntp->buf;
+        char** dst[4] = {&mntp->ent.mnt_fsname, &mntp->ent.mnt_dir, &mntp->ent.mnt_type, &mntp->ent.mnt_opts};
+        for (int i = 0; i < 4; i++) {
+            size_t n = strlen(f[i]) + 1;
+            memcpy(w, f[i], n);
+            *dst[i] = w;
+            w += n;
+        }
+        snprintf(mntp->vhost, sizeof mntp->vhost, "%s", owner->c_str());
+        mntp->ent.mnt_vhost = mntp->vhost;
+        found = true;
+        return true;
+    });
+    mntp->line = nread > mntp->line ? nread : mntp->line;
+    return found ? &mntp->ent : nullptr;
+}
+
+char* clu_dflt_name(char* buf, size_t len) {
+    if (buf == nullptr || len == 0) return nullptr;
+    CluLock lock;
+    ensure_init_locked();
+    if (!cluster_on_locked() || Clu_name.empty()) return nullptr;
+    snprintf(buf, len, "%s", Clu_name.c_str());
+    return buf;
+}
+
+int clu_has_cfs(void) {
+    CluLock lock;
+    ensure_init_locked();
+    if (!cluster_on_locked()) return 0;
+    bool cfs = false;
+    each_mount(0, [&](const struct mntent& m) {
+        cfs = is_cfs_type(m.mnt_type) && owner_locked(m.mnt_dir, false) != nullptr;
+        return cfs;
+    });
+    return cfs ? 1 : 0;
+}
+
+const char* clu_get_vmrinstname(void) {
+    const char* v = getenv("VMR_INSTANCE_NAME");
+    return v != nullptr && *v != '\0' ? v : nullptr;
 }

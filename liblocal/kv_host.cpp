@@ -5,11 +5,17 @@
 #include "liblocal/kv_host.h"
 
 #include <arpa/inet.h>
+#include <errno.h>
+#include <ifaddrs.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 #include <string.h>
 #include <strings.h>
 
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -375,10 +381,13 @@ void free_cache(hostlist_cache_t* c) {
     c->max_size = max;
 }
 
+void ifaddrs_flush(void);
+
 void MynameLock::check_for_dbg_op() {
     int level = Host_dbg_level.exchange(0);
     if (level > 0) {
         free_cache(&DNScache);
+        ifaddrs_flush();
         host_addr_flush();
         Addr_dbg_flush.store(0);
     }
@@ -523,3 +532,130 @@ void kv_host_set_resolver(const kv_host_resolver* r) {
     host_addr_flush();
     host_reset_local_name();
 }
+
+// --- interface list -----------------------------------------------------------
+
+namespace {
+
+std::mutex Ifaddrs_mutex;
+KVIfaddrs* Ifaddrs_cache;   // guarded by Ifaddrs_mutex
+kv_time64_t Ifaddrs_exptime;
+
+KVIfaddrs* ifaddrs_copy(const KVIfaddrs* src) {
+    KVIfaddrs* head = nullptr;
+    KVIfaddrs** tail = &head;
+    for (const KVIfaddrs* p = src; p != nullptr; p = p->ifa_next) {
+        KVIfaddrs* n = static_cast<KVIfaddrs*>(xmalloc(sizeof(KVIfaddrs)));
+        *n = *p;
+        n->ifa_next = nullptr;
+        *tail = n;
+        tail = &n->ifa_next;
+    }
+    return head;
+}
+
+void ifaddrs_flush(void) {
+    std::lock_guard<std::mutex> g(Ifaddrs_mutex);
+    kv_free_ifaddresses(Ifaddrs_cache);
+    Ifaddrs_cache = nullptr;
+    Ifaddrs_exptime = 0;
+}
+
+// Reads the interfaces afresh. One datagram socket serves every hardware
+// address query; without it each interface is traced and keeps a zero one.
+KVIfaddrs* ifaddrs_read(void) {
+    struct ifaddrs* ifa = nullptr;
+    if (getifaddrs(&ifa) != 0) return nullptr;
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    int sock_errno = errno;
+    KVIfaddrs* head = nullptr;
+    KVIfaddrs** tail = &head;
+    for (struct ifaddrs* p = ifa; p != nullptr; p = p->ifa_next) {
+        if (p->ifa_addr == nullptr || p->ifa_name == nullptr) continue;
+        int fam = p->ifa_addr->sa_family;
+        if (fam != AF_INET && fam != AF_INET6) continue;
+        KVIfaddrs* n = static_cast<KVIfaddrs*>(xcalloc(1, sizeof(KVIfaddrs)));
+        snprintf(n->ifa_name, sizeof n->ifa_name, "%s", p->ifa_name);
+        memcpy(&n->ifa_addr, p->ifa_addr, fam == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6));
+        n->ifa_flags = p->ifa_flags;
+        if (fd < 0) {
+            kv_trace(5, 0x40, "Failed to create socket to get MAC address for %s : %s\n", n->ifa_name,
+                     strerror(sock_errno));
+        } else {
+            struct ifreq req;
+            memset(&req, 0, sizeof req);
+            snprintf(req.ifr_name, sizeof req.ifr_name, "%s", n->ifa_name);
+            if (ioctl(fd, SIOCGIFHWADDR, &req) != 0) {
+                kv_trace(5, 0x40, "Failed to get MAC address for %s : %s\n", n->ifa_name, strerror(errno));
+            } else {
+                memcpy(n->ifa_hwaddr, req.ifr_hwaddr.sa_data, sizeof n->ifa_hwaddr);
+                n->ifa_hwaddr_valid = 1;
+            }
+        }
+        *tail = n;
+        tail = &n->ifa_next;
+    }
+    if (fd >= 0) close(fd);
+    freeifaddrs(ifa);
+    return head;
+}
+
+}  // namespace
+
+int kv_get_ifaddresses(KVIfaddrs** addrs) {
+    if (addrs == nullptr) return -1;
+    *addrs = nullptr;
+    kv_time64_t now = host_now();
+    std::lock_guard<std::mutex> g(Ifaddrs_mutex);
+    if (Ifaddrs_cache == nullptr || Ifaddrs_exptime <= now) {
+        kv_free_ifaddresses(Ifaddrs_cache);
+        Ifaddrs_cache = ifaddrs_read();
+        Ifaddrs_exptime = now + KV_HOST_UNKNOWN_TTL;
+    }
+    if (Ifaddrs_cache == nullptr) {
+        kv_trace(5, 0x40, "Failed to find any active network interfaces\n");
+        kv_error_set_errno(ENXIO);
+        return -1;
+    }
+    *addrs = ifaddrs_copy(Ifaddrs_cache);
+    return 0;
+}
+
+void kv_free_ifaddresses(KVIfaddrs* addrs) {
+    while (addrs != nullptr) {
+        KVIfaddrs* n = addrs->ifa_next;
+        free(addrs);
+        addrs = n;
+    }
+}
+
+// --- once per process ------------------------------------------------------------
+
+namespace {
+
+KVOnce Socket_once = KV_ONCE_INIT;
+
+void socket_once(void) {
+    // The local name: a name that doesn't resolve is reported on standard
+    // error by kv_getlocalhost, and the process goes on under it.
+    kv_getlocalhost(nullptr, 0);
+    // The IPv6 loopback only matters where IPv6 sockets exist at all.
+    int fd = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return;
+    close(fd);
+    struct sockaddr_storage ss;
+    memset(&ss, 0, sizeof ss);
+    // Parsed numerically: kv_getaddrinfo takes every "::" name for the
+    // any-address, which would make this check fail everywhere.
+    bool ok = kv_inet_pton("::1", &ss) == 1 && ss.ss_family == AF_INET6 &&
+              IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<const sockaddr_in6*>(&ss)->sin6_addr);
+    if (!ok)
+        fprintf(stderr,
+                "%s: Failed to resolve the IPv6 localhost address ::1. Please verify an entry for the "
+                "IPv6 localhost\n",
+                program_invocation_short_name);
+}
+
+}  // namespace
+
+void _kv_socket_once(void) { kv_once(&Socket_once, socket_once); }

@@ -4,6 +4,7 @@
 // Lock order: Myname_mutex, then the cluster code's Kvclus_mutex.
 #pragma once
 
+#include <net/if.h>
 #include <netdb.h>
 #include <stdio.h>
 #include <sys/socket.h>
@@ -77,6 +78,28 @@ int kv_is_myaddress(const struct sockaddr* addr);   // loopback or on an interfa
 // The interface addresses as text: a null-terminated array (free each and it).
 int kv_get_ipaddresses(char*** addrs);
 int kv_get_ifaddress(struct sockaddr_storage* addr);   // one non-loopback; 0 or -1
+
+// One address of one interface. The layout is this library's own: a plain
+// singly linked list, one node per address (an interface with an IPv4 and
+// an IPv6 address appears twice), so callers walk it like getifaddrs' list
+// without its pointers into kernel-shaped records.
+struct KVIfaddrs {
+    KVIfaddrs* ifa_next;
+    char ifa_name[IFNAMSIZ];            // interface name, "lo", "eth0"
+    struct sockaddr_storage ifa_addr;   // AF_INET or AF_INET6
+    unsigned char ifa_hwaddr[6];        // all zero when unknown (see ifa_hwaddr_valid)
+    int ifa_hwaddr_valid;               // 1 when the hardware address was read
+    unsigned int ifa_flags;             // IFF_UP, IFF_LOOPBACK, ... as getifaddrs gives them
+};
+// This machine's interface addresses (IPv4 and IPv6), from a copy cached for
+// KV_HOST_UNKNOWN_TTL seconds; 0 with *addrs a new list, -1 with *addrs null.
+// A hardware address that can't be read is traced and left zero.
+int kv_get_ifaddresses(KVIfaddrs** addrs);
+void kv_free_ifaddresses(KVIfaddrs* addrs);
+
+// Once per process: settles the local name and checks the IPv6 loopback.
+// Problems are reported once on standard error; the process goes on.
+void _kv_socket_once(void);
 
 // Debug operation: above 0 flushes the DNS and address caches at the next
 // call, above 8 also the clients' cache.

@@ -2,6 +2,7 @@
 // plain-machine case, name matching, and the lock order with the host cache.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -175,6 +176,98 @@ TEST_F(CluFixture, NativeBackEndNeedsItsConfFileAndReadsPackages) {
     EXPECT_EQ(clu_is_localvirthost("pkgB"), 0);
     char host[64];
     EXPECT_STREQ(clu_pathl_gethost("/data/a/x", host, sizeof host), "pkgA");
+}
+
+TEST_F(CluFixture, WithoutAClusterThePathAndMountCallsSayNoAndStartNothing) {
+    lc_cluster();
+    setenv("NO_CLU_QUERY", "TRUE", 1);
+    write(mtab, "/dev/a /srv/vip ext4 rw 0 0\n/dev/c /srv gfs2 rw 0 0\n");
+    EXPECT_EQ(clu_pathl_getmounts(), 0);
+    EXPECT_EQ(clu_pathl_addvirthosts(), 0);
+    clu_mntent_pos_t pos;
+    memset(&pos, 0, sizeof pos);
+    EXPECT_EQ(clu_get_vhost_mntent(&pos), nullptr);
+    char name[64];
+    EXPECT_EQ(clu_dflt_name(name, sizeof name), nullptr);
+    EXPECT_EQ(clu_has_cfs(), 0);
+    EXPECT_EQ(clu_pathl_hostpath_match("vip.example.test", "/srv/vip"), 0);
+    EXPECT_FALSE(tool_ran());
+}
+
+TEST_F(CluFixture, PathListNormalizesDropsRepeatsAndPicksTheLongestOwner) {
+    char out[64];
+    EXPECT_STREQ(clu_pathl_normalize("//a/./b/../c/", out, sizeof out), "/a/c");
+    EXPECT_STREQ(clu_pathl_normalize("/../..", out, sizeof out), "/");
+    EXPECT_STREQ(clu_pathl_normalize("/a/b", out, 5), "/a/b");
+    EXPECT_EQ(clu_pathl_normalize("/a/bc", out, 5), nullptr);   // no room for the terminator
+    EXPECT_EQ(clu_pathl_normalize("rel/x", out, sizeof out), nullptr);
+    EXPECT_EQ(clu_pathl_normalize("", out, sizeof out), nullptr);
+
+    clu_pathl_addpath("/srv", "h2");
+    clu_pathl_addpath("/srv//x/", "h1");
+    clu_pathl_addpath("/srv/x", "h1");   // the same pair once normalized
+    clu_pathl_addpath("relative", "h3");
+    EXPECT_EQ(clu_pathl_finalize(), 2);
+    char host[64];
+    EXPECT_STREQ(clu_pathl_gethost("/srv/x/y", host, sizeof host), "h1");
+    EXPECT_EQ(clu_pathl_hostpath_match("h1", "/srv/x/y"), 1);
+    EXPECT_EQ(clu_pathl_hostpath_match("H1.example.test", "/srv/x"), 1);
+    EXPECT_EQ(clu_pathl_hostpath_match("h2", "/srv/x/y"), 0);   // a longer prefix is h1's
+    EXPECT_EQ(clu_pathl_hostpath_match("h2", "/srv/xy"), 1);
+    EXPECT_EQ(clu_pathl_hostpath_match("h3", "relative"), 0);
+    EXPECT_EQ(clu_pathl_hostpath_match("h2", "/home"), 0);
+    clu_pathl_free();
+    EXPECT_EQ(clu_pathl_gethost("/srv/x/y", host, sizeof host), nullptr);
+}
+
+TEST_F(CluFixture, LcClusterFactsMountsAndVirtualHostPaths) {
+    lc_cluster();
+    write(mtab,
+          "/dev/a /srv/vip/deep/m ext4 rw 0 0\n"
+          "/dev/b /home ext4 rw 0 0\n"
+          "/dev/c /srv/shared gfs2 rw,noatime 0 0\n");
+    clu_init();
+    ASSERT_EQ(Clu_cluster_type, 2);
+    char name[64];
+    EXPECT_STREQ(clu_dflt_name(name, sizeof name), "c1");
+
+    clu_mntent_pos_t pos;
+    memset(&pos, 0, sizeof pos);
+    kv_mntent* m = clu_get_vhost_mntent(&pos);
+    ASSERT_NE(m, nullptr);
+    EXPECT_STREQ(m->mnt_dir, "/srv/vip/deep/m");
+    EXPECT_STREQ(m->mnt_fsname, "/dev/a");
+    EXPECT_STREQ(m->mnt_vhost, "vip.example.test");
+    m = clu_get_vhost_mntent(&pos);   // /home belongs to no virtual host
+    ASSERT_NE(m, nullptr);
+    EXPECT_STREQ(m->mnt_dir, "/srv/shared");
+    EXPECT_STREQ(m->mnt_type, "gfs2");
+    EXPECT_STREQ(m->mnt_opts, "rw,noatime");
+    EXPECT_STREQ(m->mnt_vhost, "far.example.test");
+    EXPECT_EQ(clu_get_vhost_mntent(&pos), nullptr);
+    EXPECT_EQ(clu_get_vhost_mntent(&pos), nullptr);
+
+    EXPECT_EQ(clu_has_cfs(), 1);
+    write(mtab, "/dev/c /home gfs2 rw 0 0\n/dev/a /srv/vip ext4 rw 0 0\n");
+    EXPECT_EQ(clu_has_cfs(), 0);   // a shared type outside the cluster's paths doesn't count
+
+    // Only the virtual host active here brings its paths; twice adds nothing.
+    EXPECT_EQ(clu_pathl_addvirthosts(), 2);
+    EXPECT_EQ(clu_pathl_addvirthosts(), 0);
+    EXPECT_EQ(clu_pathl_hostpath_match("vip", "/srv/vip/deep/f"), 1);
+    write(mtab, "/dev/a /srv/vip ext4 rw 0 0\n/dev/b /srv/vip/deep/m ext4 rw 0 0\n/dev/c /home ext4 rw 0 0\n");
+    EXPECT_EQ(clu_pathl_getmounts(), 1);   // /srv/vip is already listed, /home is nobody's
+    char host[64];
+    EXPECT_STREQ(clu_pathl_gethost("/srv/vip/deep/m/f", host, sizeof host), "vip.example.test");
+    EXPECT_EQ(clu_pathl_getmounts(), 0);
+    clu_pathl_free();
+
+    EXPECT_EQ(clu_is_localvirthost("inst1"), 0);
+    setenv("VMR_INSTANCE_NAME", "inst1.example.test", 1);
+    EXPECT_STREQ(clu_get_vmrinstname(), "inst1.example.test");
+    EXPECT_EQ(clu_is_localvirthost("inst1"), 1);
+    unsetenv("VMR_INSTANCE_NAME");
+    EXPECT_EQ(clu_get_vmrinstname(), nullptr);
 }
 
 TEST(CluMatch, ShortNameEqualsQualifiedName) {
