@@ -27,6 +27,19 @@ static const char kArrayVendor[] = "QXR";
 static const int kInqLunOffset = 121;      // two bytes, high byte first
 static const int kInqFrameIpOffset = 140;  // four octets in reading order
 
+// The LUN (and frame address, which the caller frees) behind a device path;
+// false, logged in the caller's name, when the path is not on a frame.
+static bool lun_of_device(zov_quillset& q, const char* fname, const std::string& device,
+                          unsigned int& lunID, char*& frameIP) {
+    SSError* err = q.merlode_devpathname2lun(device.c_str(), &lunID, &frameIP);
+    if (err == nullptr) return true;
+    delete err;
+    q.m_e.logprintf(3, kFile, __LINE__,
+                    "%s: Exiting. merlode_devpathname2lun was unable to find out info on [%s]",
+                    fname, device.c_str());
+    return false;
+}
+
 // ---------------------------------------------------------------- INQUIRY
 
 bool gw_decode_array_inquiry(const unsigned char* data, size_t len, unsigned int* lun,
@@ -147,15 +160,7 @@ int zov_quillset::getSrcLun(std::string device) {
     }
     unsigned int lunID = 0;
     char* frameIP = nullptr;
-    SSError* err = merlode_devpathname2lun(device.c_str(), &lunID, &frameIP);
-    if (err != nullptr) {
-        delete err;
-        m_e.logprintf(
-            3, kFile, __LINE__,
-            "%s: Exiting. merlode_devpathname2lun was unable to find out info on [%s]", fname,
-            device.c_str());
-        return -1;
-    }
+    if (!lun_of_device(*this, fname, device, lunID, frameIP)) return -1;
     m_e.logprintf(5, kFile, __LINE__,
                   "%s: merlode_devpathname2lun return [%d] as the lunID for the srcdevice [%s]",
                   fname, static_cast<int>(lunID), device.c_str());
@@ -415,15 +420,7 @@ std::string zov_quillset::getMerlSerialNumber(std::string device) {
     }
     unsigned int lunID = 0;
     char* frameIP = nullptr;
-    SSError* err = merlode_devpathname2lun(device.c_str(), &lunID, &frameIP);
-    if (err != nullptr) {
-        delete err;
-        m_e.logprintf(
-            3, kFile, __LINE__,
-            "%s: Exiting. merlode_devpathname2lun was unable to find out info on [%s]", fname,
-            device.c_str());
-        return std::string();
-    }
+    if (!lun_of_device(*this, fname, device, lunID, frameIP)) return std::string();
     free(frameIP);
     m_e.logprintf(5, kFile, __LINE__,
                   "%s: merlode_devpathname2lun returned [%d] as the lunID for the srcdevice [%s]",
@@ -441,7 +438,7 @@ std::string zov_quillset::getMerlSerialNumber(std::string device) {
                       fname, static_cast<int>(lunID), device.c_str(), fullcmd.c_str());
         Pipe pipe(m_fpLog, m_logCtx);
         int pid = -1;
-        err = pipe.init();
+        SSError* err = pipe.init();
         if (err == nullptr) err = esv_spawn(&pipe, &pid, "%s", gw_format_one(fullcmd, nullptr).c_str());
         if (err != nullptr) {
             delete err;
