@@ -39,6 +39,30 @@ static SSError* start_server_cmd(zov_quillset& q, Pipe& pipe, int& pid, const st
     return nullptr;
 }
 
+// A "LOGICAL UNIT WWN:" row of the map: the WWN without its colons goes to
+// the device being read, and the LUN number too when the array list knows it.
+static void note_lun_wwn(zov_quillset& q, const char* fname, const std::string& line, Hadrix& pmt,
+                         ArrayLunUID& arrLUNUID) {
+    std::string wwn;
+    for (char c : value_after_colon(line))
+        if (c != ':') wwn += c;
+    q.m_e.logprintf(7, kFile, __LINE__, "%s: Found the device [%s] array WWN unit number [%s].",
+                    fname, pmt.deviceName.c_str(), wwn.c_str());
+    pmt.arrayLunUID = wwn;
+    arrLUNUID.lunUID = wwn;
+    for (const ArrayLunUID& u : q.m_arrayLunUID) {
+        if (u.lunUID == wwn) {
+            q.m_e.logprintf(9, kFile, __LINE__,
+                            ": Found UID in our list!!! : lunUID ==>[%s] "
+                            "pmt.arraLunUID ==>[%s], adding the lunID ==>[%d] to our "
+                            "list.",
+                            u.lunUID.c_str(), pmt.arrayLunUID.c_str(), u.lunID);
+            pmt.arrayLun = u.lunID;
+            break;
+        }
+    }
+}
+
 SSError* zov_quillset::initVolMap(std::string passSrcDev) {
     const char* fname = "zov_quillset::initVolMap";
     m_e.logprintf(7, kFile, __LINE__, "Entering: %s", fname);
@@ -192,25 +216,7 @@ std::string zov_quillset::processInitVolMap(FILE* stream, std::string src) {
             break;
         case 3:
             if (line.find("LOGICAL UNIT WWN:") != std::string::npos) {
-                std::string wwn;
-                for (char c : value_after_colon(line))
-                    if (c != ':') wwn += c;
-                m_e.logprintf(7, kFile, __LINE__,
-                              "%s: Found the device [%s] array WWN unit number [%s].", fname,
-                              pmt.deviceName.c_str(), wwn.c_str());
-                pmt.arrayLunUID = wwn;
-                arrLUNUID.lunUID = wwn;
-                for (const ArrayLunUID& u : m_arrayLunUID) {
-                    if (u.lunUID == wwn) {
-                        m_e.logprintf(9, kFile, __LINE__,
-                                      ": Found UID in our list!!! : lunUID ==>[%s] "
-                                      "pmt.arraLunUID ==>[%s], adding the lunID ==>[%d] to our "
-                                      "list.",
-                                      u.lunUID.c_str(), pmt.arrayLunUID.c_str(), u.lunID);
-                        pmt.arrayLun = u.lunID;
-                        break;
-                    }
-                }
+                note_lun_wwn(*this, fname, line, pmt, arrLUNUID);
                 haveLogical = 1;
                 parseState = 4;
             }
@@ -413,25 +419,7 @@ std::string zov_quillset::processProxyCloneInitVolMap(FILE* stream, int passSrcD
             break;
         case 2:
             if (line.find("LOGICAL UNIT WWN:") != std::string::npos) {
-                std::string wwn;
-                for (char c : value_after_colon(line))
-                    if (c != ':') wwn += c;
-                m_e.logprintf(7, kFile, __LINE__,
-                              "%s: Found the device [%s] array WWN unit number [%s].", fname,
-                              pmt.deviceName.c_str(), wwn.c_str());
-                pmt.arrayLunUID = wwn;
-                arrLUNUID.lunUID = wwn;
-                for (const ArrayLunUID& u : m_arrayLunUID) {
-                    if (u.lunUID == wwn) {
-                        m_e.logprintf(9, kFile, __LINE__,
-                                      ": Found UID in our list!!! : lunUID ==>[%s] "
-                                      "pmt.arraLunUID ==>[%s], adding the lunID ==>[%d] to our "
-                                      "list.",
-                                      u.lunUID.c_str(), pmt.arrayLunUID.c_str(), u.lunID);
-                        pmt.arrayLun = u.lunID;
-                        break;
-                    }
-                }
+                note_lun_wwn(*this, fname, line, pmt, arrLUNUID);
                 parseState = 3;
             }
             break;
