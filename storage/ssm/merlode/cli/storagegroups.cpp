@@ -88,130 +88,90 @@ static void purge_address(std::vector<std::string>& list, const std::string& ipa
     }
 }
 
-SSError* zov_quillset::processPortList(FILE* stream, const std::string& ipaddr) {
-    const char* fname = "zov_quillset::processPortList";
-    m_e.logprintf(7, kFile, __LINE__, "%s: entering", fname);
+// Reads "port -list -hba" output into storage-group rows for the HBAs of one
+// server: this host, or with `forMountHost` the mount host. A frame that
+// shows no group for that server leaves the walk list.
+static void walk_port_list(zov_quillset& q, FILE* stream, const std::string& ipaddr,
+                           const char* fname, bool forMountHost) {
+    q.m_e.logprintf(7, kFile, __LINE__, "%s: entering", fname);
     int parseState = 0;
     int ipIsWorthWhile = 0;
     int lines = 0;
     std::string line, deviceName;
     regmatch_t pm[2];
-    while (lfgets(line, stream)) {
+    while (q.lfgets(line, stream)) {
         lines++;
         switch (parseState) {
         case 0:
-            if (rx(m_cp[0], line, pm, 2)) parseState = 1;
+            if (rx(q.m_cp[0], line, pm, forMountHost ? 1 : 2)) parseState = 1;
             break;
         case 1:
-            if (rx(m_cp[1], line, pm, 2)) {
+            if (rx(q.m_cp[1], line, pm, 2)) {
                 std::string server = rx_group(line, pm[1]);
-                parseState = is_myname(server.c_str()) ? 2 : 0;
+                if (!forMountHost) {
+                    parseState = is_myname(server.c_str()) ? 2 : 0;
+                } else if (strcmp(server.c_str(), q.moverHostName.c_str()) == 0) {
+                    q.m_e.logprintf(9, kFile, __LINE__, "%s: Got a match for our server group!!",
+                                    fname);
+                    parseState = 2;
+                } else {
+                    q.m_e.logprintf(9, kFile, __LINE__, "%s: No match, try again...", fname);
+                    parseState = 0;
+                }
             }
             break;
         case 2:
-            if (rx(m_cp[2], line, pm, 2)) parseState = 3;
+            if (rx(q.m_cp[2], line, pm, 2)) parseState = 3;
             break;
         case 3:
-            if (rx(m_cp[3], line)) parseState = 4;
+            if (rx(q.m_cp[3], line)) parseState = 4;
             break;
         case 4:
-            if (rx(m_cp[5], line, pm, 2)) {
+            if (rx(q.m_cp[5], line, pm, 2)) {
                 deviceName = rx_group(line, pm[1]);
-                m_e.logprintf(7, kFile, __LINE__, "%s: Found the device name [%s]", fname,
-                              deviceName.c_str());
+                q.m_e.logprintf(7, kFile, __LINE__, "%s: Found the device name [%s]", fname,
+                                deviceName.c_str());
                 parseState = 5;
-            } else if (rx(m_cp[4], line)) {
+            } else if (rx(q.m_cp[4], line)) {
                 parseState = 0;
             }
             break;
         case 5:
-            if (rx(m_cp[6], line, pm, 2)) {
+            if (rx(q.m_cp[6], line, pm, 2)) {
                 std::string stgName = cleaned(rx_group(line, pm[1]));
-                m_e.logprintf(7, kFile, __LINE__, "%s: Found the storage group name [%s]", fname,
-                              stgName.c_str());
-                add_storagegroup(ipaddr, deviceName, stgName);
+                q.m_e.logprintf(7, kFile, __LINE__, "%s: Found the storage group name [%s]", fname,
+                                stgName.c_str());
+                q.add_storagegroup(ipaddr, deviceName, stgName);
                 ipIsWorthWhile = 1;
                 parseState = 4;
-            } else if (rx(m_cp[4], line)) {
-                m_e.logprintf(7, kFile, __LINE__, "%s: strange behavior in tillocli output", fname);
+            } else if (rx(q.m_cp[4], line)) {
+                q.m_e.logprintf(7, kFile, __LINE__, "%s: strange behavior in tillocli output",
+                                fname);
                 parseState = 0;
             }
             break;
         }
     }
     if (!ipIsWorthWhile) {
-        m_e.logprintf(9, kFile, __LINE__, "%s: ipaddr:%s purged", fname, ipaddr.c_str());
-        purge_address(m_ipaddrlist, ipaddr);
+        // The two callers have always worded this line apart.
+        if (forMountHost)
+            q.m_e.logprintf(9, kFile, __LINE__, "%s: ipaddr [%s] purged", fname, ipaddr.c_str());
+        else
+            q.m_e.logprintf(9, kFile, __LINE__, "%s: ipaddr:%s purged", fname, ipaddr.c_str());
+        purge_address(q.m_ipaddrlist, ipaddr);
     }
-    m_e.logprintf(7, kFile, __LINE__, "%s: Exiting. processed %d lines", fname, lines);
+    q.m_e.logprintf(7, kFile, __LINE__, "%s: Exiting. processed %d lines", fname, lines);
+}
+
+SSError* zov_quillset::processPortList(FILE* stream, const std::string& ipaddr) {
+    walk_port_list(*this, stream, ipaddr, "zov_quillset::processPortList", false);
     return nullptr;
 }
 
 // The port list read for the mount host instead of this one. Nothing calls
 // it; it stays part of the interface.
 SSError* zov_quillset::processGetStorageGroupLunList(FILE* stream, const std::string& ipaddr) {
-    const char* fname = "zov_quillset::processGetStorageGroupLunList";
-    m_e.logprintf(7, kFile, __LINE__, "%s: entering", fname);
-    int parseState = 0;
-    int ipIsWorthWhile = 0;
-    int lines = 0;
-    std::string line, deviceName;
-    regmatch_t pm[2];
-    while (lfgets(line, stream)) {
-        lines++;
-        switch (parseState) {
-        case 0:
-            if (rx(m_cp[0], line, pm, 1)) parseState = 1;
-            break;
-        case 1:
-            if (rx(m_cp[1], line, pm, 2)) {
-                std::string server = rx_group(line, pm[1]);
-                if (strcmp(server.c_str(), moverHostName.c_str()) == 0) {
-                    m_e.logprintf(9, kFile, __LINE__, "%s: Got a match for our server group!!",
-                                  fname);
-                    parseState = 2;
-                } else {
-                    m_e.logprintf(9, kFile, __LINE__, "%s: No match, try again...", fname);
-                    parseState = 0;
-                }
-            }
-            break;
-        case 2:
-            if (rx(m_cp[2], line, pm, 2)) parseState = 3;
-            break;
-        case 3:
-            if (rx(m_cp[3], line)) parseState = 4;
-            break;
-        case 4:
-            if (rx(m_cp[5], line, pm, 2)) {
-                deviceName = rx_group(line, pm[1]);
-                m_e.logprintf(7, kFile, __LINE__, "%s: Found the device name [%s]", fname,
-                              deviceName.c_str());
-                parseState = 5;
-            } else if (rx(m_cp[4], line)) {
-                parseState = 0;
-            }
-            break;
-        case 5:
-            if (rx(m_cp[6], line, pm, 2)) {
-                std::string stgName = cleaned(rx_group(line, pm[1]));
-                m_e.logprintf(7, kFile, __LINE__, "%s: Found the storage group name [%s]", fname,
-                              stgName.c_str());
-                add_storagegroup(ipaddr, deviceName, stgName);
-                ipIsWorthWhile = 1;
-                parseState = 4;
-            } else if (rx(m_cp[4], line)) {
-                m_e.logprintf(7, kFile, __LINE__, "%s: strange behavior in tillocli output", fname);
-                parseState = 0;
-            }
-            break;
-        }
-    }
-    if (!ipIsWorthWhile) {
-        m_e.logprintf(9, kFile, __LINE__, "%s: ipaddr [%s] purged", fname, ipaddr.c_str());
-        purge_address(m_ipaddrlist, ipaddr);
-    }
-    m_e.logprintf(7, kFile, __LINE__, "%s: Exiting. processed %d lines", fname, lines);
+    walk_port_list(*this, stream, ipaddr, "zov_quillset::processGetStorageGroupLunList", true);
     return nullptr;
 }
 
