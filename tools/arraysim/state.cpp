@@ -97,6 +97,33 @@ std::string State::owner_addr(const Lun& l) const {
   return f.addrs[0];
 }
 
+std::string default_lun_name(int num) { return "LUN " + std::to_string(num); }
+
+// As make_wwn("60060160", frame << 32 | num) lays it out, without its
+// scanf and printf: getlun derives thousands of these.
+static void append_default_lun_wwn(std::string& out, int frame, int num) {
+  static const char hex[] = "0123456789ABCDEF";
+  unsigned f = static_cast<unsigned>(frame), n = static_cast<unsigned>(num);
+  unsigned char b[16] = {0x60, 0x06, 0x01, 0x60, 0, 0, 0, 0};
+  for (int i = 0; i < 4; ++i) {
+    b[11 - i] = static_cast<unsigned char>(f >> (8 * i));
+    b[15 - i] = static_cast<unsigned char>(n >> (8 * i));
+  }
+  char buf[47];
+  for (int i = 0; i < 16; ++i) {
+    buf[i * 3] = hex[b[i] >> 4];
+    buf[i * 3 + 1] = hex[b[i] & 15];
+    if (i < 15) buf[i * 3 + 2] = ':';
+  }
+  out.append(buf, sizeof buf);
+}
+
+std::string default_lun_wwn(int frame, int num) {
+  std::string w;
+  append_default_lun_wwn(w, frame, num);
+  return w;
+}
+
 // ---------------------------------------------------------------- escaping
 
 static bool needs_escape(unsigned char c) {
@@ -309,11 +336,18 @@ bool split_line(const char* p, const char* end, std::string& kind, std::vector<T
     continue;                      \
   }
 
-bool parse_lun(const std::vector<Token>& toks, Lun& r) {
+bool parse_lun(const std::vector<Token>& toks, Lun& r, int version) {
+  bool name = false, wwn = false;
   for (const auto& t : toks) {
+    name = name || t.is("name");
+    wwn = wwn || t.is("wwn");
     NUM(frame) NUM(num) STR(name) STR(wwn) LNUM(blocks) BOOL(trespassed) STR(mount)
     STR(snapname) STR(snapdev) NUM(smp) STR(smpdev) STR(cg)
     return false;
+  }
+  if (version >= 2) {
+    if (!name) r.name = default_lun_name(r.num);
+    if (!wwn) r.wwn = default_lun_wwn(r.frame, r.num);
   }
   return true;
 }
@@ -333,7 +367,7 @@ bool parse_dev(const std::vector<Token>& toks, HostDev& r) {
 bool parse_record(const std::string& kind, const std::vector<Token>& toks, State& st) {
   if (kind == "lun") {
     Lun r;
-    if (!parse_lun(toks, r)) return false;
+    if (!parse_lun(toks, r, st.luns.version())) return false;
     st.luns.push_back(std::move(r));
     return true;
   }
@@ -549,11 +583,13 @@ bool parse_text(const char* data, size_t len, State& st, std::string& err, bool 
     return false;
   }
   int version = atoi(std::string(p + hl + 1, hend).c_str());
-  if (version != kStateVersion) {
-    err = "state file format version " + std::to_string(version) + " is not supported (this arraysim reads version " +
-          std::to_string(kStateVersion) + "); make the state again with \"arraysim init\"";
+  if (version < kOldestStateVersion || version > kStateVersion) {
+    err = "state file format version " + std::to_string(version) + " is not supported (this arraysim reads versions " +
+          std::to_string(kOldestStateVersion) + " to " + std::to_string(kStateVersion) +
+          "); make the state again with \"arraysim init\"";
     return false;
   }
+  st.luns.set_version(version);
   p = nl ? nl + 1 : end;
   std::string kind;
   std::vector<Token> toks;
@@ -607,6 +643,7 @@ LunTable::LunTable(const LunTable& o) { *this = o; }
 LunTable& LunTable::operator=(const LunTable& o) {
   if (this == &o) return *this;
   text_ = o.text_;
+  version_ = o.version_;
   slots_.clear();
   slots_.reserve(o.slots_.size());
   for (const auto& s : o.slots_) {
@@ -702,7 +739,10 @@ void LunTable::append_wwn(size_t i, std::string& out) const {
   const size_t kl = sizeof key - 1;
   for (const char* p = s.raw;;) {
     p = static_cast<const char*>(memchr(p, ' ', end - p));
-    if (!p) return;
+    if (!p) {
+      if (version_ >= 2) append_default_lun_wwn(out, s.frame, s.num);
+      return;
+    }
     ++p;
     if (static_cast<size_t>(end - p) < kl || memcmp(p, key, kl) != 0) continue;
     const char* v = p + kl;
@@ -740,7 +780,7 @@ Lun& LunTable::materialize(size_t i) const {
     if (ln.q == ln.te) continue;
     bool ok = split_line(ln.q, ln.te, kind, toks);
     if (ok && first) {
-      ok = kind == "lun" && parse_lun(toks, *l);
+      ok = kind == "lun" && parse_lun(toks, *l, version_);
       first = false;
     } else if (ok) {
       HostDev d;
@@ -889,8 +929,11 @@ void format_into(const State& st, Out& o) {
   }
   for (size_t i = 0; i < st.luns.size(); ++i) {
     // Untouched records go back as they were read, a run of neighbours at once.
+    // (A record read in an older version is written afresh: a key it lacks
+    // means something else now.)
     size_t rawlen = 0;
-    if (const char* raw = st.luns.raw_at(i, rawlen)) {
+    const char* raw = st.luns.version() == kStateVersion ? st.luns.raw_at(i, rawlen) : nullptr;
+    if (raw) {
       const char* run_end = raw + rawlen;
       size_t next_len = 0;
       while (i + 1 < st.luns.size() && st.luns.raw_at(i + 1, next_len) == run_end) {
@@ -906,8 +949,10 @@ void format_into(const State& st, Out& o) {
     o.kind("lun");
     o.num("frame", l.frame);
     o.num("num", l.num);
-    o.str("name", l.name);
-    o.str("wwn", l.wwn);
+    // What follows from the number stays out of the file: less to write and
+    // read on every command.
+    if (l.name != default_lun_name(l.num)) o.str("name", l.name);
+    if (l.wwn != default_lun_wwn(l.frame, l.num)) o.str("wwn", l.wwn);
     o.num("blocks", l.blocks);
     o.flag("trespassed", l.trespassed);
     if (!l.mount.empty()) o.str("mount", l.mount);

@@ -15,8 +15,11 @@
 
 namespace arraysim {
 
-// Bumped whenever a record or key changes meaning; older files are refused.
-constexpr int kStateVersion = 1;
+// Bumped whenever a record or key changes meaning. Version 2 leaves out of a
+// LUN line the name and WWN that follow from its number; version 1 files are
+// still read (a key they lack is empty), older ones are refused.
+constexpr int kStateVersion = 2;
+constexpr int kOldestStateVersion = 1;
 constexpr const char* kStateHeader = "arraysim-state";
 constexpr const char* kStateEnv = "ARRAYSIM_STATE";
 
@@ -149,6 +152,9 @@ class LunTable {
   const char* raw_at(size_t i, size_t& len) const;
   // Parses every record; false and `err` on the first malformed one.
   bool materialize_all(std::string& err) const;
+  // The format version the records were read in (what a missing key means).
+  int version() const { return version_; }
+  void set_version(int v) { version_ = v; }
 
  private:
   struct Slot {
@@ -163,10 +169,15 @@ class LunTable {
 
   std::vector<Slot> slots_;
   std::shared_ptr<const void> text_;
+  int version_ = kStateVersion;
   // (frame << 32 | num, slot) sorted, for find; rebuilt after a change.
   mutable std::vector<std::pair<unsigned long long, size_t>> index_;
   mutable bool index_ok_ = false;
 };
+
+// The name and WWN a LUN has unless its line says otherwise (version 2).
+std::string default_lun_name(int num);
+std::string default_lun_wwn(int frame, int num);
 
 // A state record that is malformed, found when it is first used.
 struct StateError : std::runtime_error {

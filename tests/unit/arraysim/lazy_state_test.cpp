@@ -8,6 +8,7 @@
 #include <string>
 
 #include "tools/arraysim/sim.h"
+#include "tools/arraysim/text.h"
 
 using namespace arraysim;
 
@@ -37,7 +38,7 @@ class LazyState : public ::testing::Test {
 // Written by hand: odd spacing and a comment inside a record, keys after the
 // number in another order, an escaped WWN, no line feed at the very end.
 const char* kHandMade =
-    "arraysim-state 1\n"
+    "arraysim-state 2\n"
     "frame name=A addrs=10.0.0.1,10.0.0.2\n"
     "host name=h addr=10.9.9.9 local=1\n"
     "lun frame=0 num=4 wwn=60:00%3A04 name=four   blocks=8\n"
@@ -45,6 +46,7 @@ const char* kHandMade =
     "  dev host=0 paths=sdb\n"
     "lun frame=0 num=2 name=two wwn=60:02 blocks=8\n"
     "dev host=0 pseudo=zp paths=sdc,sdd\n"
+    "lun frame=0 num=8 blocks=8\n"
     "lun num=9 frame=0 name=nine wwn=60:09\n"
     "session name=s frame=0 lun=4 created=1\n"
     "lun frame=0 num=7 name=seven wwn=60:07";
@@ -54,7 +56,7 @@ TEST_F(LazyState, UntouchedRecordsGoBackAsTheyWereRead) {
   State st;
   std::string err;
   ASSERT_TRUE(load_state_lazy(dir_, st, err)) << err;
-  ASSERT_EQ(4u, st.luns.size());
+  ASSERT_EQ(5u, st.luns.size());
   st.sessions.clear();
   ASSERT_TRUE(save_state(dir_, st, err)) << err;
   std::string out = text();
@@ -77,6 +79,8 @@ TEST_F(LazyState, UntouchedRecordsGoBackAsTheyWereRead) {
     EXPECT_EQ(eager.luns[i].devs.size(), back.luns[i].devs.size());
   }
   EXPECT_EQ("60:00:04", back.luns[0].wwn);
+  EXPECT_EQ("LUN 8", back.luns[2].name);  // what follows from the number
+  EXPECT_EQ(default_lun_wwn(0, 8), back.luns[2].wwn);
   EXPECT_EQ((std::vector<std::string>{"sdc", "sdd"}), back.luns[1].devs[0].paths);
 }
 
@@ -148,6 +152,49 @@ TEST_F(LazyState, AMalformedLunIsFoundWhenUsedAndEagerReadersStillRefuseIt) {
   put("arraysim-state 1\ndev host=0 paths=sdb\n");
   EXPECT_FALSE(load_state_lazy(dir_, st, err));
   EXPECT_NE(std::string::npos, err.find("line 2")) << err;
+}
+
+// Version 1 files are still read, with their meaning: a LUN line without a
+// name or WWN has none. Written again they become version 2 and say so.
+TEST_F(LazyState, AVersionOneFileKeepsItsMeaningWhenWrittenAgain) {
+  const char* v1 =
+      "arraysim-state 1\n"
+      "frame name=A addrs=10.0.0.1\n"
+      "lun frame=0 num=1 blocks=8 trespassed=0\n"
+      "lun frame=0 num=2 name=LUN%202 wwn=60:06:01:60:00:00:00:00:00:00:00:00:00:00:00:02 blocks=8 trespassed=0\n";
+  put(v1);
+  State st;
+  std::string err;
+  ASSERT_TRUE(load_state_lazy(dir_, st, err)) << err;
+  std::string w;
+  st.luns.append_wwn(0, w);
+  EXPECT_EQ("", w);
+  EXPECT_EQ("", st.luns[0].name);
+  ASSERT_TRUE(save_state(dir_, st, err)) << err;
+  EXPECT_EQ(
+      "lun frame=0 num=1 name= wwn= blocks=8 trespassed=0\n"
+      "lun frame=0 num=2 blocks=8 trespassed=0\n",
+      text().substr(text().find("lun ")));
+  EXPECT_EQ(0u, text().find("arraysim-state 2\n"));
+  State back;
+  ASSERT_TRUE(load_state(dir_, back, err)) << err;
+  EXPECT_EQ("", back.luns[0].wwn);
+  EXPECT_EQ("LUN 2", back.luns[1].name);
+  EXPECT_EQ("60:06:01:60:00:00:00:00:00:00:00:00:00:00:00:02", back.luns[1].wwn);
+
+  put("arraysim-state 3\nframe name=A\n");
+  EXPECT_FALSE(load_state_lazy(dir_, st, err));
+  EXPECT_NE(std::string::npos, err.find("version 3 is not supported (this arraysim reads versions 1 to 2)")) << err;
+}
+
+// A WWN left out of the file must come back as the one init made.
+TEST(LunDefaults, DerivedWwnIsTheOneInitMakes) {
+  for (int f : {0, 1, 7, 255, 256, 70000})
+    for (int n : {0, 1, 255, 256, 65535, 1 << 24, 2147483647})
+      EXPECT_EQ(make_wwn("60060160", (static_cast<unsigned long long>(f) << 32) | static_cast<unsigned>(n)),
+                default_lun_wwn(f, n))
+          << f << " " << n;
+  EXPECT_EQ("LUN 12", default_lun_name(12));
 }
 
 TEST(LunTableIndex, FindsTheFirstMatchAndFollowsChanges) {
