@@ -21,6 +21,28 @@ int code_of(SSError* err) {
     return c;
 }
 
+// The WWN of LUN `num` as the array's own tool reports it; the state file
+// leaves out what follows from the number.
+std::string wwn_of(const SimArray& array, const std::string& frame, const std::string& num) {
+    // A tool call takes its state folder from the environment, as the module's do.
+    std::string cmd = "ARRAYSIM_STATE='" + array.dir() + "' '" + SimArray::program() +
+                      "' tilloseccli -h " + frame + " getlun -uid";
+    std::string out;
+    if (FILE* p = popen(cmd.c_str(), "r")) {
+        char buf[4096];
+        size_t n;
+        while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+        pclose(p);
+    }
+    std::string key = "LOGICAL UNIT NUMBER " + num + "\n";
+    size_t at = out.find(key);
+    if (at == std::string::npos) return "";
+    size_t uid = out.find("UID:", at);
+    if (uid == std::string::npos) return "";
+    size_t b = out.find_first_not_of(" \t", uid + 4);
+    return out.substr(b, out.find_first_of("\r\n", b) - b);
+}
+
 std::string no_colons(std::string s) {
     s.erase(std::remove(s.begin(), s.end(), ':'), s.end());
     return s;
@@ -47,6 +69,8 @@ struct VolMapSim : ::testing::Test {
 };
 
 TEST_F(VolMapSim, InitVolMapRefreshesAndReadsEachFrame) {
+    const std::string wwn0 = no_colons(wwn_of(sim->array, kFrame0, "0"));
+    sim->array.clear_commands();
     Quillset q({kFrame1, kFrame0});
     std::string dev = device_of("0");
     ASSERT_FALSE(dev.empty());
@@ -56,7 +80,7 @@ TEST_F(VolMapSim, InitVolMapRefreshesAndReadsEachFrame) {
     const Hadrix& h = q->m_volMapList[0];
     EXPECT_EQ(h.deviceName, dev);
     EXPECT_EQ(h.arrayLun, 0);
-    EXPECT_EQ(h.arrayLunUID, no_colons(sgsim::field(sim->array, "lun", "num", "0", "wwn")));
+    EXPECT_EQ(h.arrayLunUID, wwn0);
     EXPECT_EQ(h.lunSize, "2097152");
     ASSERT_EQ(h.patharray.size(), 1u);
     EXPECT_EQ(h.patharray[0].pathname, dev);
