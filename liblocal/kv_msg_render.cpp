@@ -31,7 +31,7 @@ const int kMaxNestDepth = 8;
 
 enum LenMod { LM_NONE, LM_HH, LM_H, LM_L, LM_LL, LM_BIGL, LM_J, LM_Z, LM_T };
 
-struct Spec {
+struct Conversion {
     const char* end;   // just past the conversion letter
     int pos;           // position of the value, 1-based
     char flags[8];
@@ -70,7 +70,7 @@ int read_position(const char** pp) {
 
 // Parses one conversion; p points at its "%". next is the running position
 // of conversions that do not name theirs.
-ParseResult parse_spec(const char* p, int* next, Spec* sp) {
+ParseResult parse_spec(const char* p, int* next, Conversion* sp) {
     memset(sp, 0, sizeof(*sp));
     sp->width = -1;
     sp->prec = -1;
@@ -222,7 +222,7 @@ void emit_native(Sink& sink, const char* nfmt, T value) {
 }
 
 // "%" + flags + width + precision + length + letter, with resolved numbers.
-void build_nfmt(char* nfmt, size_t size, const Spec& sp, int width, int prec, bool left,
+void build_nfmt(char* nfmt, size_t size, const Conversion& sp, int width, int prec, bool left,
                 const char* len, char conv) {
     std::string f = "%";
     for (int i = 0; i < sp.nflags; ++i)
@@ -238,7 +238,7 @@ void build_nfmt(char* nfmt, size_t size, const Spec& sp, int width, int prec, bo
     snprintf(nfmt, size, "%s", f.c_str());
 }
 
-bool has_flag(const Spec& sp, char c) { return memchr(sp.flags, c, static_cast<size_t>(sp.nflags)) != nullptr; }
+bool has_flag(const Conversion& sp, char c) { return memchr(sp.flags, c, static_cast<size_t>(sp.nflags)) != nullptr; }
 
 // A %s: width and precision count terminal columns, a character is never
 // split, and a null text prints "<null>".
@@ -353,7 +353,7 @@ void emit_int(Sink& sink, const char* nfmt, LenMod m, char conv, long long v) {
 class ValueSource {
 public:
     virtual ~ValueSource() {}
-    virtual Val get(int pos, const Spec& sp) = 0;
+    virtual Val get(int pos, const Conversion& sp) = 0;
     virtual long long get_int(int pos) = 0;
 };
 
@@ -368,7 +368,7 @@ void emit_all(Sink& sink, const char* form, ValueSource& src) {
             break;
         }
         sink.put_text(p, static_cast<size_t>(pct - p));
-        Spec sp;
+        Conversion sp;
         ParseResult r = parse_spec(pct, &next, &sp);
         if (r == PARSE_PERCENT) {
             sink.put_text("%", 1);
@@ -522,7 +522,7 @@ public:
         return t != nullptr ? strtoll(t, nullptr, 10) : 0;
     }
 
-    Val get(int pos, const Spec& sp) override {
+    Val get(int pos, const Conversion& sp) override {
         Val v;
         const char* t = text(pos);
         char c = sp.conv;
@@ -578,7 +578,7 @@ private:
 bool text_form_ok(const char* form) {
     int next = 1;
     for (const char* p = strchr(form, '%'); p != nullptr; p = strchr(p, '%')) {
-        Spec sp;
+        Conversion sp;
         ParseResult r = parse_spec(p, &next, &sp);
         if (r == PARSE_PERCENT) {
             p = sp.end;
@@ -615,7 +615,7 @@ void render_text_args(Sink& sink, const char* locale, const char* form, const Te
 enum VType : unsigned char { VT_NONE, VT_INT, VT_LONG, VT_LLONG, VT_SIZE, VT_INTMAX, VT_PTRDIFF,
                              VT_DOUBLE, VT_LDOUBLE, VT_STR, VT_WSTR, VT_WINT, VT_PTR };
 
-VType c_type(const Spec& sp, bool* ok) {
+VType c_type(const Conversion& sp, bool* ok) {
     *ok = true;
     char c = sp.conv;
     if (is_int_conv(c)) {
@@ -667,7 +667,7 @@ public:
 
     long long get_int(int pos) override { return vals[pos].i; }
 
-    Val get(int pos, const Spec& sp) override {
+    Val get(int pos, const Conversion& sp) override {
         Val v = vals[pos];
         if (sp.conv == 'n') return Val();   // never written through
         if ((sp.conv == 'c' && sp.lenmod == LM_L) || sp.conv == 'C') {
@@ -691,7 +691,7 @@ int c_render(Sink& sink, const char* fmt, va_list ap) {
     int maxpos = 0;
     bool ok = true;
     for (const char* p = strchr(fmt, '%'); p != nullptr && ok; p = strchr(p, '%')) {
-        Spec sp;
+        Conversion sp;
         ParseResult r = parse_spec(p, &next, &sp);
         if (r == PARSE_PERCENT) {
             p = sp.end;
@@ -945,7 +945,7 @@ int get_num_args(const char* form) {
     int maxpos = 0;
     bool positional = false;
     for (const char* p = strchr(form, '%'); p != nullptr; p = strchr(p, '%')) {
-        Spec sp;
+        Conversion sp;
         int before = next;
         ParseResult r = parse_spec(p, &next, &sp);
         if (r == PARSE_PERCENT) {
