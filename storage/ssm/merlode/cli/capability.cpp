@@ -93,12 +93,7 @@ int zov_quillset::isSnappable(std::string src) {
 
 SSError* zov_quillset::ncli_getSnapshotList() {
     const char* fname = "zov_quillset::ncli_getSnapshotList";
-    std::string tool = GetTilloCliExe();
-    if (tool.empty())
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                           "%s: Unable to locate %s in standard locations.", fname, "tillocli");
-    return perIpAddr(false, &zov_quillset::processGetSnapshotList, tool,
-                     " quillset -listsnapshots -lun", std::vector<std::string>());
+    return listFromEachFrame(kFile, __LINE__, fname, &zov_quillset::processGetSnapshotList, " quillset -listsnapshots -lun");
 }
 
 SSError* zov_quillset::processGetSnapshotList(FILE* stream, const std::string& ipaddr) {

@@ -227,12 +227,7 @@ void RemoveNonprntChars(std::string& str) {
 
 SSError* zov_quillset::ncli_initArrayLunUID() {
     static const char* const fname = "zov_quillset::ncli_initArrayLunUID";
-    std::string tool = GetTilloCliExe();
-    if (tool.empty())
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                           "%s: Unable to locate %s in standard locations.", fname, "tillocli");
-    return perIpAddr(false, &zov_quillset::processInitArrayLunUID, tool, " getlun -uid",
-                     std::vector<std::string>());
+    return listFromEachFrame(kFile, __LINE__, fname, &zov_quillset::processInitArrayLunUID, " getlun -uid");
 }
 
 SSError* zov_quillset::processInitArrayLunUID(FILE* stream, const std::string& ipaddr) {

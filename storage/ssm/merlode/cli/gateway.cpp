@@ -183,6 +183,15 @@ SSError* zov_quillset::init(std::vector<std::string>& ipaddrs, attrlist* attrs) 
 
 // ---------------------------------------------------------------- frames
 
+SSError* zov_quillset::listFromEachFrame(const char* file, int line, const char* fname,
+                                         POUTPUT_FUNC_POINTER parser, const char* args) {
+    std::string tool = GetTilloCliExe();
+    if (tool.empty())
+        return m_e.tellerr(file, line, nullptr, SS_EC_INVALID_CONFIGURATION,
+                           "%s: Unable to locate %s in standard locations.", fname, "tillocli");
+    return perIpAddr(false, parser, tool, args, std::vector<std::string>());
+}
+
 SSError* zov_quillset::perIpAddr(bool TilSuccess, POUTPUT_FUNC_POINTER processOutput,
                                  const std::string& command, const std::string& args,
                                  std::vector<std::string> m_ipaddrlistTemp) {

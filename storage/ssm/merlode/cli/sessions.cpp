@@ -121,12 +121,7 @@ SSError* zov_quillset::stopsession(snapdevice& sd) {
 
 SSError* zov_quillset::refreshSessions() {
     const char* fname = "zov_quillset::refreshSessions";
-    std::string tool = GetTilloCliExe();
-    if (tool.empty())
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                           "%s: Unable to locate %s in standard locations.", fname, "tillocli");
-    return perIpAddr(false, &zov_quillset::processSessionNames, tool, " quillset -listsessions",
-                     std::vector<std::string>());
+    return listFromEachFrame(kFile, __LINE__, fname, &zov_quillset::processSessionNames, " quillset -listsessions");
 }
 
 SSError* zov_quillset::processSessionNames(FILE* stream, const std::string& ipaddr) {

@@ -25,22 +25,12 @@ static const int kMaxHlu = 256;
 
 SSError* zov_quillset::ncli_portlist() {
     const char* fname = "zov_quillset::ncli_portlist";
-    std::string tool = GetTilloCliExe();
-    if (tool.empty())
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                           "%s: Unable to locate %s in standard locations.", fname, "tillocli");
-    return perIpAddr(false, &zov_quillset::processPortList, tool, " port -list -hba",
-                     std::vector<std::string>());
+    return listFromEachFrame(kFile, __LINE__, fname, &zov_quillset::processPortList, " port -list -hba");
 }
 
 SSError* zov_quillset::ncli_storagegrouplist() {
     const char* fname = "zov_quillset::ncli_storagegrouplist";
-    std::string tool = GetTilloCliExe();
-    if (tool.empty())
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                           "%s: Unable to locate %s in standard locations.", fname, "tillocli");
-    return perIpAddr(false, &zov_quillset::processStorageList, tool, " storagegroup -list -host",
-                     std::vector<std::string>());
+    return listFromEachFrame(kFile, __LINE__, fname, &zov_quillset::processStorageList, " storagegroup -list -host");
 }
 
 void zov_quillset::add_storagegroup(const std::string& ipaddr, const std::string& deviceName,

@@ -154,6 +154,11 @@ public:
     // `pipe`, none waited for.
     SSError* perIpAddr(Pipe& pipe, const char* command,
                        std::vector<std::string> m_ipaddrlistTemp);
+    // The common listing: tilloseccli with `args` against each frame until one
+    // fails, read by `parser`; a tool that cannot be found is the usual error,
+    // logged under the caller's file and line.
+    SSError* listFromEachFrame(const char* file, int line, const char* fname,
+                               POUTPUT_FUNC_POINTER parser, const char* args);
     // One line (at most 1023 bytes, line feed kept) into buf: 1, or 0 at end.
     int lfgets(std::string& buf, FILE* stream);
     // First non-loopback IPv4 address of `hostname`: 0; else -1 with
