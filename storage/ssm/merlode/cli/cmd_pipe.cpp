@@ -1,6 +1,6 @@
 // The lowest layer of the array gateway: finding a tool (CMD), the pipe that
-// carries a child's output (Pipe), the tool locators of zov_quillset and
-// esv_spawn, the one place where a command line becomes a child process.
+// carries a child's output (Pipe), the line reader, and the start of one
+// command line as a child process, which zov_quillset::esv_spawn wraps.
 #include "storage/ssm/merlode/cli/cmd_pipe.h"
 
 #include <errno.h>
@@ -14,9 +14,9 @@
 #include "liblocal/kv_error.h"
 #include "liblocal/kv_file.h"
 #include "liblocal/kv_msg.h"
+#include "liblocal/kv_print.h"
 #include "liblocal/kv_spawn.h"
-#include "storage/ssm/merlode/cli/gw_internal.h"
-#include "storage/ssm/merlode/cli/zov_quillset.h"
+#include "liblocal/kv_thread.h"
 #include "storage/ssm/merlode/merl_globalfuncs.h"
 
 static const char* const kFile = "storage/ssm/merlode/cli/cmd_pipe";
@@ -106,52 +106,6 @@ void Pipe::pclose(int fd) {
     }
 }
 
-// ---------------------------------------------------------------- locators
-
-std::string zov_quillset::GetTilloCliExe() {
-    m_e.logprintf(7, kFile, __LINE__, "Entering zov_quillset::GetTilloCliExe");
-    if (!m_tilloscli.empty()) return m_tilloscli;
-
-    // The secure tool reads its credential file under HOME, which a loader
-    // started by a service manager may not have.
-    static bool first_time = true;
-    if (first_time) {
-        first_time = false;
-        const char* home = kv_getenv("HOME");
-        if (home != nullptr && *home != '\0') {
-            m_e.logprintf(5, kFile, __LINE__, "HOME already set to [%s]", home);
-        } else {
-            struct passwd* pw = kv_ts_getpwuid(geteuid());
-            if (pw != nullptr && pw->pw_dir != nullptr && pw->pw_dir[0] != '\0') {
-                char buf[12288];
-                snprintf(buf, sizeof(buf), "HOME=%s", pw->pw_dir);
-                char* assignment = strdup(buf);
-                if (assignment != nullptr) kv_putenv(assignment);  // kept by the environment
-                m_e.logprintf(5, kFile, __LINE__, "Setting HOME from getpwuid() to [%s]", buf);
-            } else {
-                m_e.logprintf(5, kFile, __LINE__, "Setting HOME arbitrarily to [/]");
-                static char root_home[] = "HOME=/";
-                kv_putenv(root_home);
-            }
-        }
-    }
-    m_e.logprintf(9, kFile, __LINE__, "Using TILLOSECCLI");
-    m_tilloscli = m_cmdPaths.findCmdPath("tilloseccli");
-    return m_tilloscli;
-}
-
-std::string zov_quillset::GetGelmotCliExe() {
-    m_e.logprintf(7, kFile, __LINE__, "Entering zov_quillset::GetGelmotCliExe");
-    if (m_gelmot.empty()) m_gelmot = m_cmdPaths.findCmdPath("gelmot");
-    return m_gelmot;
-}
-
-std::string zov_quillset::GetPirnetCliExe() {
-    m_e.logprintf(7, kFile, __LINE__, "Entering zov_quillset::GetPirnetCliExe");
-    if (m_pirnet.empty()) m_pirnet = m_cmdPaths.findCmdPath("pirnet");
-    return m_pirnet;
-}
-
 // ---------------------------------------------------------------- esv_spawn
 
 // Directories a child must find even when the caller's PATH lacks them.
@@ -172,29 +126,34 @@ static std::vector<std::string> split_colons(const std::string& text) {
     return out;
 }
 
-SSError* zov_quillset::esv_spawn(Pipe* pp, int* pidp, const char* format, ...) {
-    static const char* const fname = "zov_quillset::esv_spawn";
-    m_e.logprintf(7, kFile, __LINE__, "Entering: %s", fname);
+int read_child_line(std::string& buf, FILE* stream) {
+    buf.clear();
+    if (stream == nullptr) return 0;
+    char line[1024];
+    for (int attempt = 0; attempt <= 10; attempt++) {
+        memset(line, 0, sizeof(line));
+        errno = 0;
+        if (kv_fgets(line, sizeof(line), stream) != nullptr) {
+            buf = line;
+            return 1;
+        }
+        if (feof(stream)) return 0;
+        if (errno != EINTR) return 0;
+        if (attempt == 10) break;
+        clearerr(stream);
+        kv_thread_sleep(1000);
+    }
+    return 0;
+}
 
-    char* text = nullptr;
-    if (format != nullptr) {
-        va_list ap;
-        va_start(ap, format);
-        i18n_vsprintf(nullptr, &text, format, ap);
-        va_end(ap);
-    }
-    if (text == nullptr) {
-        SSError* err = m_e.generr(kFile, __LINE__, nullptr, SS_EC_INSUFFICIENT_MEMORY,
-                                  "%s: Memory allocation error", fname);
-        m_e.logprintf(3, kFile, __LINE__, "%s, command to execute is empty", fname);
-        return err;
-    }
+SSError* spawn_command_line(MerlError& log, std::string& pathEnv, Pipe* pp, int* pidp,
+                            const char* text) {
+    static const char* const fname = "zov_quillset::esv_spawn";
     std::string fullcmd_str(text);
     std::string argstring(text);
-    m_e.logprintf(9, kFile, __LINE__, "%s, cmd:%s", fname, text);
-    free(text);
+    log.logprintf(9, kFile, __LINE__, "%s, cmd:%s", fname, text);
 
-    Pipe localPipe(m_fpLog, m_logCtx);
+    Pipe localPipe(log.m_fpLog, log.m_logCtx);
     int dupfdset[3] = {-1, -1, -1};
     if (pp != nullptr) {
         dupfdset[1] = dupfdset[2] = pp->getwrite_fd();
@@ -204,25 +163,25 @@ SSError* zov_quillset::esv_spawn(Pipe* pp, int* pidp, const char* format, ...) {
         dupfdset[1] = dupfdset[2] = localPipe.getwrite_fd();
     }
 
-    if (m_PATH.empty()) {
+    if (pathEnv.empty()) {
         const char* native = kv_getenv("PATH");
         if (native == nullptr) {
-            m_PATH = std::string("PATH=") + kMustHavePaths;
-            m_e.logprintf(9, kFile, __LINE__, "%s, native path was null, now have [%s]", fname,
-                          m_PATH.c_str());
+            pathEnv = std::string("PATH=") + kMustHavePaths;
+            log.logprintf(9, kFile, __LINE__, "%s, native path was null, now have [%s]", fname,
+                          pathEnv.c_str());
         } else {
-            m_PATH = std::string("PATH=") + native;
+            pathEnv = std::string("PATH=") + native;
             std::vector<std::string> have = split_colons(native);
             for (const std::string& must : split_colons(kMustHavePaths)) {
                 bool found = false;
                 for (const std::string& h : have)
                     if (h == must) found = true;
-                if (!found) m_PATH += ":" + must;
+                if (!found) pathEnv += ":" + must;
             }
-            m_e.logprintf(9, kFile, __LINE__, "%s, modified path [%s]", fname, m_PATH.c_str());
+            log.logprintf(9, kFile, __LINE__, "%s, modified path [%s]", fname, pathEnv.c_str());
         }
     }
-    char* envp[2] = {strdup(m_PATH.c_str()), nullptr};
+    char* envp[2] = {strdup(pathEnv.c_str()), nullptr};
 
     // No quoting: the tools' arguments never hold blanks.
     std::vector<std::string> arg(kMaxArgs);
@@ -236,7 +195,7 @@ SSError* zov_quillset::esv_spawn(Pipe* pp, int* pidp, const char* format, ...) {
     // one runs with its first 1024.
     if (count == kMaxArgs - 1) {
         free(envp[0]);
-        return m_e.generr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
+        return log.generr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
                           "%s:: too many arguments", fname);
     }
     std::vector<char*> argv(kMaxArgs + 1, nullptr);
@@ -248,15 +207,15 @@ SSError* zov_quillset::esv_spawn(Pipe* pp, int* pidp, const char* format, ...) {
     if (pid < 0) {
         int saved = errno;
         free(envp[0]);
-        m_e.logprintf(1, kFile, __LINE__, "%s: Failed spawn of \"%s\", err: %s", fname,
+        log.logprintf(1, kFile, __LINE__, "%s: Failed spawn of \"%s\", err: %s", fname,
                       fullcmd_str.c_str(), kv_strerror(saved));
-        return m_e.generr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
+        return log.generr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
                           "%s: Spawn of external command failed", fname);
     }
     free(envp[0]);
 
     if (pp != nullptr) {
-        m_e.logprintf(7, kFile, __LINE__, "Exiting : %s", fname);
+        log.logprintf(7, kFile, __LINE__, "Exiting : %s", fname);
         return nullptr;
     }
 
@@ -264,12 +223,12 @@ SSError* zov_quillset::esv_spawn(Pipe* pp, int* pidp, const char* format, ...) {
     FILE* in = localPipe.getread_strm();
     int lines = 0;
     std::string line;
-    while (in != nullptr && lfgets(line, in)) {
+    while (in != nullptr && read_child_line(line, in)) {
         while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
         lines++;
-        m_e.logprintf(9, kFile, __LINE__, "%s, spawned output [%s]", fname, line.c_str());
+        log.logprintf(9, kFile, __LINE__, "%s, spawned output [%s]", fname, line.c_str());
     }
-    m_e.logprintf(9, kFile, __LINE__, "%s: processed %d lines", fname, lines);
-    m_e.logprintf(7, kFile, __LINE__, "Exiting : %s", fname);
+    log.logprintf(9, kFile, __LINE__, "%s: processed %d lines", fname, lines);
+    log.logprintf(7, kFile, __LINE__, "Exiting : %s", fname);
     return nullptr;
 }

@@ -1,6 +1,8 @@
-// CMD, the tool locator with its cache of hits, and Pipe, one anonymous pipe
-// whose read end is a stream. Neither is thread-safe: each lives inside one
-// zov_quillset (or one command) that a single thread uses at a time.
+// The bottom of the command layer: CMD, the tool locator with its cache of
+// hits; Pipe, one anonymous pipe whose read end is a stream; the line reader;
+// and the start of one command line as a child. Nothing here is thread-safe:
+// each object lives inside one zov_quillset (or one command) that a single
+// thread uses at a time.
 #pragma once
 
 #include <stdio.h>
@@ -72,3 +74,17 @@ private:
     int m_readIsOpen;
     int m_writeIsOpen;
 };
+
+// One line of a child's output into `buf`, line feed kept; a line longer
+// than 1023 bytes arrives in pieces. 1 when `buf` holds a line, 0 at the end
+// (an interrupted read is retried ten times, a second apart).
+int read_child_line(std::string& buf, FILE* stream);
+
+// Starts one child for `text`, a whole command line cut at blanks with no
+// quoting. `pathEnv` is the "PATH=" entry children get; it is worked out on
+// the first call (the caller's PATH and the directories a tool needs) and
+// kept by the caller for the next. With `pp` the output goes there and the
+// caller reads it after closing its write end; without, it is read into the
+// log here. The child's pid goes to `pidp`; the caller reaps it.
+SSError* spawn_command_line(MerlError& log, std::string& pathEnv, Pipe* pp, int* pidp,
+                            const char* text);
