@@ -1,6 +1,7 @@
 // The frame walk of the gateway against the array simulator: which command
 // lines ran, in which order, when the walk stops, and the purge.
 #include <algorithm>
+#include <functional>
 
 #include <gtest/gtest.h>
 
@@ -189,6 +190,91 @@ TEST_F(GwFrames, InitRefusesWithoutTheTool) {
     delete err;
     // The table is compiled all the same.
     EXPECT_EQ(bare.m_cpCompiled, ZOV_QUILLSET_NUM_REGEX);
+}
+
+// Every operation that runs a tool opens the same way when the tool is
+// missing; what differs is the word its message shows and how it is logged.
+TEST_F(GwFrames, MissingToolIsReportedAsEachOperationSays) {
+    ScopedEnv path("PATH", "/nonexistent");
+    struct Case {
+        const char* op;
+        std::function<SSError*(zov_quillset&)> run;
+        const char* word;
+        std::vector<int> levels;  // of the lines that carry the message
+        bool error;
+    };
+    sim->clear_commands();
+    snapdevice sd;
+    sd.sessionId = "S1";
+    const std::vector<Case> cases = {
+        {"startsession", [&](zov_quillset& z) { return z.startsession(sd); }, "tillocli", {3},
+         true},
+        // The secure tool is the one missing; the message names the host tool.
+        {"stopsession", [&](zov_quillset& z) { return z.stopsession(sd); }, "gelmot", {3}, true},
+        {"deactivatesession", [&](zov_quillset& z) { return z.deactivatesession(sd); },
+         "gelmot", {3}, true},
+        {"rollbacksession", [&](zov_quillset& z) { return z.rollbacksession(sd); }, "tillocli",
+         {0, 3}, true},
+        {"getStorageGroupUID",
+         [&](zov_quillset& z) {
+             std::string uid;
+             return z.getStorageGroupUID("h", uid);
+         },
+         "tillocli", {0, 3}, true},
+        {"isSnappable",
+         [&](zov_quillset& z) {
+             EXPECT_EQ(z.isSnappable("17"), -1);
+             return static_cast<SSError*>(nullptr);
+         },
+         "tillocli", {3}, false},
+        {"convertWWNToLun",
+         [&](zov_quillset& z) {
+             ArrayLunUID known;
+             known.lunUID = "60060160A0B01100A1B2C3D4E5F60718";
+             z.m_arrayLunUID.push_back(known);
+             EXPECT_EQ(z.convertWWNToLun(known.lunUID), "");
+             return static_cast<SSError*>(nullptr);
+         },
+         "tillocli", {0}, false},
+    };
+    for (const Case& c : cases) {
+        LogCapture caught;
+        zov_quillset z(&LogCapture::fn, &caught);
+        std::vector<std::string> frames{SimArray::addr(1)};
+        delete z.init(frames, nullptr);
+        caught.lines.clear();
+        SSError* err = c.run(z);
+        const std::string fname = std::string("zov_quillset::") + c.op;
+        const std::string text = fname + ": Unable to locate " + c.word + " in standard locations.";
+        std::vector<int> levels;
+        for (const LoggedLine& l : caught.lines)
+            if (l.text == text) levels.push_back(l.level);
+        EXPECT_EQ(levels, c.levels) << c.op;
+        if (c.error) {
+            ASSERT_NE(err, nullptr) << c.op;
+            EXPECT_EQ(err->getErrCode(), SS_EC_INVALID_CONFIGURATION) << c.op;
+            EXPECT_EQ(std::string(err->getErrMsg()), text) << c.op;
+        } else {
+            EXPECT_EQ(err, nullptr) << c.op;
+        }
+        delete err;
+        EXPECT_TRUE(sim->commands().empty()) << c.op << " ran a command";
+    }
+}
+
+// A frame address can be empty ("FRAME_IP" of "10.0.0.1::"); every command
+// line built with it must still be whole.
+TEST_F(GwFrames, EmptyFrameAddressStillGivesWholeCommandLines) {
+    init({"", SimArray::addr(1)});
+    pkgRevision pkgs[3];
+    for (int i = 0; i < 3; i++) pkgs[i].pkgid = (MerlPkgs)i;
+    delete q->getVersions(pkgs, 3);
+    std::vector<std::string> ndu;
+    for (const std::string& c : sim->commands())
+        if (c.find("ndu -list") != std::string::npos) ndu.push_back(c);
+    EXPECT_EQ(ndu, (std::vector<std::string>{"tilloseccli -h ndu -list",
+                                             "tilloseccli -h " + SimArray::addr(1) +
+                                                 " ndu -list"}));
 }
 
 }  // namespace

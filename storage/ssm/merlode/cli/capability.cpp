@@ -24,12 +24,9 @@ static const char kFile[] = "storage/ssm/merlode/cli_methods";
 int zov_quillset::isSnappable(std::string src) {
     const char* fname = "zov_quillset::isSnappable";
     m_e.logprintf(7, kFile, __LINE__, "Entering: %s to check [%s]", fname, src.c_str());
-    std::string tool = GetTilloCliExe();
-    if (tool.empty()) {
-        m_e.logprintf(3, kFile, __LINE__, "%s: Unable to locate %s in standard locations.", fname,
-                      "tillocli");
-        return -1;
-    }
+    std::string tool;
+    locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname, ToolMiss::lineOnly(3));
+    if (tool.empty()) return -1;
     unsigned int lunID = 0;
     if (!src.empty() && isdigit((unsigned char)src[0])) {
         lunID = (unsigned int)zov_text::to_int(src);
@@ -105,14 +102,14 @@ SSError* zov_quillset::processGetSnapshotList(FILE* stream, const std::string& i
     regmatch_t pm[2];
     while (lfgets(line, stream)) {
         lines++;
-        if (!haveName && rx(m_cp[13], line, pm, 2)) {
+        if (!haveName && rx(m_cp[RX_SNAP_LUN_NAME], line, pm, 2)) {
             name = rx_group(line, pm[1]);
             m_e.logprintf(7, kFile, __LINE__, "%s: found snapshot session name [%s]", fname,
                           name.c_str());
             haveName = true;
             continue;
         }
-        if (!rx(m_cp[12], line, pm, 2)) continue;
+        if (!rx(m_cp[RX_TARGET_LUN], line, pm, 2)) continue;
         int lun = 0;
         sscanf(line.c_str() + pm[1].rm_so, "%i", &lun);
         for (storagegroup& sg : m_storagegrouplist) {
@@ -137,12 +134,9 @@ SSError* zov_quillset::processGetSnapshotList(FILE* stream, const std::string& i
 std::string zov_quillset::validateSnapConfig(std::list<snapdevice>& sources) {
     const char* fname = "zov_quillset::validateSnapConfig";
     m_e.logprintf(7, kFile, __LINE__, "Entering: %s ", fname);
-    std::string tool = GetTilloCliExe();
-    SSError* err = nullptr;
-    if (tool.empty())
-        err = m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                          "%s: Unable to locate %s in standard locations.", fname, "tillocli");
-    else
+    std::string tool;
+    SSError* err = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname);
+    if (!err)
         err = perIpAddr(false, &zov_quillset::processGetSourceSnapInfo, tool,
                         " quillset -listsnapshots -lun", std::vector<std::string>());
     if (err) {
@@ -192,24 +186,15 @@ SSError* zov_quillset::processGetSourceSnapInfo(FILE* stream, const std::string&
     return nullptr;
 }
 
-// Runs one version query through its own pipe and reads it with
-// processVersions; the child is always waited for.
+// Runs one version query and reads it with processVersions. The line is
+// whole before it reaches the spawner, so an empty frame address still gives
+// "TOOL -h  ndu -list" and never a conversion without its argument.
 static SSError* run_version_query(zov_quillset& q, int index, pkgRevision* pkgs, int count,
-                                  const char* format, const std::string& a1,
-                                  const std::string& a2 = std::string()) {
-    int pid = -1, status = 0;
-    {
-        Pipe pipe(q.m_fpLog, q.m_logCtx);
-        SSError* err = pipe.init();
-        if (err) return err;
-        err = a2.empty() ? q.esv_spawn(&pipe, &pid, format, a1.c_str())
-                         : q.esv_spawn(&pipe, &pid, format, a1.c_str(), a2.c_str());
-        if (err) return err;
-        pipe.pclose(pipe.getwrite_fd());
-        q.processVersions(pipe.getread_strm(), index, pkgs, count);
-    }
-    waitchild(pid, &status, 0);
-    return nullptr;
+                                  const std::string& cmdline) {
+    return q.runCommand(cmdline, [&](FILE* out) -> SSError* {
+        q.processVersions(out, index, pkgs, count);
+        return nullptr;
+    });
 }
 
 SSError* zov_quillset::getVersions(pkgRevision* pkgs, int count) {
@@ -223,14 +208,12 @@ SSError* zov_quillset::getVersions(pkgRevision* pkgs, int count) {
 
     bool stop = false;
     if (tillo.empty()) {
-        m_e.logprintf(0, kFile, __LINE__, "%s: Unable to locate %s in standard locations.", fname,
-                      "tillocli");
+        reportMissingTool(ZOV_TOOL_TILLO, kFile, __LINE__, fname, ToolMiss::lineOnly(0));
         if (pkgRevision* r = rec(MERL_PKG_TILLOCLI)) r->installed = 0;
         stop = true;
     }
     if (gelmot.empty()) {
-        m_e.logprintf(9, kFile, __LINE__, "%s: Unable to locate %s in standard locations.", fname,
-                      "gelmot");
+        reportMissingTool(ZOV_TOOL_GELMOT, kFile, __LINE__, fname, ToolMiss::lineOnly(9));
         pkgRevision* r = rec(MERL_PKG_GELMOT);
         if (r) {
             r->m_revision = "0 <not installed>";
@@ -260,13 +243,13 @@ SSError* zov_quillset::getVersions(pkgRevision* pkgs, int count) {
     }
     if (stop) return nullptr;
 
-    SSError* err = run_version_query(*this, 1, pkgs, count, "%s -help", tillo);
-    if (!err && !gelmot.empty()) err = run_version_query(*this, 2, pkgs, count, "%s help", gelmot);
+    SSError* err = run_version_query(*this, 1, pkgs, count, tillo + " -help");
+    if (!err && !gelmot.empty()) err = run_version_query(*this, 2, pkgs, count, gelmot + " help");
     if (!err && !hadrix.empty())
-        err = run_version_query(*this, 3, pkgs, count, "%s version", hadrix);
+        err = run_version_query(*this, 3, pkgs, count, hadrix + " version");
     const std::vector<std::string> frames = m_ipaddrlist;
     for (size_t i = 0; !err && i < frames.size(); i++)
-        err = run_version_query(*this, 4, pkgs, count, "%s -h %s ndu -list", tillo, frames[i]);
+        err = run_version_query(*this, 4, pkgs, count, tillo + " -h " + frames[i] + " ndu -list");
     return err;
 }
 
@@ -288,7 +271,8 @@ SSError* zov_quillset::processVersions(FILE* stream, int index, pkgRevision* pkg
         case 1:
         case 2:
         case 3: {
-            static const int row[] = {0, 30, 31, 32};
+            static const ZovRx row[] = {RX_COUNT, RX_TILLO_REVISION, RX_GELMOT_REVISION,
+                                        RX_HADRIX_VERSION};
             static const int pkg[] = {0, MERL_PKG_TILLOCLI, MERL_PKG_GELMOT, MERL_PKG_HADRIPATH};
             if (rx(m_cp[row[index]], line, pm, 2)) {
                 if (pkgRevision* r = rec(pkg[index])) {
@@ -303,7 +287,7 @@ SSError* zov_quillset::processVersions(FILE* stream, int index, pkgRevision* pkg
             break;
         }
         case 4:
-            if (rx(m_cp[20], line, pm, 2)) {
+            if (rx(m_cp[RX_PKG_NAME], line, pm, 2)) {
                 std::string pkgName = rx_group(line, pm[1]);
                 which = -1;
                 for (int i = 0; pkgs && i < count; i++) {
@@ -313,15 +297,15 @@ SSError* zov_quillset::processVersions(FILE* stream, int index, pkgRevision* pkg
                     }
                 }
                 parseState = (which >= 0) ? 1 : 0;
-            } else if (rx(m_cp[21], line, pm, 2)) {
+            } else if (rx(m_cp[RX_PKG_REVISION], line, pm, 2)) {
                 if (parseState == 1) {
                     rev = rx_group(line, pm[1]);
                     parseState = 2;
                 }
-            } else if (rx(m_cp[33], line, pm, 2)) {
+            } else if (rx(m_cp[RX_COMMIT_REQUIRED], line, pm, 2)) {
                 // A pending commit means the revision isn't in force yet.
                 if (parseState == 2) parseState = (rx_group(line, pm[1]) == "YES") ? 0 : 3;
-            } else if (rx(m_cp[34], line, pm, 2)) {
+            } else if (rx(m_cp[RX_ACTIVE_STATE], line, pm, 2)) {
                 if (parseState == 3 && rx_group(line, pm[1]) == "YES") {
                     if (pkgRevision* r = rec(which)) {
                         r->m_revision = rev;

@@ -55,7 +55,7 @@ bool gw_decode_array_inquiry(const unsigned char* data, size_t len, unsigned int
         *lun = (static_cast<unsigned int>(inq[kInqLunOffset]) << 8) | inq[kInqLunOffset + 1];
     if (frameIp != nullptr) {
         char ipbuf[100];
-        snprintf(ipbuf, sizeof(ipbuf), "%u.%u.%u.%u", inq[kInqFrameIpOffset],
+        kv_snprintf(ipbuf, sizeof(ipbuf), "%u.%u.%u.%u", inq[kInqFrameIpOffset],
                  inq[kInqFrameIpOffset + 1], inq[kInqFrameIpOffset + 2],
                  inq[kInqFrameIpOffset + 3]);
         *frameIp = ipbuf;
@@ -200,11 +200,11 @@ int zov_quillset::ctd_ct_match(std::string& dev1, int& dev1_lun, std::string& de
     m_e.logprintf(9, kFile, __LINE__, "%s: Checking [%s] [%d] against [%s] [%d]", fname,
                   dev1.c_str(), dev1_lun, dev2.c_str(), dev2_lun);
     regmatch_t m[4];
-    if (rxmatch(27, dev1, 4, m) != 0) return 0;
+    if (rxmatch(RX_CTD_FIRST, dev1, 4, m) != 0) return 0;
     std::string ctl1 = rxgroup(dev1, m[1]);
     std::string tgt1 = rxgroup(dev1, m[2]);
     dev1_lun = static_cast<int>(strtol(rxgroup(dev1, m[3]).c_str(), nullptr, 10));
-    if (rxmatch(28, dev2, 4, m) != 0) return 0;
+    if (rxmatch(RX_CTD_SECOND, dev2, 4, m) != 0) return 0;
     std::string ctl2 = rxgroup(dev2, m[1]);
     std::string tgt2 = rxgroup(dev2, m[2]);
     dev2_lun = static_cast<int>(strtol(rxgroup(dev2, m[3]).c_str(), nullptr, 10));
@@ -243,19 +243,19 @@ SSError* zov_quillset::processInitArrayLunUID(FILE* stream, const std::string& i
         lines++;
         m_e.logprintf(9, kFile, __LINE__, "%s: processed [%s] ", fname, line.c_str());
         if (parseState == 0) {
-            if (rxmatch(50, line, 2, m) != 0) continue;
+            if (rxmatch(RX_LUN_NUMBER, line, 2, m) != 0) continue;
             char numbuf[128];
             memset(numbuf, 0, sizeof(numbuf));
             std::string group = rxgroup(line, m[1]);
             size_t n = group.size() + 1 < sizeof(numbuf) ? group.size() + 1 : sizeof(numbuf);
-            snprintf(numbuf, n, "%s", group.c_str());
+            kv_snprintf(numbuf, n, "%s", group.c_str());
             // "%i": a leading 0 reads octal and 0x hexadecimal, as the array
             // never prints either.
             sscanf(numbuf, "%i", &lunID);
             m_e.logprintf(9, kFile, __LINE__, "%s: LUN number [%d]", fname, lunID);
             parseState = 1;
         } else {
-            if (rxmatch(51, line, 2, m) != 0) continue;
+            if (rxmatch(RX_LUN_UID, line, 2, m) != 0) continue;
             std::string uid = rxgroup(line, m[1]);
             std::string joined;
             while (!uid.empty()) joined += merl_space::nextToken(uid, ":");
@@ -284,12 +284,9 @@ std::string zov_quillset::convertWWNToLun(std::string passSrcDev) {
             return std::string();
         }
     }
-    std::string tool = GetTilloCliExe();
-    if (tool.empty()) {
-        m_e.logprintf(0, kFile, __LINE__, "%s: Unable to locate %s in standard locations.", fname,
-                      "tillocli");
-        return std::string();
-    }
+    std::string tool;
+    locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname, ToolMiss::lineOnly(0));
+    if (tool.empty()) return std::string();
     m_e.logprintf(9, kFile, __LINE__, "%s: Getting Merlode LUN Info.", fname);
 
     // The host's own address is only logged; what follows does not use it.
@@ -454,9 +451,9 @@ std::string zov_quillset::getMerlSerialNumber(std::string device) {
                 break;
             }
             if (parseState == 0) {
-                if (rxmatch(14, line, 0, nullptr) == 0) parseState = 1;
+                if (rxmatch(RX_HOSTNAME_HEADER, line, 0, nullptr) == 0) parseState = 1;
             } else if (parseState == 1) {
-                if (rxmatch(15, line, 0, nullptr) != 0) {
+                if (rxmatch(RX_SERIAL_DASHES, line, 0, nullptr) != 0) {
                     m_e.logprintf(3, kFile, __LINE__,
                                   "Unable to find line of dashes from the command [%s]",
                                   fullcmd.c_str());
@@ -465,7 +462,7 @@ std::string zov_quillset::getMerlSerialNumber(std::string device) {
                 }
                 parseState = 2;
             } else {
-                if (rxmatch(16, line, 2, m) == 0) {
+                if (rxmatch(RX_SERIAL_ROW, line, 2, m) == 0) {
                     serial = rxgroup(line, m[1]);
                 } else {
                     m_e.logprintf(3, kFile, __LINE__,
@@ -485,10 +482,9 @@ std::string zov_quillset::getMerlSerialNumber(std::string device) {
 
 SSError* zov_quillset::getFrameSN(std::string& frameSN) {
     static const char* const fname = "zov_quillset::ncli_framSN";
-    std::string tool = GetTilloCliExe();
-    if (tool.empty())
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                           "%s: Unable to locate %s in standard locations.", fname, "tillocli");
+    std::string tool;
+    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname))
+        return missing;
     // A frame that prints no name must not hand back an earlier answer.
     m_utilStr.clear();
     SSError* err = perIpAddr(false, &zov_quillset::processFrameSN, tool, " arrayname",
@@ -507,7 +503,7 @@ SSError* zov_quillset::processFrameSN(FILE* stream, const std::string& ipaddr) {
     if (lfgets(line, stream)) {
         lines = 1;
         regmatch_t m[2];
-        if (rxmatch(49, line, 2, m) == 0) m_utilStr = rxgroup(line, m[1]);
+        if (rxmatch(RX_ARRAY_NAME, line, 2, m) == 0) m_utilStr = rxgroup(line, m[1]);
     }
     m_e.logprintf(7, kFile, __LINE__, "%s: Exiting. processed %d lines", fname, lines);
     return nullptr;

@@ -4,6 +4,8 @@
 #include "storage/ssm/merlode/cli/zov_quillset.h"
 
 #include <errno.h>
+#include <stdarg.h>
+#include <stdlib.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <string.h>
@@ -16,6 +18,7 @@
 #include <exception>
 #include <mutex>
 
+#include "liblocal/kv_env.h"
 #include "liblocal/kv_file.h"
 #include "liblocal/kv_host.h"
 #include "liblocal/kv_lock.h"
@@ -34,7 +37,7 @@ const char* const CONFIGWIZARD = "CONFIGWIZARD";
 // never drop a row even when nothing consults it. Compiled with
 // REG_EXTENDED only, so "^" anchors at the start of the text and "\n" must
 // be a real line feed in the text.
-static const char* const kPatterns[ZOV_QUILLSET_NUM_REGEX] = {
+static const char* const kPatterns[RX_COUNT] = {
     /* 0 */ "HBA UID:[[:space:]]+([^[:space:]].*)\n",
     /* 1 */ "Server Name:[[:space:]]+([^[:space:]].*)\n",
     /* 2 */ "Server IP Address:[[:space:]]+([^[:space:]].*)\n",
@@ -175,20 +178,123 @@ SSError* zov_quillset::init(std::vector<std::string>& ipaddrs, attrlist* attrs) 
     m_volMapInited = 0;
     m_attrlist = attrs;
 
-    if (GetTilloCliExe().empty())
-        return m_e.tellerrLvl(5, kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                              "%s: Unable to locate %s in standard locations.", fname, "tillocli");
-    return nullptr;
+    std::string tool;
+    return locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname, ToolMiss::errorAt(5));
+}
+
+// ---------------------------------------------------------------- tools
+
+std::string zov_quillset::GetTilloCliExe() {
+    m_e.logprintf(7, kFile, __LINE__, "Entering zov_quillset::GetTilloCliExe");
+    if (!m_tilloscli.empty()) return m_tilloscli;
+
+    // The secure tool reads its credential file under HOME, which a loader
+    // started by a service manager may not have.
+    static bool first_time = true;
+    if (first_time) {
+        first_time = false;
+        const char* home = kv_getenv("HOME");
+        if (home != nullptr && *home != '\0') {
+            m_e.logprintf(5, kFile, __LINE__, "HOME already set to [%s]", home);
+        } else {
+            struct passwd* pw = kv_ts_getpwuid(geteuid());
+            if (pw != nullptr && pw->pw_dir != nullptr && pw->pw_dir[0] != '\0') {
+                std::string buf = std::string("HOME=") + pw->pw_dir;
+                // An overlong home directory is cut where the assignment's
+                // buffer has always ended.
+                if (buf.size() > 12287) buf.resize(12287);
+                char* assignment = strdup(buf.c_str());
+                if (assignment != nullptr) kv_putenv(assignment);  // kept by the environment
+                m_e.logprintf(5, kFile, __LINE__, "Setting HOME from getpwuid() to [%s]",
+                              buf.c_str());
+            } else {
+                m_e.logprintf(5, kFile, __LINE__, "Setting HOME arbitrarily to [/]");
+                static char root_home[] = "HOME=/";
+                kv_putenv(root_home);
+            }
+        }
+    }
+    m_e.logprintf(9, kFile, __LINE__, "Using TILLOSECCLI");
+    m_tilloscli = m_cmdPaths.findCmdPath("tilloseccli");
+    return m_tilloscli;
+}
+
+std::string zov_quillset::GetGelmotCliExe() {
+    m_e.logprintf(7, kFile, __LINE__, "Entering zov_quillset::GetGelmotCliExe");
+    if (m_gelmot.empty()) m_gelmot = m_cmdPaths.findCmdPath("gelmot");
+    return m_gelmot;
+}
+
+std::string zov_quillset::GetPirnetCliExe() {
+    m_e.logprintf(7, kFile, __LINE__, "Entering zov_quillset::GetPirnetCliExe");
+    if (m_pirnet.empty()) m_pirnet = m_cmdPaths.findCmdPath("pirnet");
+    return m_pirnet;
+}
+
+// The name each tool goes by in the "Unable to locate" message.
+static const char* tool_word(ZovTool tool) {
+    switch (tool) {
+    case ZOV_TOOL_TILLO: return "tillocli";
+    case ZOV_TOOL_GELMOT: return "gelmot";
+    case ZOV_TOOL_PIRNET: return "pirnet";
+    case ZOV_TOOL_HADRIX: return "hadrix";
+    case ZOV_TOOL_FENLOK: return "fenlok";
+    }
+    return "";
+}
+
+SSError* zov_quillset::locateTool(std::string& path, ZovTool tool, const char* file, int line,
+                                  const char* fname, const ToolMiss& how) {
+    switch (tool) {
+    case ZOV_TOOL_TILLO: path = GetTilloCliExe(); break;
+    case ZOV_TOOL_GELMOT: path = GetGelmotCliExe(); break;
+    case ZOV_TOOL_PIRNET: path = GetPirnetCliExe(); break;
+    case ZOV_TOOL_HADRIX: path = m_cmdPaths.findCmdPath("hadrix"); break;
+    case ZOV_TOOL_FENLOK: path = m_cmdPaths.findCmdPath("fenlok"); break;
+    }
+    if (!path.empty()) return nullptr;
+    return reportMissingTool(tool, file, line, fname, how);
+}
+
+SSError* zov_quillset::reportMissingTool(ZovTool tool, const char* file, int line,
+                                         const char* fname, const ToolMiss& how) {
+    static const char* const kMissing = "%s: Unable to locate %s in standard locations.";
+    const char* word = how.word != nullptr ? how.word : tool_word(tool);
+    if (how.lineLevel != ToolMiss::kNone)
+        m_e.logprintf(how.lineLevel, file, line, kMissing, fname, word);
+    if (how.errorLevel == ToolMiss::kNone) return nullptr;
+    return m_e.tellerrLvl(how.errorLevel, file, line, nullptr, SS_EC_INVALID_CONFIGURATION,
+                          kMissing, fname, word);
+}
+
+SSError* zov_quillset::esv_spawn(Pipe* pp, int* pidp, const char* format, ...) {
+    static const char* const fname = "zov_quillset::esv_spawn";
+    m_e.logprintf(7, kFile, __LINE__, "Entering: %s", fname);
+
+    char* text = nullptr;
+    if (format != nullptr) {
+        va_list ap;
+        va_start(ap, format);
+        i18n_vsprintf(nullptr, &text, format, ap);
+        va_end(ap);
+    }
+    if (text == nullptr) {
+        SSError* err = m_e.generr(kFile, __LINE__, nullptr, SS_EC_INSUFFICIENT_MEMORY,
+                                  "%s: Memory allocation error", fname);
+        m_e.logprintf(3, kFile, __LINE__, "%s, command to execute is empty", fname);
+        return err;
+    }
+    SSError* err = spawn_command_line(m_e, m_PATH, pp, pidp, text);
+    free(text);
+    return err;
 }
 
 // ---------------------------------------------------------------- frames
 
 SSError* zov_quillset::listFromEachFrame(const char* file, int line, const char* fname,
                                          POUTPUT_FUNC_POINTER parser, const char* args) {
-    std::string tool = GetTilloCliExe();
-    if (tool.empty())
-        return m_e.tellerr(file, line, nullptr, SS_EC_INVALID_CONFIGURATION,
-                           "%s: Unable to locate %s in standard locations.", fname, "tillocli");
+    std::string tool;
+    if (SSError* err = locateTool(tool, ZOV_TOOL_TILLO, file, line, fname)) return err;
     return perIpAddr(false, parser, tool, args, std::vector<std::string>());
 }
 
@@ -217,29 +323,34 @@ SSError* zov_quillset::perIpAddr(bool TilSuccess, POUTPUT_FUNC_POINTER processOu
             return nullptr;
         }
 
-        Pipe pipe(m_fpLog, m_logCtx);
-        err = pipe.init();
-        if (err != nullptr) return err;
-
-        int pid = -1;
-        // The line is a format to the spawner; a percent sign in a name must
-        // not become a conversion that reads a missing argument.
-        err = esv_spawn(&pipe, &pid, "%s", gw_format_one(fullcmd, nullptr).c_str());
-        if (err != nullptr) return err;
-
-        pipe.pclose(pipe.getwrite_fd());
-        FILE* stream = pipe.getread_strm();
-        m_e.logprintf(9, kFile, __LINE__, "%s: ip addr [%s]", "perIpAddr", ipaddr.c_str());
-
-        if (stream != nullptr) err = (this->*processOutput)(stream, ipaddr);
-        // A parser that stopped early must not leave the child blocked on a
-        // full pipe: closing the read end lets it end before we wait.
-        pipe.pclose(pipe.getread_fd());
-        int wstatus = 0;
-        waitchild(pid, &wstatus, 0);
+        bool spawned = false;
+        // The line is a format to the spawner, with "%%" for a percent sign;
+        // no conversion in a name may read a missing argument.
+        err = runCommand(gw_format_one(fullcmd, nullptr), [&](FILE* stream) -> SSError* {
+            spawned = true;
+            m_e.logprintf(9, kFile, __LINE__, "%s: ip addr [%s]", "perIpAddr", ipaddr.c_str());
+            return stream != nullptr ? (this->*processOutput)(stream, ipaddr) : nullptr;
+        });
+        if (!spawned) return err;
 
         if (TilSuccess ? err == nullptr : err != nullptr) break;
     }
+    return err;
+}
+
+SSError* zov_quillset::runCommand(const std::string& fullcmd,
+                                  const std::function<SSError*(FILE*)>& read) {
+    Pipe pipe(m_fpLog, m_logCtx);
+    SSError* err = pipe.init();
+    if (err != nullptr) return err;
+    int pid = -1;
+    err = esv_spawn(&pipe, &pid, "%s", fullcmd.c_str());
+    if (err != nullptr) return err;
+    pipe.pclose(pipe.getwrite_fd());
+    err = read(pipe.getread_strm());
+    pipe.pclose(pipe.getread_fd());
+    int wstatus = 0;
+    waitchild(pid, &wstatus, 0);
     return err;
 }
 
@@ -279,25 +390,7 @@ std::string rxgroup(const std::string& text, const regmatch_t& m) {
 
 // ---------------------------------------------------------------- lines
 
-int zov_quillset::lfgets(std::string& buf, FILE* stream) {
-    buf.clear();
-    if (stream == nullptr) return 0;
-    char line[1024];
-    for (int attempt = 0; attempt <= 10; attempt++) {
-        memset(line, 0, sizeof(line));
-        errno = 0;
-        if (kv_fgets(line, sizeof(line), stream) != nullptr) {
-            buf = line;
-            return 1;
-        }
-        if (feof(stream)) return 0;
-        if (errno != EINTR) return 0;
-        if (attempt == 10) break;
-        clearerr(stream);
-        kv_thread_sleep(1000);
-    }
-    return 0;
-}
+int zov_quillset::lfgets(std::string& buf, FILE* stream) { return read_child_line(buf, stream); }
 
 // ---------------------------------------------------------------- hosts
 
@@ -417,7 +510,7 @@ static bool lock_names_path(int fd, const std::string& path) {
 static std::string lock_path() {
     const std::string dir = g_lockdir_override.empty() ? "/vmr/tmp" : g_lockdir_override;
     char path[12288];
-    snprintf(path, sizeof(path), "%s/%s", dir.c_str(), LOCK_FILE);
+    kv_snprintf(path, sizeof(path), "%s/%s", dir.c_str(), LOCK_FILE);
     return path;
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "liblocal/kv_msg.h"
 #include "liblocal/kv_spawn.h"
 #include "liblocal/kv_thread.h"
 #include "liblocal/kv_time.h"
@@ -37,12 +38,11 @@ static std::string chop_last(const std::string& s) {
 
 SSError* zov_quillset::startsession(snapdevice& sd) {
     const char* fname = "zov_quillset::startsession";
-    std::string tool = GetTilloCliExe();
-    if (tool.empty())
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                           "%s: Unable to locate %s in standard locations.", fname, "tillocli");
+    std::string tool;
+    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname))
+        return missing;
     std::vector<char> args(sd.sessionId.size() + 57);
-    snprintf(args.data(), args.size(), " quillset -startsession %s -lun %d -persistence",
+    kv_snprintf(args.data(), args.size(), " quillset -startsession %s -lun %d -persistence",
              sd.sessionId.c_str(), sd.srcDev.merllun);
     SSError* err = perIpAddr(true, &zov_quillset::processStart, tool, args.data(),
                              std::vector<std::string>());
@@ -67,7 +67,7 @@ SSError* zov_quillset::processStart(FILE* stream, const std::string& ipaddr) {
     while (lfgets(line, stream)) {
         output.push_back(line);
         // The tool's words for a started session are the only sign of success.
-        if (rx(m_cp[23], line)) sessionStarted = true;
+        if (rx(m_cp[RX_MUST_ACTIVATE], line)) sessionStarted = true;
     }
     m_e.logprintf(9, kFile, __LINE__, "%s: processed %d lines", fname, (int)output.size());
     if (sessionStarted) return nullptr;
@@ -79,10 +79,10 @@ SSError* zov_quillset::processStart(FILE* stream, const std::string& ipaddr) {
 
 SSError* zov_quillset::stopsession(snapdevice& sd) {
     const char* fname = "zov_quillset::stopsession";
-    std::string tool = GetTilloCliExe();
-    if (tool.empty())
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                           "%s: Unable to locate %s in standard locations.", fname, "gelmot");
+    std::string tool;
+    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname,
+                                      ToolMiss().shown("gelmot")))
+        return missing;
     Pipe pipe(m_fpLog, m_logCtx);
     SSError* err = pipe.init();
     if (err) return err;
@@ -133,7 +133,7 @@ SSError* zov_quillset::processSessionNames(FILE* stream, const std::string& ipad
     while (lfgets(line, stream)) {
         lines++;
         last = line;
-        if (rx(m_cp[19], line, pm, 2)) {
+        if (rx(m_cp[RX_SESSION_NAME], line, pm, 2)) {
             m_e.logprintf(9, kFile, __LINE__, "Entering: %s the current line is [%s]", fname,
                           line.c_str());
             m_sessionList.push_back(rx_group(line, pm[1]));
@@ -196,9 +196,7 @@ SSError* zov_quillset::activatesession(snapdevice& sd) {
     m_e.logprintf(9, kFile, __LINE__,
                   "Entering %s:  and looking to activate [%s], tempSnapDevice [%s].", fname,
                   sd.sessionId.c_str(), tempSnapDevice.c_str());
-    if (cmd.empty())
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                           "%s: Unable to locate %s in standard locations.", fname, "gelmot");
+    if (cmd.empty()) return reportMissingTool(ZOV_TOOL_GELMOT, kFile, __LINE__, fname);
     int pid = -1, status = 0;
     {
         Pipe pipe(m_fpLog, m_logCtx);
@@ -246,7 +244,7 @@ void zov_quillset::processActivate(FILE* stream, snapdevice& sd) {
     regmatch_t pm[2];
     while (lfgets(line, stream)) {
         output.push_back(line);
-        if (rx(m_cp[22], line, pm, 2)) {
+        if (rx(m_cp[RX_ACTIVATED], line, pm, 2)) {
             sd.dstName = rx_group(line, pm[1]);
             char so = (pm[1].rm_so >= 0 && (size_t)pm[1].rm_so < line.size()) ? line[pm[1].rm_so] : ' ';
             char eo = (pm[1].rm_eo >= 0 && (size_t)pm[1].rm_eo < line.size()) ? line[pm[1].rm_eo] : ' ';
@@ -262,10 +260,9 @@ void zov_quillset::processActivate(FILE* stream, snapdevice& sd) {
 
 SSError* zov_quillset::deactivatesession(snapdevice& sd) {
     const char* fname = "zov_quillset::deactivatesession";
-    std::string cmd = GetGelmotCliExe();
-    if (cmd.empty())
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                           "%s: Unable to locate %s in standard locations.", fname, "gelmot");
+    std::string cmd;
+    if (SSError* missing = locateTool(cmd, ZOV_TOOL_GELMOT, kFile, __LINE__, fname))
+        return missing;
     for (int loop = 0; loop < kDeactivateTries; loop++) {
         int pid = -1, status = 0;
         SSError* err = nullptr;
@@ -299,7 +296,7 @@ SSError* zov_quillset::processDeactivate(FILE* stream, snapdevice& sd) {
     std::string line;
     while (lfgets(line, stream)) {
         output.push_back(line);
-        if (rx(m_cp[25], line)) sessionDeactivated = true;
+        if (rx(m_cp[RX_DEACTIVATED], line)) sessionDeactivated = true;
     }
     m_e.logprintf(9, kFile, __LINE__, "%s: processed %d lines", fname, (int)output.size());
     if (sessionDeactivated) {
@@ -318,15 +315,12 @@ SSError* zov_quillset::processDeactivate(FILE* stream, snapdevice& sd) {
 SSError* zov_quillset::rollbacksession(snapdevice& sd) {
     const char* fname = "zov_quillset::rollbacksession";
     m_e.logprintf(7, kFile, __LINE__, "Entering: %s", fname);
-    std::string tool = GetTilloCliExe();
-    if (tool.empty()) {
-        m_e.logprintf(0, kFile, __LINE__, "%s: Unable to locate %s in standard locations.", fname,
-                      "tillocli");
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                           "%s: Unable to locate %s in standard locations.", fname, "tillocli");
-    }
+    std::string tool;
+    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname,
+                                      ToolMiss::lineThenError(0)))
+        return missing;
     std::vector<char> args(sd.sessionId.size() + 45);
-    snprintf(args.data(), args.size(), " quillset -startrollback %s -rate medium -o",
+    kv_snprintf(args.data(), args.size(), " quillset -startrollback %s -rate medium -o",
              sd.sessionId.c_str());
     SSError* err = perIpAddr(true, &zov_quillset::processRollback, tool, args.data(),
                              std::vector<std::string>());

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "liblocal/kv_host.h"
+#include "liblocal/kv_msg.h"
 #include "liblocal/kv_spawn.h"
 #include "storage/ssm/merlode/cli/line_match.h"
 #include "storage/ssm/merlode/cli/zov_quillset.h"
@@ -93,10 +94,10 @@ static void walk_port_list(zov_quillset& q, FILE* stream, const std::string& ipa
         lines++;
         switch (parseState) {
         case 0:
-            if (rx(q.m_cp[0], line, pm, forMountHost ? 1 : 2)) parseState = 1;
+            if (rx(q.m_cp[RX_HBA_UID], line, pm, forMountHost ? 1 : 2)) parseState = 1;
             break;
         case 1:
-            if (rx(q.m_cp[1], line, pm, 2)) {
+            if (rx(q.m_cp[RX_SERVER_NAME], line, pm, 2)) {
                 std::string server = rx_group(line, pm[1]);
                 if (!forMountHost) {
                     parseState = is_myname(server.c_str()) ? 2 : 0;
@@ -111,30 +112,30 @@ static void walk_port_list(zov_quillset& q, FILE* stream, const std::string& ipa
             }
             break;
         case 2:
-            if (rx(q.m_cp[2], line, pm, 2)) parseState = 3;
+            if (rx(q.m_cp[RX_SERVER_IP], line, pm, 2)) parseState = 3;
             break;
         case 3:
-            if (rx(q.m_cp[3], line)) parseState = 4;
+            if (rx(q.m_cp[RX_PORT_INFO], line)) parseState = 4;
             break;
         case 4:
-            if (rx(q.m_cp[5], line, pm, 2)) {
+            if (rx(q.m_cp[RX_HBA_DEVNAME], line, pm, 2)) {
                 deviceName = rx_group(line, pm[1]);
                 q.m_e.logprintf(7, kFile, __LINE__, "%s: Found the device name [%s]", fname,
                                 deviceName.c_str());
                 parseState = 5;
-            } else if (rx(q.m_cp[4], line)) {
+            } else if (rx(q.m_cp[RX_HBA_INFO], line)) {
                 parseState = 0;
             }
             break;
         case 5:
-            if (rx(q.m_cp[6], line, pm, 2)) {
+            if (rx(q.m_cp[RX_PORT_SG_NAME], line, pm, 2)) {
                 std::string stgName = cleaned(rx_group(line, pm[1]));
                 q.m_e.logprintf(7, kFile, __LINE__, "%s: Found the storage group name [%s]", fname,
                                 stgName.c_str());
                 q.add_storagegroup(ipaddr, deviceName, stgName);
                 ipIsWorthWhile = 1;
                 parseState = 4;
-            } else if (rx(q.m_cp[4], line)) {
+            } else if (rx(q.m_cp[RX_HBA_INFO], line)) {
                 q.m_e.logprintf(7, kFile, __LINE__, "%s: strange behavior in tillocli output",
                                 fname);
                 parseState = 0;
@@ -178,10 +179,10 @@ SSError* zov_quillset::processStorageList(FILE* stream, const std::string& ipadd
     while (lfgets(line, stream)) {
         lines++;
         // "Shareable:" closes a group's listing, wherever the machine stood.
-        if (rx(m_cp[11], line)) parseState = 0;
+        if (rx(m_cp[RX_SHAREABLE], line)) parseState = 0;
         switch (parseState) {
         case 0:
-            if (rx(m_cp[7], line, pm, 2)) {
+            if (rx(m_cp[RX_SG_NAME], line, pm, 2)) {
                 stgName = cleaned(rx_group(line, pm[1]));
                 for (const storagegroup& sg : m_storagegrouplist) {
                     if (sg.stgName == stgName) {
@@ -194,16 +195,16 @@ SSError* zov_quillset::processStorageList(FILE* stream, const std::string& ipadd
             }
             break;
         case 1:
-            if (rx(m_cp[55], line, pm, 2)) parseState = 2;
+            if (rx(m_cp[RX_SG_UID], line, pm, 2)) parseState = 2;
             break;
         case 2:
-            if (rx(m_cp[8], line)) parseState = 3;
+            if (rx(m_cp[RX_HLU_ALU_HEADER], line)) parseState = 3;
             break;
         case 3:
-            if (rx(m_cp[9], line)) parseState = 4;
+            if (rx(m_cp[RX_DASH_RULE], line)) parseState = 4;
             break;
         case 4:
-            if (rx(m_cp[10], line, pm, 3)) {
+            if (rx(m_cp[RX_HLU_ALU_ROW], line, pm, 3)) {
                 zov_text::scan_i(rx_group(line, pm[1]), hlu);
                 zov_text::scan_i(rx_group(line, pm[2]), alu);
                 for (auto it = m_storagegrouplist.begin(); it != m_storagegrouplist.end(); ++it) {
@@ -230,13 +231,13 @@ SSError* zov_quillset::processStorageList(FILE* stream, const std::string& ipadd
             }
             break;
         case 5:
-            if (rx(m_cp[57], line)) parseState = 6;
+            if (rx(m_cp[RX_HLU_NO], line)) parseState = 6;
             break;
         case 6:
-            if (rx(m_cp[9], line)) parseState = 7;
+            if (rx(m_cp[RX_DASH_RULE], line)) parseState = 7;
             break;
         case 7:
-            if (rx(m_cp[58], line, pm, 2)) {
+            if (rx(m_cp[RX_HLU_WWN_ROW], line, pm, 2)) {
                 zov_text::scan_i(rx_group(line, pm[1]), hlu);
                 for (auto it = m_storagegrouplist.begin(); it != m_storagegrouplist.end(); ++it) {
                     if (it->stgName == stgName) add_hlualu(it, hlu, kNoAlu);
@@ -252,13 +253,10 @@ SSError* zov_quillset::processStorageList(FILE* stream, const std::string& ipadd
 SSError* zov_quillset::getStorageGroupLunList(std::string mover, std::vector<std::string>& list) {
     const char* fname = "zov_quillset::getStorageGroupLunList";
     (void)list;  // the groups land in m_storagegrouplist; callers read them there
-    std::string tool = GetTilloCliExe();
-    if (tool.empty()) {
-        m_e.logprintf(0, kFile, __LINE__, "%s: Unable to locate %s in standard locations.", fname,
-                      "tillocli");
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                           "%s: Unable to locate %s in standard locations.", fname, "tillocli");
-    }
+    std::string tool;
+    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname,
+                                      ToolMiss::lineThenError(0)))
+        return missing;
     m_e.logprintf(7, kFile, __LINE__, "Entering: %s", fname);
     std::string ipaddr;
     if (getIpAddr(mover, ipaddr) != 0)
@@ -272,13 +270,10 @@ SSError* zov_quillset::getStorageGroupLunList(std::string mover, std::vector<std
 SSError* zov_quillset::getStorageGroupUID(std::string host, std::string& uid) {
     const char* fname = "zov_quillset::getStorageGroupUID";
     (void)host;  // the group is found by this host's own name
-    std::string tool = GetTilloCliExe();
-    if (tool.empty()) {
-        m_e.logprintf(0, kFile, __LINE__, "%s: Unable to locate %s in standard locations.", fname,
-                      "tillocli");
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                           "%s: Unable to locate %s in standard locations.", fname, "tillocli");
-    }
+    std::string tool;
+    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname,
+                                      ToolMiss::lineThenError(0)))
+        return missing;
     SSError* err = perIpAddr(false, &zov_quillset::processMoverUID, tool,
                              " storagegroup -list -host", std::vector<std::string>());
     if (err) {
@@ -312,23 +307,23 @@ SSError* zov_quillset::processMoverUID(FILE* stream, const std::string& ipaddr) 
     while (lfgets(line, stream)) {
         lines++;
         if (found) continue;  // the rest is read so the child never blocks
-        if (rx(m_cp[11], line)) parseState = 0;
+        if (rx(m_cp[RX_SHAREABLE], line)) parseState = 0;
         switch (parseState) {
         case 0:
-            if (rx(m_cp[7], line, pm, 2)) {
+            if (rx(m_cp[RX_SG_NAME], line, pm, 2)) {
                 stgName = cleaned(rx_group(line, pm[1]));
                 parseState = 1;
             }
             break;
         case 1:
-            if (rx(m_cp[55], line, pm, 2)) {
+            if (rx(m_cp[RX_SG_UID], line, pm, 2)) {
                 // The pattern runs to the line's end; the UID is used without it.
                 tempMoverUID = cleaned(rx_group(line, pm[1]));
                 parseState = 2;
             }
             break;
         case 2:
-            if (rx(m_cp[56], line, pm, 2)) {
+            if (rx(m_cp[RX_HOST_NAME], line, pm, 2)) {
                 char tempHostname[128];
                 memset(tempHostname, 0, sizeof(tempHostname));
                 std::string h = rx_group(line, pm[1]);
@@ -380,18 +375,15 @@ SSError* zov_quillset::addCloneToStorageGroup(std::string gname, int alu) {
     ignored = ncli_storagegrouplist();
     delete ignored;
 
-    SSError* err = nullptr;
-    std::string tool = GetTilloCliExe();
-    if (tool.empty()) {
-        err = m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                          "%s: Unable to locate %s in standard locations.", fname, "tillocli");
-    } else if (m_storagegrouplist.empty()) {
+    std::string tool;
+    SSError* err = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname);
+    if (err == nullptr && m_storagegrouplist.empty()) {
         m_e.logprintf(3, kFile, __LINE__,
                       "The storage group list is not populated. This is a critical error and "
                       "Merlode SCM will fail.");
         err = m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR, "%s: Unknown exception",
                           fname);
-    } else {
+    } else if (err == nullptr) {
         // One pass over the pairs as listed, not a search for a free number:
         // it stays so.
         int hluVal = 1;
@@ -401,11 +393,12 @@ SSError* zov_quillset::addCloneToStorageGroup(std::string gname, int alu) {
         if (hluVal >= kMaxHlu) {
             m_e.logprintf(9, kFile, __LINE__, "%s Exceeded the number of LUNs per hosts. HLUVAL[%d]",
                           fname, hluVal);
-            err = m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                              "%s: Unable to locate %s in standard locations.", fname, "tillocli");
+            // A full group is reported with the missing-tool text, as it
+            // always has been.
+            err = reportMissingTool(ZOV_TOOL_TILLO, kFile, __LINE__, fname);
         } else {
             std::vector<char> args(gname.size() + 58);
-            snprintf(args.data(), args.size(), " storagegroup -addhlu -gname %s -hlu %d -alu %d ",
+            kv_snprintf(args.data(), args.size(), " storagegroup -addhlu -gname %s -hlu %d -alu %d ",
                      gname.c_str(), hluVal, alu);
             err = perIpAddr(true, &zov_quillset::processAddHluAlu, tool, args.data(),
                             std::vector<std::string>());
@@ -438,13 +431,10 @@ SSError* zov_quillset::removeCloneFromStorageGroup(std::string gname, int alu) {
                       fname);
         return nullptr;
     }
-    std::string tool = GetTilloCliExe();
-    if (tool.empty()) {
-        m_e.logprintf(0, kFile, __LINE__, "%s: Unable to locate %s in standard locations.", fname,
-                      "tillocli");
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                           "%s: Unable to locate %s in standard locations.", fname, "tillocli");
-    }
+    std::string tool;
+    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname,
+                                      ToolMiss::lineThenError(0)))
+        return missing;
     // Each hit ends only the walk of its own row, so the last row's first
     // hit is the one used.
     int hluVal = -1;
@@ -466,7 +456,7 @@ SSError* zov_quillset::removeCloneFromStorageGroup(std::string gname, int alu) {
             return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
                                "%s: Unknown exception", fname);
         std::vector<char> args(gname.size() + 58);
-        snprintf(args.data(), args.size(), " storagegroup -removehlu -gname %s -hlu %d -o",
+        kv_snprintf(args.data(), args.size(), " storagegroup -removehlu -gname %s -hlu %d -o",
                  gname.c_str(), hluVal);
         m_e.logprintf(9, kFile, __LINE__, "%s : string to execute", args.data());
         err = perIpAddr(true, &zov_quillset::processAddHluAlu, tool, args.data(),

@@ -5,6 +5,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -25,18 +26,30 @@ static void drain(zov_quillset& q, FILE* stream) {
     }
 }
 
-// Runs one "server ..." command of the map against one frame. The caller
-// reads `pipe` and then waits for `pid`.
-static SSError* start_server_cmd(zov_quillset& q, Pipe& pipe, int& pid, const std::string& tool,
-                                 const std::string& addr, const char* what,
-                                 const std::string& hostaddr, const char* tail) {
-    SSError* err = pipe.init();
+// The two commands of the map on one frame, one after the other: the
+// refresh, whose first line (when there is one) goes to `onUpdate` before
+// the rest is read off, and the map itself, read by `readMap`. An error of a
+// pipe or a spawn ends it and comes back.
+static SSError* refresh_and_read_map(zov_quillset& q, const std::string& tool,
+                                     const std::string& addr, const std::string& hostaddr,
+                                     const std::function<void(const std::string&)>& onUpdate,
+                                     const std::function<void(FILE*)>& readMap) {
+    const std::string server = tool + " -h " + addr + " server ";
+    SSError* err = q.runCommand(server + "-update -host " + hostaddr + " -rescanDevices -o",
+                                [&](FILE* out) -> SSError* {
+                                    std::string first;
+                                    if (q.lfgets(first, out)) {
+                                        onUpdate(first);
+                                        drain(q, out);
+                                    }
+                                    return nullptr;
+                                });
     if (err) return err;
-    err = q.esv_spawn(&pipe, &pid, "%s -h %s server %s -host %s %s", tool.c_str(), addr.c_str(),
-                      what, hostaddr.c_str(), tail);
-    if (err) return err;
-    pipe.pclose(pipe.getwrite_fd());
-    return nullptr;
+    return q.runCommand(server + "-volmap -host " + hostaddr + " -local",
+                        [&](FILE* out) -> SSError* {
+                            readMap(out);
+                            return nullptr;
+                        });
 }
 
 // A "LOGICAL UNIT WWN:" row of the map: the WWN without its colons goes to
@@ -63,6 +76,63 @@ static void note_lun_wwn(zov_quillset& q, const char* fname, const std::string& 
     }
 }
 
+// The block of the map being read. Both readers walk the map the same way
+// (walk_volmap): a "Device Id:" line anywhere throws away what the last
+// block left behind, and in each state only a line holding that state's
+// keyword counts.
+struct VolMapBlock {
+    Hadrix pmt;
+    ArrayLunUID arrLUNUID;
+    int found = 0, haveLogical = 0, havePseudo = 0;
+    int parseState = 0;
+
+    VolMapBlock() { pmt.arrayLun = -1; }
+    void restart() {
+        pmt.patharray.clear();
+        pmt.arrayLun = -1;
+        found = haveLogical = havePseudo = 0;
+        parseState = 0;
+    }
+    // A device name is also the device's one path.
+    void takeDeviceName(const std::string& name) {
+        pmt.deviceName = name;
+        ArrayLun path;
+        path.pathname = name;
+        path.alive = 1;
+        pmt.patharray.push_back(path);
+        havePseudo = 1;
+    }
+    // The capacity line ends a block: the device is kept when the block was
+    // whole. Either way the next block starts from nothing.
+    bool finish(zov_quillset& q, const char* fname, const std::string& line, int level) {
+        pmt.lunSize = value_after_colon(line);
+        bool kept = found && haveLogical && havePseudo;
+        if (kept) {
+            q.m_e.logprintf(level, kFile, __LINE__, "%s: Saving ArrayLun [%d] structure.", fname,
+                            pmt.arrayLun);
+            q.m_volMapList.push_back(pmt);
+            pmt.patharray.clear();
+        }
+        return kept;
+    }
+};
+
+// Feeds `step` each line of the map that holds the keyword its block is
+// waiting for (keys[parseState]); returns the number of lines read.
+static int walk_volmap(zov_quillset& q, FILE* stream, VolMapBlock& b, const char* const* keys,
+                       int nkeys, const std::function<void(const std::string&)>& step) {
+    int lines = 0;
+    std::string line;
+    while (q.lfgets(line, stream)) {
+        lines++;
+        if (line.find("Device Id:") != std::string::npos) b.restart();
+        if (b.parseState >= 0 && b.parseState < nkeys &&
+            line.find(keys[b.parseState]) != std::string::npos)
+            step(line);
+    }
+    return lines;
+}
+
 SSError* zov_quillset::initVolMap(std::string passSrcDev) {
     const char* fname = "zov_quillset::initVolMap";
     m_e.logprintf(7, kFile, __LINE__, "Entering: %s", fname);
@@ -74,10 +144,9 @@ SSError* zov_quillset::initVolMap(std::string passSrcDev) {
                       (int)err->getErrCode());
         return err;
     }
-    std::string tool = GetTilloCliExe();
-    if (tool.empty())
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                           "%s: Unable to locate %s in standard locations.", fname, "tillocli");
+    std::string tool;
+    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname))
+        return missing;
     m_e.logprintf(9, kFile, __LINE__, "%s: Getting Merlode LUN Info.", fname);
     char hostbuf[64];
     memset(hostbuf, 0, sizeof(hostbuf));
@@ -94,14 +163,10 @@ SSError* zov_quillset::initVolMap(std::string passSrcDev) {
     const std::vector<std::string> frames = m_ipaddrlist;
     for (size_t i = 0; i < frames.size(); i++) {
         bool IpList = (i + 1 == frames.size());
-        int pid = -1, status = 0;
-        {
-            Pipe upd(m_fpLog, m_logCtx);
-            err = start_server_cmd(*this, upd, pid, tool, frames[i], "-update", hostaddr,
-                                   "-rescanDevices -o");
-            if (err) return err;
-            std::string first;
-            if (lfgets(first, upd.getread_strm())) {
+        std::string deviceId;
+        err = refresh_and_read_map(
+            *this, tool, frames[i], hostaddr,
+            [&](const std::string& first) {
                 std::vector<char> low(first.begin(), first.end());
                 low.push_back('\0');
                 for (char& c : low) c = (char)tolower((unsigned char)c);
@@ -127,19 +192,9 @@ SSError* zov_quillset::initVolMap(std::string passSrcDev) {
                                                   fname);
                     delete dropped;
                 }
-                drain(*this, upd.getread_strm());
-            }
-        }
-        waitchild(pid, &status, 0);
-
-        std::string deviceId;
-        {
-            Pipe vm(m_fpLog, m_logCtx);
-            err = start_server_cmd(*this, vm, pid, tool, frames[i], "-volmap", hostaddr, "-local");
-            if (err) return err;
-            deviceId = processInitVolMap(vm.getread_strm(), passSrcDev);
-        }
-        waitchild(pid, &status, 0);
+            },
+            [&](FILE* map) { deviceId = processInitVolMap(map, passSrcDev); });
+        if (err) return err;
         if (deviceId.empty() && IpList) {
             m_e.logprintf(3, kFile, __LINE__, "%s: Unable to find information about [%s]", fname,
                           passSrcDev.c_str());
@@ -159,114 +214,80 @@ std::string zov_quillset::processInitVolMap(FILE* stream, std::string src) {
                   "%s: Entering and looking for a Merlode association to our LUN [%s] ", fname,
                   srcNode.c_str());
     const bool wizard = (src == CONFIGWIZARD);
-    Hadrix pmt;
-    pmt.arrayLun = -1;
-    ArrayLunUID arrLUNUID;
+    static const char* const kKeys[] = {"Device Id:",         "Device Name:",
+                                        "Device Mapping:",    "LOGICAL UNIT WWN:",
+                                        "LOGICAL UNIT NUMBER:", "Trespassed:",
+                                        "LUN Capacity(Blocks):"};
+    VolMapBlock b;
     std::string mountPt;
-    int found = 0, haveLogical = 0, havePseudo = 0;
-    int parseState = 0;
-    int lines = 0;
-    std::string line;
-    while (lfgets(line, stream)) {
-        lines++;
-        // A new block starts over, whatever the last one left behind.
-        if (line.find("Device Id:") != std::string::npos) {
-            pmt.patharray.clear();
-            pmt.arrayLun = -1;
-            found = haveLogical = havePseudo = 0;
-            parseState = 0;
-        }
-        switch (parseState) {
+    int lines = walk_volmap(*this, stream, b, kKeys, 7, [&](const std::string& line) {
+        switch (b.parseState) {
         case 0:
-            if (line.find("Device Id:") != std::string::npos) {
-                pmt.pseudoNm = value_after_colon(line);
-                found = 1;
-                parseState = 1;
+            b.pmt.pseudoNm = value_after_colon(line);
+            b.found = 1;
+            b.parseState = 1;
+            break;
+        case 1: {
+            std::string v = value_after_colon(line);
+            m_e.logprintf(9, kFile, __LINE__, "%s: Trying to match srcNode [%s] and deviceName[%s]",
+                          fname, srcNode.c_str(), v.c_str());
+            if (v == srcNode || wizard) {
+                m_e.logprintf(7, kFile, __LINE__, "%s: Found source LUN [%s]", fname, v.c_str());
+                b.takeDeviceName(v);
+                m_e.logprintf(7, kFile, __LINE__,
+                              "%s: Found the deviceName [%s] associated with the source backup "
+                              "object [%s].",
+                              fname, v.c_str(), src.c_str());
+                b.parseState = 2;
             }
             break;
-        case 1:
-            if (line.find("Device Name:") != std::string::npos) {
-                std::string v = value_after_colon(line);
-                m_e.logprintf(9, kFile, __LINE__, "%s: Trying to match srcNode [%s] and deviceName[%s]",
-                              fname, srcNode.c_str(), v.c_str());
-                if (v == srcNode || wizard) {
-                    m_e.logprintf(7, kFile, __LINE__, "%s: Found source LUN [%s]", fname,
-                                  v.c_str());
-                    pmt.deviceName = v;
-                    ArrayLun path;
-                    path.pathname = v;
-                    path.alive = 1;
-                    pmt.patharray.push_back(path);
-                    m_e.logprintf(7, kFile, __LINE__,
-                                  "%s: Found the deviceName [%s] associated with the source "
-                                  "backup object [%s].",
-                                  fname, v.c_str(), src.c_str());
-                    havePseudo = 1;
-                    parseState = 2;
-                }
-            }
-            break;
+        }
         case 2:
-            if (line.find("Device Mapping:") != std::string::npos) {
-                mountPt = value_after_colon(line);
-                m_e.logprintf(7, kFile, __LINE__, "%s: Found the mountPoint [%s].", fname,
-                              mountPt.c_str());
-                parseState = 3;
-            }
+            mountPt = value_after_colon(line);
+            m_e.logprintf(7, kFile, __LINE__, "%s: Found the mountPoint [%s].", fname,
+                          mountPt.c_str());
+            b.parseState = 3;
             break;
         case 3:
-            if (line.find("LOGICAL UNIT WWN:") != std::string::npos) {
-                note_lun_wwn(*this, fname, line, pmt, arrLUNUID);
-                haveLogical = 1;
-                parseState = 4;
-            }
+            note_lun_wwn(*this, fname, line, b.pmt, b.arrLUNUID);
+            b.haveLogical = 1;
+            b.parseState = 4;
             break;
-        case 4:
-            if (line.find("LOGICAL UNIT NUMBER:") != std::string::npos) {
-                std::string v = value_after_colon(line);
-                int num = zov_text::to_int(v);
-                m_e.logprintf(7, kFile, __LINE__,
-                              "%s: Found our device [%s] array logical unit number [%s]", fname,
-                              pmt.deviceName.c_str(), v.c_str());
-                m_e.logprintf(7, kFile, __LINE__,
-                              "%s: Found the device [%s] array logical unit number[%s][%d]", fname,
-                              pmt.deviceName.c_str(), v.c_str(), num);
-                if (wizard && !mountPt.empty()) {
-                    m_mountToLun.insert(std::make_pair(mountPt, num));
-                    parseState = 0;
-                } else {
-                    pmt.arrayLun = num;
-                    arrLUNUID.lunID = num;
-                    m_arrayLunUID.push_back(arrLUNUID);
-                    parseState = 5;
-                }
-            }
-            break;
-        case 5:
-            if (line.find("Trespassed:") != std::string::npos) {
-                if (value_after_colon(line) == "YES")
-                    m_e.logprintf(3, kFile, __LINE__,
-                                  "%s: [%s] is trespassed. Snapshot or Clone operation might fail.",
-                                  fname, pmt.deviceName.c_str());
-                parseState = 6;
-            }
-            break;
-        case 6:
-            if (line.find("LUN Capacity(Blocks):") != std::string::npos) {
-                pmt.lunSize = value_after_colon(line);
-                if (found && haveLogical && havePseudo) {
-                    m_e.logprintf(9, kFile, __LINE__, "%s: Saving ArrayLun [%d] structure.", fname,
-                                  pmt.arrayLun);
-                    m_volMapList.push_back(pmt);
-                    pmt.patharray.clear();
-                }
-                pmt.arrayLun = -1;
-                found = haveLogical = havePseudo = 0;
-                parseState = 0;
+        case 4: {
+            std::string v = value_after_colon(line);
+            int num = zov_text::to_int(v);
+            m_e.logprintf(7, kFile, __LINE__,
+                          "%s: Found our device [%s] array logical unit number [%s]", fname,
+                          b.pmt.deviceName.c_str(), v.c_str());
+            m_e.logprintf(7, kFile, __LINE__,
+                          "%s: Found the device [%s] array logical unit number[%s][%d]", fname,
+                          b.pmt.deviceName.c_str(), v.c_str(), num);
+            if (wizard && !mountPt.empty()) {
+                m_mountToLun.insert(std::make_pair(mountPt, num));
+                b.parseState = 0;
+            } else {
+                b.pmt.arrayLun = num;
+                b.arrLUNUID.lunID = num;
+                m_arrayLunUID.push_back(b.arrLUNUID);
+                b.parseState = 5;
             }
             break;
         }
-    }
+        case 5:
+            if (value_after_colon(line) == "YES")
+                m_e.logprintf(3, kFile, __LINE__,
+                              "%s: [%s] is trespassed. Snapshot or Clone operation might fail.",
+                              fname, b.pmt.deviceName.c_str());
+            b.parseState = 6;
+            break;
+        case 6:
+            b.finish(*this, fname, line, 9);
+            b.pmt.arrayLun = -1;
+            b.found = b.haveLogical = b.havePseudo = 0;
+            b.parseState = 0;
+            break;
+        }
+    });
     if (m_volMapList.empty()) {
         m_e.logprintf(0, kFile, __LINE__, "%s: Unable to find LUN associated with source [%s]",
                       fname, src.c_str());
@@ -292,11 +313,8 @@ std::string zov_quillset::proxyCloneInitVolMap(int passCloneSrcNumber, int PPPse
         m_e.logprintf(9, kFile, __LINE__,
                       "%s: Getting Merlode LUN Info. attempt [%d] passed device [%d]", fname,
                       attempt, passCloneSrcNumber);
-        std::string tool = GetTilloCliExe();
-        if (tool.empty()) {
-            SSError* dropped = m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,
-                                           "%s: Unable to locate %s in standard locations.", fname,
-                                           "tillocli");
+        std::string tool;
+        if (SSError* dropped = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname)) {
             delete dropped;
             m_volMapInited = 0;
             return std::string();
@@ -318,37 +336,23 @@ std::string zov_quillset::proxyCloneInitVolMap(int passCloneSrcNumber, int PPPse
         if (frames.empty()) return std::string();
         for (size_t i = 0; i < frames.size(); i++) {
             bool IpList = (i + 1 == frames.size());
-            int pid = -1, status = 0;
-            {
-                Pipe upd(m_fpLog, m_logCtx);
-                SSError* err = start_server_cmd(*this, upd, pid, tool, frames[i], "-update",
-                                                hostaddr, "-rescanDevices -o");
-                if (err) {
-                    delete err;
-                    return std::string();
-                }
-                std::string first;
-                if (lfgets(first, upd.getread_strm()) && !first.empty())
-                    m_e.logprintf(9, kFile, __LINE__,
-                                  "%s: Updating the volMap command reported a warning. message "
-                                  "buffer [%s] Just continue.",
-                                  fname, first.c_str());
-                drain(*this, upd.getread_strm());
-            }
-            waitchild(pid, &status, 0);
             std::string hostDevice;
-            {
-                Pipe vm(m_fpLog, m_logCtx);
-                SSError* err = start_server_cmd(*this, vm, pid, tool, frames[i], "-volmap",
-                                                hostaddr, "-local");
-                if (err) {
-                    delete err;
-                    return std::string();
-                }
-                hostDevice =
-                    processProxyCloneInitVolMap(vm.getread_strm(), passCloneSrcNumber, PPPseudo);
+            SSError* err = refresh_and_read_map(
+                *this, tool, frames[i], hostaddr,
+                [&](const std::string& first) {
+                    if (!first.empty())
+                        m_e.logprintf(9, kFile, __LINE__,
+                                      "%s: Updating the volMap command reported a warning. "
+                                      "message buffer [%s] Just continue.",
+                                      fname, first.c_str());
+                },
+                [&](FILE* map) {
+                    hostDevice = processProxyCloneInitVolMap(map, passCloneSrcNumber, PPPseudo);
+                });
+            if (err) {
+                delete err;
+                return std::string();
             }
-            waitchild(pid, &status, 0);
             if (!hostDevice.empty()) {
                 m_volMapInited = 1;
                 return hostDevice;
@@ -362,122 +366,90 @@ std::string zov_quillset::proxyCloneInitVolMap(int passCloneSrcNumber, int PPPse
 std::string zov_quillset::processProxyCloneInitVolMap(FILE* stream, int passSrcDev, int isPseudo) {
     const char* fname = "zov_quillset::processProxyClientInitVolMap";
     m_e.logprintf(9, kFile, __LINE__, "%s: Entering. ", fname);
-    Hadrix pmt;
-    pmt.arrayLun = -1;
-    ArrayLunUID arrLUNUID;
-    int found = 0, haveLogical = 0, havePseudo = 0;
-    int parseState = 0;
-    int lines = 0;
-    std::string line;
-    while (lfgets(line, stream)) {
-        lines++;
-        if (line.find("Device Id:") != std::string::npos) {
-            pmt.patharray.clear();
-            pmt.arrayLun = -1;
-            found = haveLogical = havePseudo = 0;
-            parseState = 0;
-        }
-        switch (parseState) {
-        case 0:
-            if (line.find("Device Id:") != std::string::npos) {
-                std::string deviceId = value_after_colon(line);
-                bool pseudo = deviceId.find("hadrix") != std::string::npos;
-                // The mount host must show the clone the way the client shows
-                // its source: physical for physical, pseudo for pseudo.
-                if (isPseudo == 0 && pseudo) {
-                    m_e.logprintf(7, kFile, __LINE__,
-                                  "%s: The client source LUN is using a physical device. Found %s "
-                                  "which is a pseudo device. Skipping this device and continue "
-                                  "looking for a physical device on the Mount Host.",
-                                  fname, deviceId.c_str());
-                } else if (isPseudo == 1 && !pseudo) {
-                    m_e.logprintf(7, kFile, __LINE__,
-                                  "%s: The client source LUN is using a pseudo device. Found %s "
-                                  "which is a physical device. Skipping this device and continue "
-                                  "looking for a pseudo device on the Mount Host.",
-                                  fname, deviceId.c_str());
-                } else {
-                    pmt.pseudoNm = deviceId;
-                    m_e.logprintf(7, kFile, __LINE__,
-                                  "%s: source LUN [%s] was found in one of the Merlode listed in "
-                                  "the %s attribute list.",
-                                  fname, deviceId.c_str(), "FRAME_IP");
-                    parseState = 1;
-                }
+    static const char* const kKeys[] = {"Device Id:",           "Device Name:",
+                                        "LOGICAL UNIT WWN:",    "LOGICAL UNIT NUMBER:",
+                                        "Trespassed:",          "LUN Capacity(Blocks):"};
+    VolMapBlock b;
+    int lines = walk_volmap(*this, stream, b, kKeys, 6, [&](const std::string& line) {
+        switch (b.parseState) {
+        case 0: {
+            std::string deviceId = value_after_colon(line);
+            bool pseudo = deviceId.find("hadrix") != std::string::npos;
+            // The mount host must show the clone the way the client shows its
+            // source: physical for physical, pseudo for pseudo.
+            if (isPseudo == 0 && pseudo) {
+                m_e.logprintf(7, kFile, __LINE__,
+                              "%s: The client source LUN is using a physical device. Found %s "
+                              "which is a pseudo device. Skipping this device and continue "
+                              "looking for a physical device on the Mount Host.",
+                              fname, deviceId.c_str());
+            } else if (isPseudo == 1 && !pseudo) {
+                m_e.logprintf(7, kFile, __LINE__,
+                              "%s: The client source LUN is using a pseudo device. Found %s "
+                              "which is a physical device. Skipping this device and continue "
+                              "looking for a pseudo device on the Mount Host.",
+                              fname, deviceId.c_str());
+            } else {
+                b.pmt.pseudoNm = deviceId;
+                m_e.logprintf(7, kFile, __LINE__,
+                              "%s: source LUN [%s] was found in one of the Merlode listed in the "
+                              "%s attribute list.",
+                              fname, deviceId.c_str(), "FRAME_IP");
+                b.parseState = 1;
             }
             break;
+        }
         case 1:
-            if (line.find("Device Name:") != std::string::npos) {
-                pmt.deviceName = value_after_colon(line);
-                ArrayLun path;
-                path.pathname = pmt.deviceName;
-                path.alive = 1;
-                pmt.patharray.push_back(path);
-                havePseudo = 1;
-                parseState = 2;
-            }
+            b.takeDeviceName(value_after_colon(line));
+            b.parseState = 2;
             break;
         case 2:
-            if (line.find("LOGICAL UNIT WWN:") != std::string::npos) {
-                note_lun_wwn(*this, fname, line, pmt, arrLUNUID);
-                parseState = 3;
-            }
+            note_lun_wwn(*this, fname, line, b.pmt, b.arrLUNUID);
+            b.parseState = 3;
             break;
-        case 3:
-            if (line.find("LOGICAL UNIT NUMBER:") != std::string::npos) {
-                std::string v = value_after_colon(line);
-                int num = zov_text::to_int(v);
-                m_e.logprintf(5, kFile, __LINE__,
-                              "%s: Found the device [%s] array logical unit number[%s][%d]", fname,
-                              pmt.deviceName.c_str(), v.c_str(), num);
-                pmt.arrayLun = num;
-                arrLUNUID.lunID = num;
-                m_arrayLunUID.push_back(arrLUNUID);
-                if (num == passSrcDev) {
-                    m_e.logprintf(3, kFile, __LINE__,
-                                  "%s: Found the Clone Number [%d] matching our passed in value "
-                                  "[%d] in our volMap information",
-                                  fname, num, passSrcDev);
-                    haveLogical = 1;
-                    found = 1;
-                    parseState = 4;
-                } else {
-                    found = 0;
-                    parseState = 0;
-                }
-            }
-            break;
-        case 4:
-            if (line.find("Trespassed:") != std::string::npos) {
-                if (value_after_colon(line) == "YES")
-                    m_e.logprintf(3, kFile, __LINE__,
-                                  "%s: LUN [%d] is trespassed.  Snapshot or Clone operation might "
-                                  "fail.",
-                                  fname, pmt.arrayLun);
-                parseState = 5;
-            }
-            break;
-        case 5:
-            if (line.find("LUN Capacity(Blocks):") != std::string::npos) {
-                pmt.lunSize = value_after_colon(line);
-                if (found && haveLogical && havePseudo) {
-                    m_e.logprintf(5, kFile, __LINE__, "%s: Saving ArrayLun [%d] structure.", fname,
-                                  pmt.arrayLun);
-                    m_volMapList.push_back(pmt);
-                    pmt.patharray.clear();
-                } else {
-                    m_e.logprintf(5, kFile, __LINE__,
-                                  "Ignoring ArrayLun [%d] data: havePseudo[%s], haveLogical[%s], "
-                                  "found:[%s]",
-                                  pmt.arrayLun, havePseudo ? "true" : "false",
-                                  haveLogical ? "true" : "false", found ? "true" : "false");
-                }
-                found = haveLogical = havePseudo = 0;
-                parseState = 0;
+        case 3: {
+            std::string v = value_after_colon(line);
+            int num = zov_text::to_int(v);
+            m_e.logprintf(5, kFile, __LINE__,
+                          "%s: Found the device [%s] array logical unit number[%s][%d]", fname,
+                          b.pmt.deviceName.c_str(), v.c_str(), num);
+            b.pmt.arrayLun = num;
+            b.arrLUNUID.lunID = num;
+            m_arrayLunUID.push_back(b.arrLUNUID);
+            if (num == passSrcDev) {
+                m_e.logprintf(3, kFile, __LINE__,
+                              "%s: Found the Clone Number [%d] matching our passed in value [%d] "
+                              "in our volMap information",
+                              fname, num, passSrcDev);
+                b.haveLogical = 1;
+                b.found = 1;
+                b.parseState = 4;
+            } else {
+                b.found = 0;
+                b.parseState = 0;
             }
             break;
         }
-    }
+        case 4:
+            if (value_after_colon(line) == "YES")
+                m_e.logprintf(3, kFile, __LINE__,
+                              "%s: LUN [%d] is trespassed.  Snapshot or Clone operation might "
+                              "fail.",
+                              fname, b.pmt.arrayLun);
+            b.parseState = 5;
+            break;
+        case 5:
+            if (!b.finish(*this, fname, line, 5))
+                m_e.logprintf(5, kFile, __LINE__,
+                              "Ignoring ArrayLun [%d] data: havePseudo[%s], haveLogical[%s], "
+                              "found:[%s]",
+                              b.pmt.arrayLun, b.havePseudo ? "true" : "false",
+                              b.haveLogical ? "true" : "false", b.found ? "true" : "false");
+            b.found = b.haveLogical = b.havePseudo = 0;
+            b.parseState = 0;
+            break;
+        }
+    });
     if (m_volMapList.empty()) {
         m_e.logprintf(0, kFile, __LINE__, "%s: Unable to find a LUN associated with source [%d]",
                       fname, passSrcDev);

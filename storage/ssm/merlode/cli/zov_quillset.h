@@ -7,6 +7,7 @@
 #include <regex.h>
 #include <stdio.h>
 
+#include <functional>
 #include <list>
 #include <map>
 #include <string>
@@ -24,8 +25,115 @@ extern const char* const LOCK_FILE;
 // Source name that asks for the whole volume map instead of one device.
 extern const char* const CONFIGWIZARD;
 
-// Number of rows of the compiled expression table m_cp (cited by row).
-#define ZOV_QUILLSET_NUM_REGEX 59
+// Rows of the compiled expression table m_cp. The values are the row
+// numbers the table has always had (a failed compile names its row), so the
+// order never changes and rows that nothing consults stay.
+enum ZovRx {
+    RX_HBA_UID = 0,              // "HBA UID:"
+    RX_SERVER_NAME = 1,          // "Server Name:"
+    RX_SERVER_IP = 2,            // "Server IP Address:"
+    RX_PORT_INFO = 3,            // "Information about each port of this HBA:"
+    RX_HBA_INFO = 4,             // "Information about each HBA:"
+    RX_HBA_DEVNAME = 5,          // "HBA Devicename:"
+    RX_PORT_SG_NAME = 6,         // "StorageGroup Name:" of the port list
+    RX_SG_NAME = 7,              // "Storage Group Name:"
+    RX_HLU_ALU_HEADER = 8,       // "HLU Number  ALU Number"
+    RX_DASH_RULE = 9,            // a rule of dashes under a table header
+    RX_HLU_ALU_ROW = 10,         // a row of two words: HLU, ALU
+    RX_SHAREABLE = 11,           // "Shareable:"
+    RX_TARGET_LUN = 12,          // "Target Logical Unit:"
+    RX_SNAP_LUN_NAME = 13,       // "Quillset logical unit name:"
+    RX_HOSTNAME_HEADER = 14,     // "^Hostname" of the serial table
+    RX_SERIAL_DASHES = 15,       // "^--------" of the serial table
+    RX_SERIAL_ROW = 16,          // host name and serial number
+    RX_PSEUDO_NAME = 17,         // "Pseudo name=" (not consulted)
+    RX_PATH_ROW = 18,            // a multipath row (not consulted)
+    RX_SESSION_NAME = 19,        // "Name of the session:"
+    RX_PKG_NAME = 20,            // "Name of the ...:"
+    RX_PKG_REVISION = 21,        // "Revision of ...:"
+    RX_ACTIVATED = 22,           // "Activated session ... on device X."
+    RX_MUST_ACTIVATE = 23,       // "^You must activate a snapshot"
+    RX_STOPPED = 24,             // "^Stopped session" (not consulted)
+    RX_DEACTIVATED = 25,         // "^Deactivated session"
+    RX_ATF_DEVICE = 26,          // "/devices/.../atf@" (not consulted)
+    RX_CTD_FIRST = 27,           // cXtYdZ, first device of ctd_ct_match
+    RX_CTD_SECOND = 28,          // cXtYdZ, second device of ctd_ct_match
+    RX_FLUSHED = 29,             // "^Flushed object" (not consulted)
+    RX_TILLO_REVISION = 30,      // "Revision "
+    RX_GELMOT_REVISION = 31,     // "Revision number: "
+    RX_HADRIX_VERSION = 32,      // "ZOV hadrix for Hadripath (c) Version "
+    RX_COMMIT_REQUIRED = 33,     // "Commit Required:"
+    RX_ACTIVE_STATE = 34,        // "Active State:"
+    RX_CLONE_GROUP_NAME = 35,    // "Name:"
+    RX_CLONE_ID = 36,            // "CloneID:"
+    RX_CLONE_GROUP_UID = 37,     // "CloneGroupUid:"
+    RX_CLONE_STATE = 38,         // "CloneState:"
+    RX_AVAILABLE_FOR_IO = 39,    // "AvailableForIO:" (not consulted)
+    RX_SOURCES = 40,             // "Sources:"
+    RX_AGENT_REV = 41,           // "Agent Rev:" (not consulted)
+    RX_SOURCES_N = 42,           // "SourcesN" (not consulted)
+    RX_CLONES = 43,              // "Clones:"
+    RX_CLONE_CONDITION = 44,     // "CloneCondition:"
+    RX_IS_FRACTURED = 45,        // "IsFractured:"
+    RX_FAILED = 46,              // a line with "failed" inside
+    RX_LOGICAL_DEVICE_ID = 47,   // "Logical device ID=" (not consulted)
+    RX_CLONE_LUNS = 48,          // "CloneLUNs:"
+    RX_ARRAY_NAME = 49,          // "Array Name:"
+    RX_LUN_NUMBER = 50,          // "LOGICAL UNIT NUMBER"
+    RX_LUN_UID = 51,             // "UID:"
+    RX_ACTIVE_CLONE = 52,        // "name => [letter]" of the host tool's list
+    RX_SYNC_RATE = 53,           // "SyncRate:"
+    RX_CLONE_LUN_WWNS = 54,      // "CloneLUNWWNs:"
+    RX_SG_UID = 55,              // "Storage Group UID:"
+    RX_HOST_NAME = 56,           // "Host name:"
+    RX_HLU_NO = 57,              // "HLU No." of the second table form
+    RX_HLU_WWN_ROW = 58,         // a row of the second table form
+    RX_COUNT = 59
+};
+
+// Number of rows of the compiled expression table m_cp.
+#define ZOV_QUILLSET_NUM_REGEX RX_COUNT
+
+// The tools the command layer runs.
+enum ZovTool { ZOV_TOOL_TILLO, ZOV_TOOL_GELMOT, ZOV_TOOL_PIRNET, ZOV_TOOL_HADRIX, ZOV_TOOL_FENLOK };
+
+// How an operation reports a tool it cannot find: the message
+// "%s: Unable to locate %s in standard locations.", as a log line first at
+// `lineLevel`, and as the SS_EC_INVALID_CONFIGURATION error it returns,
+// logged at `errorLevel`; kNone leaves either out. `word` is the name the
+// message shows, when it is not the tool's own.
+struct ToolMiss {
+    static const int kNone = -1000;
+    int lineLevel = kNone;
+    int errorLevel = 3;
+    const char* word = nullptr;
+
+    // The error, logged at `level`.
+    static ToolMiss errorAt(int level) {
+        ToolMiss m;
+        m.errorLevel = level;
+        return m;
+    }
+    // A line at `level` first, then the error at level 3.
+    static ToolMiss lineThenError(int level) {
+        ToolMiss m;
+        m.lineLevel = level;
+        return m;
+    }
+    // Only a line at `level`; the caller goes on without an error.
+    static ToolMiss lineOnly(int level) {
+        ToolMiss m;
+        m.lineLevel = level;
+        m.errorLevel = kNone;
+        return m;
+    }
+    // The same report under another name.
+    ToolMiss shown(const char* w) const {
+        ToolMiss m = *this;
+        m.word = w;
+        return m;
+    }
+};
 
 // One LUN of a storage group.
 struct hlualu {
@@ -135,6 +243,15 @@ public:
     std::string GetTilloCliExe();
     std::string GetGelmotCliExe();
     std::string GetPirnetCliExe();
+    // The opening of every operation that runs a tool: `path` gets the
+    // tool's full path, or stays empty and the miss is reported as `how`
+    // says, under the caller's file, line and name. The error, if one is
+    // made, is the caller's.
+    SSError* locateTool(std::string& path, ZovTool tool, const char* file, int line,
+                        const char* fname, const ToolMiss& how = ToolMiss());
+    // The report alone, for an operation that looked the tool up earlier.
+    SSError* reportMissingTool(ZovTool tool, const char* file, int line, const char* fname,
+                               const ToolMiss& how = ToolMiss());
     // Starts one child for a printf-formed command line cut at blanks. With
     // `pp` its output goes there and the caller reads it (after closing its
     // write end); without, the output is drained into the log. The caller
@@ -159,6 +276,12 @@ public:
     // logged under the caller's file and line.
     SSError* listFromEachFrame(const char* file, int line, const char* fname,
                                POUTPUT_FUNC_POINTER parser, const char* args);
+    // Runs one whole command line (its text is never taken as a format) and
+    // hands its output to `read`; then the read end is closed, so that a
+    // reader that stopped early cannot leave the child blocked, and the child
+    // is reaped. An error of the pipe or the spawn comes back and `read` is
+    // not called; otherwise what `read` returns.
+    SSError* runCommand(const std::string& fullcmd, const std::function<SSError*(FILE*)>& read);
     // One line (at most 1023 bytes, line feed kept) into buf: 1, or 0 at end.
     int lfgets(std::string& buf, FILE* stream);
     // First non-loopback IPv4 address of `hostname`: 0; else -1 with
@@ -263,7 +386,7 @@ public:
     std::map<std::string, int> m_mountToLun;
     std::map<std::string, std::string> m_wwnToLun;
     std::list<std::string> m_cloneGroupSourceList;
-    regex_t m_cp[ZOV_QUILLSET_NUM_REGEX];
+    regex_t m_cp[RX_COUNT];
     int m_volMapInited;
     MerlError m_e;
     SSLOG_FUNC_POINTER m_fpLog;
