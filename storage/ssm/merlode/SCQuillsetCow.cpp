@@ -7,6 +7,8 @@
 #include <map>
 #include <new>
 
+#include "liblocal/kv_msg.h"
+
 static const char* const kFile = "storage/ssm/merlode/SCQuillsetCow";
 
 namespace {
@@ -48,7 +50,7 @@ SSError* SCQuillsetCow::privatePrepareForSnapshot(void*, attrlist*, SSTaskId&) {
     for (snapdevice& sd : m_snapdevlist) {
         m_e.logprintf(9, kFile, __LINE__, "%s: the source LUN is [%s]", fname, sd.srcName.c_str());
         char idx[16];
-        snprintf(idx, sizeof(idx), "%04X", index++);
+        kv_snprintf(idx, sizeof(idx), "%04X", index++);
         sd.sessionId = base + idx;
         m_handle.details_str += ";" + sd.sessionId + "|" + sd.srcName;
     }

@@ -42,7 +42,7 @@ std::string SCMerlodeQuillset::sessionTimeStamp() {
     localtime_r(&now, &tmv);
     char buf[64];
     // The month stays zero-based: the session age survey reads it that way.
-    snprintf(buf, sizeof(buf), "%04d%02d%02d%02d%02d", tmv.tm_year + 1900, tmv.tm_mon, tmv.tm_mday,
+    kv_snprintf(buf, sizeof(buf), "%04d%02d%02d%02d%02d", tmv.tm_year + 1900, tmv.tm_mon, tmv.tm_mday,
              tmv.tm_hour, tmv.tm_min);
     return buf;
 }
@@ -81,7 +81,7 @@ SSError* SCMerlodeQuillset::privateInit(SCInitStruct* initStruct) {
             }
 
             char onDelete[64];
-            snprintf(onDelete, sizeof(onDelete), "%s_%s", "MERL", "ON_DELETE");
+            kv_snprintf(onDelete, sizeof(onDelete), "%s_%s", "MERL", "ON_DELETE");
             const char* policy = first_value(attrlist_find(attrs, onDelete));
             m_retainOnDelete = "Retain";
             if (policy != nullptr) {

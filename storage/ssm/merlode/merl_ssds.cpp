@@ -104,6 +104,15 @@ SSError* merlDirectoryService::deInit() {
     return nullptr;
 }
 
+// A subtype this module does not serve; a null one prints as the renderer
+// prints a missing text.
+SSError* merlDirectoryService::subtypeNotSupported(int line, const char* fname,
+                                                   const char* serviceSubType) {
+    return m_e.tellerr(kFile, line, nullptr, SS_EC_SNAPSHOT_NOT_SUPPORTED,
+                       "%s: Specified storage subsystem type (%s) is not supported", fname,
+                       serviceSubType);
+}
+
 bool merlDirectoryService::isKnownSubType(const char* serviceSubType) const {
     if (serviceSubType == nullptr) return false;
     return strcasecmp(serviceSubType, "COW") == 0 || strcasecmp(serviceSubType, "MIRROR") == 0 ||
@@ -115,9 +124,7 @@ SSError* merlDirectoryService::getAPIVersion(const char* serviceSubType,
     // The small p is the form this operation has always logged under.
     static const char* const fname = "merlDirectoryService::getApiVersion";
     if (!isKnownSubType(serviceSubType))
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_SNAPSHOT_NOT_SUPPORTED,
-                           "%s: Specified storage subsystem type (%s) is not supported", fname,
-                           serviceSubType != nullptr ? serviceSubType : "(null)");
+        return subtypeNotSupported(__LINE__, fname, serviceSubType);
     apiVersion.m_majorVersion = 1;
     apiVersion.m_minorVersion = 1;
     m_e.logprintf(9, kFile, __LINE__, "END: %s", fname);
@@ -128,9 +135,7 @@ SSError* merlDirectoryService::getStorageStackLevel(const char* serviceSubType,
                                                     SSStorageStackLevel& level) {
     static const char* const fname = "merlDirectoryService::getStorageStackLevel";
     if (!isKnownSubType(serviceSubType))
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_SNAPSHOT_NOT_SUPPORTED,
-                           "%s: Specified storage subsystem type (%s) is not supported", fname,
-                           serviceSubType != nullptr ? serviceSubType : "(null)");
+        return subtypeNotSupported(__LINE__, fname, serviceSubType);
     level = SS_LEVEL_DISK;
     m_e.logprintf(9, kFile, __LINE__, "END: %s", fname);
     return nullptr;
@@ -149,9 +154,7 @@ SSError* merlDirectoryService::getServiceInstance(const char* serviceSubType,
     static const char* const fname = "merlDirectoryService::getServiceInstance";
     if (serviceSubType == nullptr) {
         serviceObj = nullptr;
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_SNAPSHOT_NOT_SUPPORTED,
-                           "%s: Specified storage subsystem type (%s) is not supported", fname,
-                           "(null)");
+        return subtypeNotSupported(__LINE__, fname, serviceSubType);
     }
     SSError* err = nullptr;
     if (strcasecmp(serviceSubType, "COW") == 0) {

@@ -39,6 +39,7 @@ public:
 
 private:
     bool isKnownSubType(const char* serviceSubType) const;
+    SSError* subtypeNotSupported(int line, const char* fname, const char* serviceSubType);
     void releaseModuleMutex();
     bool m_holdsModuleMutex = false;  // this object counts as a user of mtxMerlode
 };

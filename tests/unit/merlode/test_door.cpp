@@ -251,6 +251,17 @@ TEST_F(DirectoryServiceTest, SubtypeQuestionsIgnoreCaseAndNameTheOperation) {
     e = ds.getStorageStackLevel(nullptr, lvl);
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(lvl, SS_LEVEL_VOLUME);  // untouched on failure
+    // A missing text prints the way the foundation's renderer prints it.
+    EXPECT_STREQ(e->getErrMsg(),
+                 "merlDirectoryService::getStorageStackLevel: Specified storage subsystem type "
+                 "(<null>) is not supported");
+    delete e;
+    IService* svc = nullptr;
+    e = ds.getServiceInstance(nullptr, svc);
+    ASSERT_NE(e, nullptr);
+    EXPECT_STREQ(e->getErrMsg(),
+                 "merlDirectoryService::getServiceInstance: Specified storage subsystem type "
+                 "(<null>) is not supported");
     delete e;
 
     char** subs = nullptr;
