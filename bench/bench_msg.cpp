@@ -8,7 +8,9 @@
 
 static void BM_MsgCreate(benchmark::State& state) {
     for (auto _ : state) {
-        errinfo* e = msg_create(84890, 35021, "Attribute '%s' has a name that is longer than the maximum size [%d characters] allowed",
+        errinfo* e = msg_create(84890, 35021,
+                                "Attribute '%s' has a name that is longer than the maximum size "
+                                "[%d characters] allowed",
                                 ARG_ATTRNAME, "SOME_ATTRIBUTE_NAME", ARG_INT, "63");
         benchmark::DoNotOptimize(e);
         msg_free(e);
@@ -18,8 +20,8 @@ BENCHMARK(BM_MsgCreate);
 
 static void BM_RenderString(benchmark::State& state) {
     for (auto _ : state) {
-        char* r = render_string(0, nullptr, "%s: %2$-20s %3$d", ARG_TEXT, "SCMerlodeQuillset::snapshot", ARG_PATH,
-                                "/dev/sdb", ARG_INT, "42");
+        char* r = render_string(0, nullptr, "%s: %2$-20s %3$d", ARG_TEXT,
+                                "SCMerlodeQuillset::snapshot", ARG_PATH, "/dev/sdb", ARG_INT, "42");
         benchmark::DoNotOptimize(r);
     }
 }
@@ -27,14 +29,16 @@ BENCHMARK(BM_RenderString);
 
 static void BM_RenderWideColumns(benchmark::State& state) {
     for (auto _ : state) {
-        char* r = render_string(0, nullptr, "[%-30.20s]", ARG_TEXT, "\xe6\xbc\xa2\xe5\xad\x97 mixed \xc3\xa9t\xc3\xa9 text");
+        char* r = render_string(0, nullptr, "[%-30.20s]", ARG_TEXT,
+                                "\xe6\xbc\xa2\xe5\xad\x97 mixed \xc3\xa9t\xc3\xa9 text");
         benchmark::DoNotOptimize(r);
     }
 }
 BENCHMARK(BM_RenderWideColumns);
 
 static void BM_StbufRoundTrip(benchmark::State& state) {
-    structext* st = msg_structext_create(7, "copy %s to %s: %d", ARG_PATH, "/a/b", ARG_HOSTNAME, "host1", ARG_INT, "5");
+    structext* st = msg_structext_create(7, "copy %s to %s: %d", ARG_PATH, "/a/b", ARG_HOSTNAME,
+                                         "host1", ARG_INT, "5");
     for (auto _ : state) {
         char* sb = msg_structext_to_stbuf(st);
         structext* back = msg_stbuf_to_structext(sb);

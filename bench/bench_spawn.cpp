@@ -92,8 +92,7 @@ double now_us() {
 // child's own run time, which dominates the whole and is noisy on a busy
 // machine.
 void report_start(benchmark::State& state, double total_us) {
-    state.counters["start_us"] =
-        benchmark::Counter(total_us, benchmark::Counter::kAvgIterations);
+    state.counters["start_us"] = benchmark::Counter(total_us, benchmark::Counter::kAvgIterations);
 }
 
 void check(benchmark::State& state, pid_t pid, int lines) {

@@ -42,9 +42,9 @@ void attrlist_free(attrlist* al);
 void attr_elem_free(attrlist* al);
 // Comparisons take two elements (attrlist*, vallist*) so that they serve
 // the generic list primitives directly (lcfunc_t).
-int attr_cmpname(const void* a, const void* b);   // names in the C_table order
-int attr_cmp(const void* a, const void* b);       // names, then vallist_cmp
-int attr_namecmp(const char* a, const char* b);   // the C_table order on two texts; null is ""
+int attr_cmpname(const void* a, const void* b);  // names in the C_table order
+int attr_cmp(const void* a, const void* b);      // names, then vallist_cmp
+int attr_namecmp(const char* a, const char* b);  // the C_table order on two texts; null is ""
 
 // --- Value calls -----------------------------------------------------------
 vallist* val_new(const char* str);
@@ -72,7 +72,7 @@ void attrlist_add(attrlist** alp, const char* name, const char* val);
 void attrlist_addempty(attrlist** alp, const char* name, const char* val);
 attrlist* attrlist_addlist(attrlist** alp, char* name, vallist* vals);
 void attrlist_set(attrlist** alp, char* name, char* val);
-int attrlist_replace(attrlist** alp, char* name, char* val);   // 1 when changed
+int attrlist_replace(attrlist** alp, char* name, char* val);  // 1 when changed
 void attrlist_default(attrlist** alp, char* name, char* val);
 // name, value..., NULL, name, ..., NULL, NULL
 attrlist* attrlist_build(char* args, ...);
@@ -94,7 +94,7 @@ int query_match(attrlist* query, attrlist* al);
 int attrlist_hasattr(attrlist* al, const char* name, const char* value);
 int attrlist_hasattr_eitherval(attrlist* al, char* name, char* value1, char* value2);
 int attrlist_hasattr_valmatch(attrlist* al, char* name, vallist* vl);
-int attr_hasval(attrlist* attr, const char* val);   // C_table folded, not strcasecmp
+int attr_hasval(attrlist* attr, const char* val);  // C_table folded, not strcasecmp
 // Leaves the sorted order: name-merging calls no longer work on the result.
 void attrlist_order(attrlist* order, attrlist** alp);
 void attrlist_sort(attrlist** al);
@@ -130,11 +130,17 @@ int vallist_display(FILE* fp, vallist* vl);
 // Reading the text form. gettoken_rap is a resumable lexer: it returns
 // non-zero while the token is still open at the end of the chunk, and picks
 // up where it stopped when called again with the same line and offset.
-typedef enum { TOK_COMMA = 0, TOK_COLON = 1, TOK_SEMICOLON = 2, TOK_NEWLINE = 3, TOK_STRING = 4 } tok_kind;
+typedef enum {
+    TOK_COMMA = 0,
+    TOK_COLON = 1,
+    TOK_SEMICOLON = 2,
+    TOK_NEWLINE = 3,
+    TOK_STRING = 4
+} tok_kind;
 struct token_rap {
     tok_kind kind;
-    size_t valsz;    // bytes allocated for value (owned; free() it)
-    char* value;     // NUL-terminated text of a TOK_STRING
+    size_t valsz;  // bytes allocated for value (owned; free() it)
+    char* value;   // NUL-terminated text of a TOK_STRING
 };
 typedef enum { PSTATE_START, PSTATE_ENDNAME, PSTATE_VALUE, PSTATE_ENDVALUE, PSTATE_DONE } pstate;
 struct parse_state {
@@ -159,11 +165,11 @@ int gettoken_rap(char** bufp, ssize_t* charsp, int* linep, int* lineoffp, token_
 attrlist* attrlist_parse_text(const char* text);
 
 // Seams to the message layer used by the text form (attrlist_msg.cpp).
-const char* attr_render_value_stbuf(const char* stbuf);   // per-thread result
+const char* attr_render_value_stbuf(const char* stbuf);  // per-thread result
 void attr_write_text(FILE* fp, const char* text, size_t len);
 
 // --- Value list operations --------------------------------------------------
-int i18n_val_cmp(const void* a, const void* b);   // strcoll in the locale's form
+int i18n_val_cmp(const void* a, const void* b);  // strcoll in the locale's form
 vallist* val_new_nosp(char* str);
 void val_update(vallist** vlp, char* value);
 void vallist_add(vallist** vlp, const char* str);
@@ -174,14 +180,14 @@ void vallist_insert(vallist** vlp, const char* str);
 void vallist_pos_insert(vallist** values, char* value, int n);
 int vallist_addsort(vallist** vlp, const char* str);
 int i18n_vallist_addsort(vallist** vlp, const char* str);
-vallist* vallist_find(vallist* vl, const char* val);         // strcasecmp
-vallist* vallist_find_exact(vallist* vl, const char* val);   // strcmp
+vallist* vallist_find(vallist* vl, const char* val);        // strcasecmp
+vallist* vallist_find_exact(vallist* vl, const char* val);  // strcmp
 vallist* vallist_search_substr(vallist* vl, const char* val);
 int vallist_find_pos(vallist* vl, char* value);
 char* vallist_pos_value(vallist* vl, int pos);
 int vallist_count(vallist* vl);
 int vallist_count_val(vallist* vl, char* value);
-int vallist_delete(vallist** vlp, const char* value);        // strcmp, unlike vallist_find
+int vallist_delete(vallist** vlp, const char* value);  // strcmp, unlike vallist_find
 void vallist_remove(vallist** vlp, const char* value);
 int vallist_strstart_delete(vallist** vlp, const char* value);
 void vallist_pos_remove(vallist** values, char* value, int n);
@@ -192,8 +198,8 @@ vallist* vallist_find_unique(vallist* vals1, vallist* vals2);
 int vallist_diff_apply(vallist* old, vallist* newl, vallist** change, int choice);
 int vallist_match(vallist* qv, vallist* av);
 int vallist_patmatch(vallist* qv, vallist* av);
-vallist* vallist_build(char* args, ...);                     // values up to NULL
-char* vallist_to_csv(vallist* vlp, size_t string_size_limit); // new memory
+vallist* vallist_build(char* args, ...);                       // values up to NULL
+char* vallist_to_csv(vallist* vlp, size_t string_size_limit);  // new memory
 vallist* vallist_new_from_csv(char* str);
 
 // Trace of the list family: a line of the foundation's trace (kv_trace.h)

@@ -13,9 +13,13 @@ namespace {
 thread_local std::string t_rendered;
 }  // namespace
 
-attr_trace_fn attrlist_set_trace_hook(attr_trace_fn fn) { return kv_set_trace_hook(fn); }
+attr_trace_fn attrlist_set_trace_hook(attr_trace_fn fn) {
+    return kv_set_trace_hook(fn);
+}
 
-void vallist_trace(const char* text) { kv_trace(9, 0x100, "%s", text); }
+void vallist_trace(const char* text) {
+    kv_trace(9, 0x100, "%s", text);
+}
 
 const char* attr_render_value_stbuf(const char* stbuf) {
     // The renderer's answer lives in a shared pool: keep a private copy.

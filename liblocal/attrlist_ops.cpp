@@ -7,9 +7,15 @@
 #include "liblocal/kv_mem.h"
 
 namespace {
-inline kv_list_t* L(attrlist* a) { return reinterpret_cast<kv_list_t*>(a); }
-inline kv_list_t** LP(attrlist** a) { return reinterpret_cast<kv_list_t**>(a); }
-inline attrlist* A(kv_list_t* l) { return reinterpret_cast<attrlist*>(l); }
+inline kv_list_t* L(attrlist* a) {
+    return reinterpret_cast<kv_list_t*>(a);
+}
+inline kv_list_t** LP(attrlist** a) {
+    return reinterpret_cast<kv_list_t**>(a);
+}
+inline attrlist* A(kv_list_t* l) {
+    return reinterpret_cast<attrlist*>(l);
+}
 
 // The link at which `name` stands or would be inserted; *found tells which.
 attrlist** locate(attrlist** alp, const char* name, bool* found) {
@@ -220,9 +226,13 @@ static int match_walk(attrlist* query, attrlist* al, bool strict) {
     return 1;
 }
 
-int attrlist_match(attrlist* query, attrlist* al) { return match_walk(query, al, false); }
+int attrlist_match(attrlist* query, attrlist* al) {
+    return match_walk(query, al, false);
+}
 
-int query_match(attrlist* query, attrlist* al) { return match_walk(query, al, true); }
+int query_match(attrlist* query, attrlist* al) {
+    return match_walk(query, al, true);
+}
 
 int attr_hasval(attrlist* attr, const char* val) {
     if (attr == nullptr || val == nullptr) return 0;

@@ -37,14 +37,18 @@ void finish_value(token_rap* tok, parse_state* ps) {
 
 int gettoken_rap(char** bufp, ssize_t* charsp, int* linep, int* lineoffp, token_rap* tok,
                  parse_state* psp) {
-    if (tok == nullptr || psp == nullptr || charsp == nullptr || linep == nullptr || lineoffp == nullptr)
+    if (tok == nullptr || psp == nullptr || charsp == nullptr || linep == nullptr ||
+        lineoffp == nullptr)
         return 0;
     if (bufp == nullptr || *bufp == nullptr) {
         // End of input: a value under way is complete.
         // A comma or semicolon still eating its line keeps its kind.
-        if (psp->intok && psp->invalue && !psp->inquote) finish_value(tok, psp);
-        else if (psp->intok && psp->invalue) finish_value(tok, psp);   // an unclosed quote
-        else if (psp->intok && !psp->ineateol) tok->kind = TOK_NEWLINE;
+        if (psp->intok && psp->invalue && !psp->inquote)
+            finish_value(tok, psp);
+        else if (psp->intok && psp->invalue)
+            finish_value(tok, psp);  // an unclosed quote
+        else if (psp->intok && !psp->ineateol)
+            tok->kind = TOK_NEWLINE;
         psp->ineateol = 0;
         psp->intok = 0;
         return 0;
@@ -94,7 +98,7 @@ int gettoken_rap(char** bufp, ssize_t* charsp, int* linep, int* lineoffp, token_
         if (psp->inbackslash) {
             consume(c);
             if (c == '\n') {
-                psp->inbackslash = 0;   // continuation
+                psp->inbackslash = 0;  // continuation
             } else if (c == '\r') {
                 // dropped; still escaping
             } else {
@@ -118,43 +122,43 @@ int gettoken_rap(char** bufp, ssize_t* charsp, int* linep, int* lineoffp, token_
         }
         if (!psp->invalue) {
             switch (c) {
-                case ' ': case '\t': case '\r':
-                    consume(c);
-                    break;
-                case '\n':
-                    consume(c);
-                    tok->kind = TOK_NEWLINE;
-                    done = 1;
-                    break;
-                case '"':
-                    consume(c);
-                    psp->invalue = 1;
-                    psp->inquote = 1;
-                    break;
-                case '#':
-                    consume(c);
-                    psp->incomment = 1;
-                    break;
-                case ',':
-                case ';':
-                    consume(c);
-                    tok->kind = c == ',' ? TOK_COMMA : TOK_SEMICOLON;
-                    psp->ineateol = 1;
-                    break;
-                case ':':
-                    consume(c);
-                    tok->kind = TOK_COLON;
-                    done = 1;
-                    break;
-                case '\\':
-                    consume(c);
-                    psp->invalue = 1;
-                    psp->inbackslash = 1;
-                    break;
-                default:
-                    consume(c);
-                    psp->invalue = 1;
-                    put(tok, psp, c);
+            case ' ':
+            case '\t':
+            case '\r': consume(c); break;
+            case '\n':
+                consume(c);
+                tok->kind = TOK_NEWLINE;
+                done = 1;
+                break;
+            case '"':
+                consume(c);
+                psp->invalue = 1;
+                psp->inquote = 1;
+                break;
+            case '#':
+                consume(c);
+                psp->incomment = 1;
+                break;
+            case ',':
+            case ';':
+                consume(c);
+                tok->kind = c == ',' ? TOK_COMMA : TOK_SEMICOLON;
+                psp->ineateol = 1;
+                break;
+            case ':':
+                consume(c);
+                tok->kind = TOK_COLON;
+                done = 1;
+                break;
+            case '\\':
+                consume(c);
+                psp->invalue = 1;
+                psp->inbackslash = 1;
+                break;
+            default:
+                consume(c);
+                psp->invalue = 1;
+                put(tok, psp, c);
             }
             continue;
         }
@@ -165,10 +169,14 @@ int gettoken_rap(char** bufp, ssize_t* charsp, int* linep, int* lineoffp, token_
             continue;
         }
         consume(c);
-        if (c == '#') psp->incomment = 1;
-        else if (c == '"') psp->inquote = 1;
-        else if (c == '\\') psp->inbackslash = 1;
-        else put(tok, psp, c);
+        if (c == '#')
+            psp->incomment = 1;
+        else if (c == '"')
+            psp->inquote = 1;
+        else if (c == '\\')
+            psp->inbackslash = 1;
+        else
+            put(tok, psp, c);
     }
     *bufp = p;
     *charsp = left;
@@ -207,37 +215,41 @@ attrlist* attrlist_parse_text(const char* text) {
     };
     for (;;) {
         int open = gettoken_rap(left > 0 ? &buf : nullptr, &left, &line, &off, &tok, &ps);
-        if (open) continue;   // only at the end of the input: the next call closes it
+        if (open) continue;  // only at the end of the input: the next call closes it
         bool at_end = left <= 0 && !ps.intok;
         switch (ps.state) {
-            case PSTATE_START:
-                if (tok.kind == TOK_STRING) {
-                    name = tok.value != nullptr ? tok.value : "";
-                    have_attr = true;
-                    ps.state = PSTATE_ENDNAME;
-                }
-                break;
-            case PSTATE_ENDNAME:
-                if (tok.kind == TOK_COLON) ps.state = PSTATE_VALUE;
-                else flush();
-                break;
-            case PSTATE_VALUE:
-                if (tok.kind == TOK_STRING) {
-                    vallist_append(&vals, &vtail, tok.value != nullptr ? tok.value : const_cast<char*>(""));
-                    ps.state = PSTATE_ENDVALUE;
-                } else if (tok.kind != TOK_COMMA) {
-                    flush();
-                }
-                break;
-            case PSTATE_ENDVALUE:
-                if (tok.kind == TOK_COMMA) ps.state = PSTATE_VALUE;
-                else flush();
-                break;
-            case PSTATE_DONE:
-                break;
+        case PSTATE_START:
+            if (tok.kind == TOK_STRING) {
+                name = tok.value != nullptr ? tok.value : "";
+                have_attr = true;
+                ps.state = PSTATE_ENDNAME;
+            }
+            break;
+        case PSTATE_ENDNAME:
+            if (tok.kind == TOK_COLON)
+                ps.state = PSTATE_VALUE;
+            else
+                flush();
+            break;
+        case PSTATE_VALUE:
+            if (tok.kind == TOK_STRING) {
+                vallist_append(&vals, &vtail,
+                               tok.value != nullptr ? tok.value : const_cast<char*>(""));
+                ps.state = PSTATE_ENDVALUE;
+            } else if (tok.kind != TOK_COMMA) {
+                flush();
+            }
+            break;
+        case PSTATE_ENDVALUE:
+            if (tok.kind == TOK_COMMA)
+                ps.state = PSTATE_VALUE;
+            else
+                flush();
+            break;
+        case PSTATE_DONE: break;
         }
         if (at_end) break;
-        tok.kind = TOK_NEWLINE;   // a token that ended the input carries nothing further
+        tok.kind = TOK_NEWLINE;  // a token that ended the input carries nothing further
     }
     flush();
     free(tok.value);

@@ -133,7 +133,7 @@ static char* val_str_internal(char* vp, int needquote, size_t maxlinelen) {
     size_t wrap_at = maxlinelen > 4 ? maxlinelen - 4 : 1;
     for (size_t i = 0; i < len; i++) {
         char c = vp[i];
-        if (c == '\n' && i == len - 1) break;   // a final newline is dropped
+        if (c == '\n' && i == len - 1) break;  // a final newline is dropped
         if (col >= wrap_at) {
             out += "\\\n";
             col = 0;
@@ -155,7 +155,9 @@ static char* val_str_internal(char* vp, int needquote, size_t maxlinelen) {
     return t_valstr.buf;
 }
 
-char* val_str(char* vp, int needquote) { return val_str_internal(vp, needquote, 2048); }
+char* val_str(char* vp, int needquote) {
+    return val_str_internal(vp, needquote, 2048);
+}
 
 char* val_str_nowrap(char* vp, int needquote) {
     return val_str_internal(vp, needquote, std::numeric_limits<size_t>::max());
@@ -210,7 +212,8 @@ size_t attrlist_build_str(attrlist* attrs, char* outbuff, size_t* buff_size) {
             total += (size_t)size;
             continue;
         }
-        char* buf = size <= (ssize_t)sizeof small ? small : static_cast<char*>(xmalloc((size_t)size));
+        char* buf =
+            size <= (ssize_t)sizeof small ? small : static_cast<char*>(xmalloc((size_t)size));
         attr_sprintf(buf, size, 80, a, 0, 0, 0);
         // Bounded concatenation: never past the caller's buffer.
         size_t used = strnlen(outbuff, *buff_size);

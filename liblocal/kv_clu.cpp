@@ -53,9 +53,9 @@ struct NativeMap {
 };
 std::vector<NativeMap> Hp_map;
 std::vector<std::string> Hp_packages;
-std::vector<std::pair<std::string, std::string>> Hp_local_vhosts;   // name, address
+std::vector<std::pair<std::string, std::string>> Hp_local_vhosts;  // name, address
 
-std::vector<PathHost> Pathl;   // clu_pathl_* list
+std::vector<PathHost> Pathl;  // clu_pathl_* list
 std::string Clu_name;         // the cluster's own name, when the back end told it
 size_t Vhost_cursor;
 
@@ -65,7 +65,9 @@ std::string P_conf = "/opt/cmcluster/conf";
 std::string P_cmview = "/usr/sbin";
 std::string P_mtab = "/etc/mtab";
 
-void clu_once(void) { Kvclus_mutex = kv_mutex_new(); }
+void clu_once(void) {
+    Kvclus_mutex = kv_mutex_new();
+}
 
 struct CluLock {
     CluLock() {
@@ -166,8 +168,8 @@ void parse_kcmap(const std::string& text) {
             addr = val;
         } else if (key == "local") {
             Lc_use_local_vhost_list = 1;
-            if (!host.empty() && (strcasecmp(val.c_str(), "yes") == 0 || strcasecmp(val.c_str(), "true") == 0 ||
-                                  val == "1"))
+            if (!host.empty() && (strcasecmp(val.c_str(), "yes") == 0 ||
+                                  strcasecmp(val.c_str(), "true") == 0 || val == "1"))
                 Lc_local_vhost_listp.push_back(host);
         } else if (key == "owned paths") {
             size_t p = 0;
@@ -190,7 +192,8 @@ void parse_kcmap(const std::string& text) {
 void clu_build_cache_lc(const std::string& text) {
     int fd = open(P_cache.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0) {
-        kv_trace(5, 0x40, "Error opening cache file %s for write: %s\n", P_cache.c_str(), strerror(errno));
+        kv_trace(5, 0x40, "Error opening cache file %s for write: %s\n", P_cache.c_str(),
+                 strerror(errno));
         return;
     }
     if (flock(fd, LOCK_EX) != 0) {
@@ -244,7 +247,8 @@ bool clu_is_localvirthost_lc(const char* name) {
         return false;
     }
     for (const PathHost& p : Lc_fspath_vhost_listp)
-        if (clu_hosts_matchbyname(name, p.host.c_str(), nullptr) || (!p.addr.empty() && p.addr == name))
+        if (clu_hosts_matchbyname(name, p.host.c_str(), nullptr) ||
+            (!p.addr.empty() && p.addr == name))
             return true;
     return false;
 }
@@ -300,7 +304,9 @@ void get_cmap_hp(const std::string& node) {
     if (!run_tool({P_cmview + "/cmviewcl", "-l", "package"}, &out)) return;
     for (const std::string& line : split_lines(out, 4096)) {
         char pkg[256], status[64], state[64], autorun[64], pnode[256];
-        if (sscanf(line.c_str(), "%255s %63s %63s %63s %255s", pkg, status, state, autorun, pnode) != 5) continue;
+        if (sscanf(line.c_str(), "%255s %63s %63s %63s %255s", pkg, status, state, autorun,
+                   pnode) != 5)
+            continue;
         if (strcmp(pkg, "PACKAGE") == 0) continue;
         Hp_packages.push_back(pkg);
         bool active = strcasecmp(status, "up") == 0 && strcasecmp(pnode, node.c_str()) == 0;
@@ -325,7 +331,7 @@ void get_cmap_hp(const std::string& node) {
 }
 
 bool clu_is_cluster_host_hp(void) {
-    if (!read_delimiter()) return false;   // not configured for us: no query
+    if (!read_delimiter()) return false;  // not configured for us: no query
     std::string node = short_node();
     std::string out;
     if (!run_tool({P_cmview + "/cmviewcl", "-l", "node", "-n", node}, &out)) return false;
@@ -338,8 +344,8 @@ bool clu_is_cluster_host_hp(void) {
             if (cluster_row) Clu_name = n;
             cluster_row = strcmp(n, "CLUSTER") == 0;
         }
-        if (sscanf(line.c_str(), "%255s %63s", n, status) == 2 && strcasecmp(n, node.c_str()) == 0 &&
-            strcasecmp(status, "up") == 0)
+        if (sscanf(line.c_str(), "%255s %63s", n, status) == 2 &&
+            strcasecmp(n, node.c_str()) == 0 && strcasecmp(status, "up") == 0)
             member = true;
     }
     if (member) get_cmap_hp(node);
@@ -349,7 +355,8 @@ bool clu_is_cluster_host_hp(void) {
 bool clu_is_localvirthost_hp(const char* name) {
     if (name == nullptr || *name == '\0') return false;
     for (const auto& v : Hp_local_vhosts)
-        if (clu_hosts_matchbyname(name, v.first.c_str(), nullptr) || (!v.second.empty() && v.second == name))
+        if (clu_hosts_matchbyname(name, v.first.c_str(), nullptr) ||
+            (!v.second.empty() && v.second == name))
             return true;
     return false;
 }
@@ -415,7 +422,9 @@ const std::string* owner_locked(const char* path, bool with_pathl) {
     return best;
 }
 
-bool cluster_on_locked(void) { return Clu_cluster_type == 1 || Clu_cluster_type == 2; }
+bool cluster_on_locked(void) {
+    return Clu_cluster_type == 1 || Clu_cluster_type == 2;
+}
 
 bool pathl_has(const std::string& path, const std::string& host) {
     for (const PathHost& e : Pathl)
@@ -464,9 +473,9 @@ int clu_is_localvirthost(const char* hostname) {
     CluLock lock;
     ensure_init_locked();
     switch (Clu_cluster_type) {
-        case 2: return clu_is_localvirthost_lc(hostname) ? 1 : 0;
-        case 1: return clu_is_localvirthost_hp(hostname) ? 1 : 0;
-        default: return 0;   // none, and -99
+    case 2: return clu_is_localvirthost_lc(hostname) ? 1 : 0;
+    case 1: return clu_is_localvirthost_hp(hostname) ? 1 : 0;
+    default: return 0;  // none, and -99
     }
 }
 
@@ -550,7 +559,9 @@ int clu_is_cluster_mode(char* app_name, char* app_dir) {
     return access(f.c_str(), F_OK) == 0 ? 1 : 0;
 }
 
-int clu_lock_held(void) { return t_clu_held ? 1 : 0; }
+int clu_lock_held(void) {
+    return t_clu_held ? 1 : 0;
+}
 
 void clu_set_paths_for_test(const clu_paths* p) {
     CluLock lock;
@@ -605,8 +616,9 @@ int clu_pathl_finalize(void) {
     }
     // Longest first, so that a reader stopping at its first prefix hit has
     // the most specific owner; stable keeps the order of equal lengths.
-    std::stable_sort(done.begin(), done.end(),
-                     [](const PathHost& a, const PathHost& b) { return a.path.size() > b.path.size(); });
+    std::stable_sort(done.begin(), done.end(), [](const PathHost& a, const PathHost& b) {
+        return a.path.size() > b.path.size();
+    });
     Pathl.swap(done);
     return (int)Pathl.size();
 }
@@ -676,7 +688,8 @@ kv_mntent* clu_get_vhost_mntent(clu_mntent_pos_t* mntp) {
         for (const char* x : f) need += strlen(x) + 1;
         if (need > sizeof mntp->buf) return false;
         char* w = mntp->buf;
-        char** dst[4] = {&mntp->ent.mnt_fsname, &mntp->ent.mnt_dir, &mntp->ent.mnt_type, &mntp->ent.mnt_opts};
+        char** dst[4] = {&mntp->ent.mnt_fsname, &mntp->ent.mnt_dir, &mntp->ent.mnt_type,
+                         &mntp->ent.mnt_opts};
         for (int i = 0; i < 4; i++) {
             size_t n = strlen(f[i]) + 1;
             memcpy(w, f[i], n);

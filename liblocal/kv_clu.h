@@ -46,11 +46,11 @@ struct kv_mntent {
     char* mnt_dir;
     char* mnt_type;
     char* mnt_opts;
-    char* mnt_vhost;   // the owning virtual host
+    char* mnt_vhost;  // the owning virtual host
 };
 // Where clu_get_vhost_mntent is in the mount table; zero it to start over.
 struct clu_mntent_pos_t {
-    int line;   // entries of the table already read
+    int line;  // entries of the table already read
     kv_mntent ent;
     char buf[4096];
     char vhost[256];

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "liblocal/kv_mem.h"
-#include "liblocal/kv_utf8.h"
 #include "liblocal/kv_spawn.h"
+#include "liblocal/kv_utf8.h"
 
 extern char** environ;
 
@@ -26,11 +26,11 @@ pthread_mutex_t env_lock = PTHREAD_MUTEX_INITIALIZER;
 
 struct EnvState {
     bool initialised = false;
-    std::vector<char*> myenv;                      // owned strings, name=value
-    std::map<std::string, char*> utf8_cache;       // name -> owned UTF-8 value
-    std::vector<char*> keep_list;                  // replaced cache values
-    std::vector<char*> added_texts;                // add_to_environment texts
-    std::vector<char*> converted_texts;            // putenv'd locale forms
+    std::vector<char*> myenv;                 // owned strings, name=value
+    std::map<std::string, char*> utf8_cache;  // name -> owned UTF-8 value
+    std::vector<char*> keep_list;             // replaced cache values
+    std::vector<char*> added_texts;           // add_to_environment texts
+    std::vector<char*> converted_texts;       // putenv'd locale forms
     char* rendered_path = nullptr;
 };
 
@@ -108,11 +108,18 @@ bool kv_env_valid_utf8(const char* s) {
     while (*p) {
         unsigned c = *p;
         int more;
-        if (c < 0x80) { ++p; continue; }
-        if (c >= 0xC2 && c <= 0xDF) more = 1;
-        else if (c >= 0xE0 && c <= 0xEF) more = 2;
-        else if (c >= 0xF0 && c <= 0xF4) more = 3;
-        else return false;
+        if (c < 0x80) {
+            ++p;
+            continue;
+        }
+        if (c >= 0xC2 && c <= 0xDF)
+            more = 1;
+        else if (c >= 0xE0 && c <= 0xEF)
+            more = 2;
+        else if (c >= 0xF0 && c <= 0xF4)
+            more = 3;
+        else
+            return false;
         ++p;
         for (int i = 0; i < more; ++i, ++p)
             if ((*p & 0xC0) != 0x80) return false;
@@ -182,8 +189,8 @@ int kv_putenv(char* string) {
         char* conv = kv_env_convert(string, true);
         if (conv == nullptr) {
             int e = errno ? errno : EILSEQ;
-            kv_spawn_report(84735, 2,
-                "Unable to allocate memory for setting environment variable value: %s.\n",
+            kv_spawn_report(
+                84735, 2, "Unable to allocate memory for setting environment variable value: %s.\n",
                 string);
             errno = e;
             return -1;
@@ -259,9 +266,7 @@ bool apply_form(const std::string& text, unsigned long defval, unsigned long& ou
     const char* rest = text.c_str() + 1;
     unsigned long n = 0;
     switch (text[0]) {
-    case 'D':
-        out = defval;
-        return true;
+    case 'D': out = defval; return true;
     case '%': {
         if (!parse_number(rest, n)) return false;
         unsigned __int128 r = static_cast<unsigned __int128>(defval) * n / 100;
@@ -316,9 +321,9 @@ unsigned long kv_getenv_ulong(char* init_str, unsigned long rt_defval) {
         // Ending the process here would take the host down with us; the
         // report stands and the caller's default serves.
         kv_spawn_report(0, 2,
-            "Unable to get the value of environment variable '%s': the string is "
-            "improperly formatted.\n",
-            init_str ? init_str : "<NULL>");
+                        "Unable to get the value of environment variable '%s': the string is "
+                        "improperly formatted.\n",
+                        init_str ? init_str : "<NULL>");
         return rt_defval;
     }
     unsigned long value = 0;

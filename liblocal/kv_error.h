@@ -8,7 +8,7 @@
 #define KV_ERRKIND_ERRNO 1
 #define KV_ERRKIND_GAI 2
 
-KVError kv_error_from_errno(int err);   // 1 for an errno it does not know
+KVError kv_error_from_errno(int err);  // 1 for an errno it does not know
 int kv_error_to_errno(KVError code);
 KVError kv_error_from_gai(int gai_err);
 

@@ -186,7 +186,9 @@ int kv_unlink(const char* file) {
     return kv_stat_unlink(file, &sb, 0);
 }
 
-int remove_my_file(char* filename) { return kv_unlink(filename); }
+int remove_my_file(char* filename) {
+    return kv_unlink(filename);
+}
 
 struct passwd* kv_ts_getpwuid(uid_t uid) {
     liblocal_t_struct* t = get_liblocal_t_varp();

@@ -13,9 +13,9 @@
 struct kv_stat : public stat {};
 
 // kv_fopen / kv_open flags.
-#define KV_FOPEN_SKIP_BOM 1    // reading (and "a+"): skip a UTF-8 mark at the start
-#define KV_FOPEN_WRITE_BOM 2   // writing a new or truncated file: start it with a mark
-#define KV_FOPEN_UTF8 4        // flag the stream as UTF-8 (kv_set_utf8_fp)
+#define KV_FOPEN_SKIP_BOM 1   // reading (and "a+"): skip a UTF-8 mark at the start
+#define KV_FOPEN_WRITE_BOM 2  // writing a new or truncated file: start it with a mark
+#define KV_FOPEN_UTF8 4       // flag the stream as UTF-8 (kv_set_utf8_fp)
 
 FILE* kv_fopen(const char* path, const char* mode, int flag);
 int kv_open(const char* path, int oflag, mode_t mode, int flag);
@@ -36,7 +36,7 @@ ssize_t kv_writev(int fd, const struct iovec* iov, int iovcnt);
 // unlink is tried once more after setting the mode to 0777. A missing file
 // gives -1, or 0 with `absence_ok`. `sbp` receives the lstat record.
 int kv_stat_unlink(const char* file, struct kv_stat* sbp, int absence_ok);
-int kv_unlink(const char* file);   // missing file is an error
+int kv_unlink(const char* file);  // missing file is an error
 int remove_my_file(char* filename);
 
 // getpwuid_r into the calling thread's buffer (grown while the system says

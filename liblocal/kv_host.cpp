@@ -10,10 +10,10 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <stdlib.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 #include <string.h>
 #include <strings.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <mutex>
 #include <string>
@@ -44,7 +44,7 @@ int env_size(const char* name, int minimum) {
     const char* v = getenv(name);
     if (v == nullptr) return minimum;
     long n = strtol(v, nullptr, 0);
-    return n > minimum && n < 0x40000000 ? (int)n : minimum;   // smaller values are ignored
+    return n > minimum && n < 0x40000000 ? (int)n : minimum;  // smaller values are ignored
 }
 
 void myname_once(void) {
@@ -77,7 +77,10 @@ int find_idx(hostlist_cache_t* c, const char* name, int* pos) {
         int mid = (lo + hi) / 2;
         int r = strcasecmp(c->hosts[mid]->host, name);
         if (r == 0) return mid;
-        if (r < 0) lo = mid + 1; else hi = mid - 1;
+        if (r < 0)
+            lo = mid + 1;
+        else
+            hi = mid - 1;
     }
     if (pos != nullptr) *pos = lo;
     return -1;
@@ -204,7 +207,7 @@ host_cache* insert_entry(hostlist_cache_t* c, const char* name, host_cache* head
         memset(e, 0, sizeof *e);
     } else {
         hostlist_cache_extend(c, now);
-        if (c->count != 0) find_idx(c, name, &pos);   // the table may have changed
+        if (c->count != 0) find_idx(c, name, &pos);  // the table may have changed
         if (c->count >= c->size) return nullptr;
         e = static_cast<host_cache*>(xcalloc(1, sizeof(host_cache)));
         memmove(&c->hosts[pos + 1], &c->hosts[pos], sizeof(host_cache*) * (size_t)(c->count - pos));
@@ -234,8 +237,9 @@ host_cache* hostlist_cache_add(hostlist_cache_t* c, const char* ip_address, cons
     host_cache* e = find_entry(c, ip_address);
     if (e == nullptr) e = find_entry(c, host);
     host_cache* head = nullptr;
-    if (e != nullptr && e->status != STATUS_UNKNOWN_HOST && e->head->status != STATUS_UNKNOWN_HOST) {
-        head = e->head;   // a live group keeps its members
+    if (e != nullptr && e->status != STATUS_UNKNOWN_HOST &&
+        e->head->status != STATUS_UNKNOWN_HOST) {
+        head = e->head;  // a live group keeps its members
     } else {
         if (e != nullptr) mark_deleted(c, e);
         head = insert_entry(c, host, nullptr, status, exptime, now);
@@ -286,7 +290,8 @@ bool is_anyaddr(const sockaddr_storage& ss) {
 
 // Adds a name and address pair unless the name is a floating cluster name
 // owned here, which must never become an alias of this physical machine.
-void add_alias_pair(std::vector<std::string>* out, const std::string& addr, const std::string& name) {
+void add_alias_pair(std::vector<std::string>* out, const std::string& addr,
+                    const std::string& name) {
     if (!name.empty() && clu_is_localvirthost(name.c_str())) return;
     if (!addr.empty()) out->push_back(addr);
     if (!name.empty()) out->push_back(name);
@@ -318,8 +323,8 @@ host_cache* dns_cache_a_host(hostlist_cache_t* c, const char* host, kv_time64_t 
     if (canon.empty()) {
         // Reported as a message of its own (error 12000) for the caller's
         // last-message inspection; the lookup itself just says no.
-        errinfo* e = msg_create(82666, 12000, "Reverse DNS lookup failed for %s: %s", ARG_HOSTNAME, query,
-                                ARG_TEXT, gai_strerror(EAI_NONAME));
+        errinfo* e = msg_create(82666, 12000, "Reverse DNS lookup failed for %s: %s", ARG_HOSTNAME,
+                                query, ARG_TEXT, gai_strerror(EAI_NONAME));
         if (e != nullptr && e->errstr != nullptr) kv_trace(5, 0x40, "%s\n", e->errstr);
         kv_freeaddrinfo(res);
         return add_unknown(c, query, now);
@@ -335,7 +340,8 @@ host_cache* dns_cache_a_host(hostlist_cache_t* c, const char* host, kv_time64_t 
         if (n < 0) kv_trace(5, 0x40, "Failed to find any NIC addresses: %s", strerror(errno));
         for (int i = 0; i < n; i++) {
             if (is_anyaddr(ifs[i])) continue;
-            socklen_t len = ifs[i].ss_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+            socklen_t len =
+                ifs[i].ss_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
             const sockaddr* sa = reinterpret_cast<const sockaddr*>(&ifs[i]);
             std::string text = numeric_text(sa, len);
             std::string r = reverse_name(sa, len);
@@ -348,7 +354,8 @@ host_cache* dns_cache_a_host(hostlist_cache_t* c, const char* host, kv_time64_t 
     }
     if (!(local && canon_virtual)) add_alias_pair(&aliases, first_ip, canon);
     for (struct addrinfo* a = res; a != nullptr; a = a->ai_next)
-        add_alias_pair(&aliases, numeric_text(a->ai_addr, a->ai_addrlen), reverse_name(a->ai_addr, a->ai_addrlen));
+        add_alias_pair(&aliases, numeric_text(a->ai_addr, a->ai_addrlen),
+                       reverse_name(a->ai_addr, a->ai_addrlen));
     aliases.push_back(local ? "localhost" : query);
     kv_freeaddrinfo(res);
     host_cache* e = hostlist_cache_add(c, first_ip.c_str(), canon.c_str(), aliases, STATUS_OK,
@@ -363,7 +370,8 @@ host_cache* dns_cache_a_host(hostlist_cache_t* c, const char* host, kv_time64_t 
 
 host_cache* dns_host_find_byname(const char* host, kv_time64_t now) {
     hostlist_cache_t* c = &DNScache;
-    if (c->local_host == nullptr || c->local_host->exptime <= now) dns_cache_a_host(c, nullptr, now);
+    if (c->local_host == nullptr || c->local_host->exptime <= now)
+        dns_cache_a_host(c, nullptr, now);
     if (host == nullptr || strcasecmp(host, "localhost") == 0) return c->local_host;
     host_cache* e = find_entry(c, host);
     if (e != nullptr && e->exptime > now) return e->status == STATUS_UNKNOWN_HOST ? nullptr : e;
@@ -371,7 +379,9 @@ host_cache* dns_host_find_byname(const char* host, kv_time64_t now) {
     return e != nullptr && e->status != STATUS_UNKNOWN_HOST ? e : nullptr;
 }
 
-host_cache* client_find_byname(const char* host) { return find_entry(&CLIENTcache, host); }
+host_cache* client_find_byname(const char* host) {
+    return find_entry(&CLIENTcache, host);
+}
 
 void free_cache(hostlist_cache_t* c) {
     for (int i = 0; i < c->count; i++) free_entry(c->hosts[i]);
@@ -407,18 +417,23 @@ int same_group(host_cache* (*find)(const char*, kv_time64_t), const char* h1, co
     return b != nullptr && b->head == head;
 }
 
-host_cache* client_find(const char* h, kv_time64_t) { return client_find_byname(h); }
+host_cache* client_find(const char* h, kv_time64_t) {
+    return client_find_byname(h);
+}
 
 }  // namespace
 
-int kv_host_lock_held(void) { return t_myname_held ? 1 : 0; }
+int kv_host_lock_held(void) {
+    return t_myname_held ? 1 : 0;
+}
 
 int is_myname(const char* host) {
     if (host == nullptr || strcasecmp(host, "localhost") == 0) return 1;
     {
         MynameLock lock;
         host_cache* e = dns_host_find_byname(host, host_now());
-        if (e != nullptr && DNScache.local_host != nullptr && e->head == DNScache.local_host) return 1;
+        if (e != nullptr && DNScache.local_host != nullptr && e->head == DNScache.local_host)
+            return 1;
     }
     return clu_is_localvirthost(host);
 }
@@ -460,7 +475,9 @@ int client_list_add_client(const char* host, const char** aliases) {
     for (const char** p = aliases; p != nullptr && *p != nullptr; p++) al.push_back(*p);
     MynameLock lock;
     kv_time64_t now = host_now();
-    return hostlist_cache_add(&CLIENTcache, nullptr, host, al, STATUS_OK, kForever, now) != nullptr ? 0 : -1;
+    return hostlist_cache_add(&CLIENTcache, nullptr, host, al, STATUS_OK, kForever, now) != nullptr
+               ? 0
+               : -1;
 }
 
 void client_list_remove_byname(const char* host) {
@@ -500,10 +517,10 @@ void free_client_hostlist_cache(void) {
 
 static const char* status_name(host_status_t s) {
     switch (s) {
-        case STATUS_OK: return "STATUS_OK";
-        case STATUS_BUSY: return "STATUS_BUSY";
-        case STATUS_DELETED: return "STATUS_DELETED";
-        case STATUS_UNKNOWN_HOST: return "STATUS_UNKNOWN_HOST";
+    case STATUS_OK: return "STATUS_OK";
+    case STATUS_BUSY: return "STATUS_BUSY";
+    case STATUS_DELETED: return "STATUS_DELETED";
+    case STATUS_UNKNOWN_HOST: return "STATUS_UNKNOWN_HOST";
     }
     return "?";
 }
@@ -511,8 +528,10 @@ static const char* status_name(host_status_t s) {
 void print_dns_cache_to(FILE* fp) {
     if (fp == nullptr) return;
     MynameLock lock;
-    const struct { const char* title; hostlist_cache_t* c; } caches[] = {
-        {"DNS cache:\n", &DNScache}, {"Clients cache:\n", &CLIENTcache}};
+    const struct {
+        const char* title;
+        hostlist_cache_t* c;
+    } caches[] = {{"DNS cache:\n", &DNScache}, {"Clients cache:\n", &CLIENTcache}};
     for (const auto& k : caches) {
         fputs(k.title, fp);
         for (int i = 0; i < k.c->count; i++) {
@@ -523,7 +542,9 @@ void print_dns_cache_to(FILE* fp) {
     }
 }
 
-void print_dns_cache(void) { print_dns_cache_to(stdout); }
+void print_dns_cache(void) {
+    print_dns_cache_to(stdout);
+}
 
 void kv_host_set_resolver(const kv_host_resolver* r) {
     MynameLock lock;
@@ -538,7 +559,7 @@ void kv_host_set_resolver(const kv_host_resolver* r) {
 namespace {
 
 std::mutex Ifaddrs_mutex;
-KVIfaddrs* Ifaddrs_cache;   // guarded by Ifaddrs_mutex
+KVIfaddrs* Ifaddrs_cache;  // guarded by Ifaddrs_mutex
 kv_time64_t Ifaddrs_exptime;
 
 KVIfaddrs* ifaddrs_copy(const KVIfaddrs* src) {
@@ -576,17 +597,19 @@ KVIfaddrs* ifaddrs_read(void) {
         if (fam != AF_INET && fam != AF_INET6) continue;
         KVIfaddrs* n = static_cast<KVIfaddrs*>(xcalloc(1, sizeof(KVIfaddrs)));
         snprintf(n->ifa_name, sizeof n->ifa_name, "%s", p->ifa_name);
-        memcpy(&n->ifa_addr, p->ifa_addr, fam == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6));
+        memcpy(&n->ifa_addr, p->ifa_addr,
+               fam == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6));
         n->ifa_flags = p->ifa_flags;
         if (fd < 0) {
-            kv_trace(5, 0x40, "Failed to create socket to get MAC address for %s : %s\n", n->ifa_name,
-                     strerror(sock_errno));
+            kv_trace(5, 0x40, "Failed to create socket to get MAC address for %s : %s\n",
+                     n->ifa_name, strerror(sock_errno));
         } else {
             struct ifreq req;
             memset(&req, 0, sizeof req);
             snprintf(req.ifr_name, sizeof req.ifr_name, "%s", n->ifa_name);
             if (ioctl(fd, SIOCGIFHWADDR, &req) != 0) {
-                kv_trace(5, 0x40, "Failed to get MAC address for %s : %s\n", n->ifa_name, strerror(errno));
+                kv_trace(5, 0x40, "Failed to get MAC address for %s : %s\n", n->ifa_name,
+                         strerror(errno));
             } else {
                 memcpy(n->ifa_hwaddr, req.ifr_hwaddr.sa_data, sizeof n->ifa_hwaddr);
                 n->ifa_hwaddr_valid = 1;
@@ -650,12 +673,15 @@ void socket_once(void) {
     bool ok = kv_inet_pton("::1", &ss) == 1 && ss.ss_family == AF_INET6 &&
               IN6_IS_ADDR_LOOPBACK(&reinterpret_cast<const sockaddr_in6*>(&ss)->sin6_addr);
     if (!ok)
-        fprintf(stderr,
-                "%s: Failed to resolve the IPv6 localhost address ::1. Please verify an entry for the "
-                "IPv6 localhost\n",
-                program_invocation_short_name);
+        fprintf(
+            stderr,
+            "%s: Failed to resolve the IPv6 localhost address ::1. Please verify an entry for the "
+            "IPv6 localhost\n",
+            program_invocation_short_name);
 }
 
 }  // namespace
 
-void _kv_socket_once(void) { kv_once(&Socket_once, socket_once); }
+void _kv_socket_once(void) {
+    kv_once(&Socket_once, socket_once);
+}

@@ -52,15 +52,15 @@ int is_myname(const char* host);
 int samehost(const char* host1, const char* host2);
 int sameclient(const char* host1, const char* host2);
 int is_validhostname(const char* host);
-char* get_primaryhostname(const char* host);     // new memory, null if unknown
-char* get_primaryclientname(const char* host);   // new memory, null if unknown
-int client_list_add_client(const char* host, const char** aliases);   // 0 or -1
+char* get_primaryhostname(const char* host);                         // new memory, null if unknown
+char* get_primaryclientname(const char* host);                       // new memory, null if unknown
+int client_list_add_client(const char* host, const char** aliases);  // 0 or -1
 void client_list_remove_byname(const char* host);
 int cache_client_id(char* client_name, kvui_t* client_idp);       // 0 or -1
 int get_cached_client_id(char* client_name, kvui_t* client_idp);  // 0 or -1
 void free_dns_hostlist_cache(void);
 void free_client_hostlist_cache(void);
-void print_dns_cache(void);              // to standard output
+void print_dns_cache(void);  // to standard output
 void print_dns_cache_to(FILE* fp);
 
 int kv_gethostname(char* name, size_t namelen);
@@ -73,11 +73,11 @@ int kv_getnameinfo(const struct sockaddr* sa, socklen_t salen, char* node, sockl
 void kv_set_addrinfo_caching(int on);
 // Numeric text of an IPv4 or IPv6 address; IPv4-mapped IPv6 reads as IPv4.
 const char* kv_inet_ntop(const struct sockaddr* addr, char* dst, size_t dstlen);
-int kv_inet_pton(const char* src, struct sockaddr_storage* dst);   // 1 parsed, 0 not
-int kv_is_myaddress(const struct sockaddr* addr);   // loopback or on an interface
+int kv_inet_pton(const char* src, struct sockaddr_storage* dst);  // 1 parsed, 0 not
+int kv_is_myaddress(const struct sockaddr* addr);                 // loopback or on an interface
 // The interface addresses as text: a null-terminated array (free each and it).
 int kv_get_ipaddresses(char*** addrs);
-int kv_get_ifaddress(struct sockaddr_storage* addr);   // one non-loopback; 0 or -1
+int kv_get_ifaddress(struct sockaddr_storage* addr);  // one non-loopback; 0 or -1
 
 // One address of one interface. The layout is this library's own: a plain
 // singly linked list, one node per address (an interface with an IPv4 and
@@ -85,11 +85,11 @@ int kv_get_ifaddress(struct sockaddr_storage* addr);   // one non-loopback; 0 or
 // without its pointers into kernel-shaped records.
 struct KVIfaddrs {
     KVIfaddrs* ifa_next;
-    char ifa_name[IFNAMSIZ];            // interface name, "lo", "eth0"
-    struct sockaddr_storage ifa_addr;   // AF_INET or AF_INET6
-    unsigned char ifa_hwaddr[6];        // all zero when unknown (see ifa_hwaddr_valid)
-    int ifa_hwaddr_valid;               // 1 when the hardware address was read
-    unsigned int ifa_flags;             // IFF_UP, IFF_LOOPBACK, ... as getifaddrs gives them
+    char ifa_name[IFNAMSIZ];           // interface name, "lo", "eth0"
+    struct sockaddr_storage ifa_addr;  // AF_INET or AF_INET6
+    unsigned char ifa_hwaddr[6];       // all zero when unknown (see ifa_hwaddr_valid)
+    int ifa_hwaddr_valid;              // 1 when the hardware address was read
+    unsigned int ifa_flags;            // IFF_UP, IFF_LOOPBACK, ... as getifaddrs gives them
 };
 // This machine's interface addresses (IPv4 and IPv6), from a copy cached for
 // KV_HOST_UNKNOWN_TTL seconds; 0 with *addrs a new list, -1 with *addrs null.

@@ -25,7 +25,7 @@
 namespace {
 
 std::atomic<kv_host_clock_fn> g_clock{nullptr};
-kv_host_resolver g_res;   // guarded by Addr_mutex for changes; read without
+kv_host_resolver g_res;  // guarded by Addr_mutex for changes; read without
 std::atomic<int> g_caching{1};
 
 // The resolver in use: the one installed for tests, else the system's.
@@ -57,7 +57,7 @@ int sys_ifaddrs(struct sockaddr_storage* out, int max) {
 }
 
 struct AddrEntry {
-    struct addrinfo* ai;   // null for a cached failure
+    struct addrinfo* ai;  // null for a cached failure
     int err;
     kv_time64_t exptime;
 };
@@ -210,12 +210,19 @@ void host_reset_local_name(void) {
 }
 
 void host_set_resolver_fields(const kv_host_resolver* r) {
-    if (r != nullptr) g_res = *r; else memset(&g_res, 0, sizeof g_res);
+    if (r != nullptr)
+        g_res = *r;
+    else
+        memset(&g_res, 0, sizeof g_res);
 }
 
-kv_host_clock_fn kv_host_set_clock(kv_host_clock_fn fn) { return g_clock.exchange(fn); }
+kv_host_clock_fn kv_host_set_clock(kv_host_clock_fn fn) {
+    return g_clock.exchange(fn);
+}
 
-void kv_set_addrinfo_caching(int on) { g_caching.store(on != 0); }
+void kv_set_addrinfo_caching(int on) {
+    g_caching.store(on != 0);
+}
 
 // --- public -----------------------------------------------------------------
 int kv_gethostname(char* name, size_t namelen) {
@@ -299,7 +306,8 @@ int kv_getaddrinfo(const char* hostname, const char* service, const struct addri
         }
         kv_mutex_unlock(Addr_mutex);
     }
-    if (hostname != nullptr && (strcmp(hostname, "0.0.0.0") == 0 || strncmp(hostname, "::", 2) == 0)) {
+    if (hostname != nullptr &&
+        (strcmp(hostname, "0.0.0.0") == 0 || strncmp(hostname, "::", 2) == 0)) {
         *res = anyaddr(hostname[0] == ':', service, hints);
         return 0;
     }
@@ -328,8 +336,10 @@ int kv_getaddrinfo(const char* hostname, const char* service, const struct addri
         while (*link != nullptr) {
             struct addrinfo* a = *link;
             if (service == nullptr && a->ai_addr != nullptr) {
-                if (a->ai_family == AF_INET) reinterpret_cast<sockaddr_in*>(a->ai_addr)->sin_port = 0;
-                if (a->ai_family == AF_INET6) reinterpret_cast<sockaddr_in6*>(a->ai_addr)->sin6_port = 0;
+                if (a->ai_family == AF_INET)
+                    reinterpret_cast<sockaddr_in*>(a->ai_addr)->sin_port = 0;
+                if (a->ai_family == AF_INET6)
+                    reinterpret_cast<sockaddr_in6*>(a->ai_addr)->sin6_port = 0;
             }
             if (hints != nullptr && hints->ai_socktype != 0 && a->ai_socktype == 0)
                 a->ai_socktype = hints->ai_socktype;
@@ -398,7 +408,8 @@ int kv_getnameinfo(const struct sockaddr* sa, socklen_t salen, char* node, sockl
         kv_mutex_unlock(Addr_mutex);
         if (e.err != 0) return e.err;
         if (node != nullptr && nodelen > 0) snprintf(node, nodelen, "%s", e.node.c_str());
-        if (service != nullptr && servicelen > 0) snprintf(service, servicelen, "%s", e.service.c_str());
+        if (service != nullptr && servicelen > 0)
+            snprintf(service, servicelen, "%s", e.service.c_str());
         return 0;
     }
     kv_mutex_unlock(Addr_mutex);
@@ -408,7 +419,8 @@ int kv_getnameinfo(const struct sockaddr* sa, socklen_t salen, char* node, sockl
     int rc = gni(sa, salen, node != nullptr ? n : nullptr, node != nullptr ? sizeof n : 0,
                  service != nullptr ? s : nullptr, service != nullptr ? sizeof s : 0, flags);
     kv_mutex_lock(Addr_mutex);
-    (*Name_cache)[key] = NameEntry{n, s, rc, now + (rc == 0 ? KV_HOST_FOUND_TTL : KV_HOST_UNKNOWN_TTL)};
+    (*Name_cache)[key] =
+        NameEntry{n, s, rc, now + (rc == 0 ? KV_HOST_FOUND_TTL : KV_HOST_UNKNOWN_TTL)};
     kv_mutex_unlock(Addr_mutex);
     if (rc != 0) return rc;
     if (node != nullptr && nodelen > 0) snprintf(node, nodelen, "%s", n);

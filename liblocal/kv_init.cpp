@@ -49,7 +49,7 @@ void set_nonprivileged(void) {
     // Asked for by name, so it is written whatever the trace level.
     if (getenv("VMR_PRINT_UIDS") != nullptr)
         fprintf(stderr, "ruid %d euid %d rgid %d egid %d\n", static_cast<int>(g_ruid),
-                 static_cast<int>(g_euid), static_cast<int>(g_rgid), static_cast<int>(g_egid));
+                static_cast<int>(g_euid), static_cast<int>(g_rgid), static_cast<int>(g_egid));
     if (g_egid != g_rgid && setegid(g_rgid) != 0) kv_error_set_errno(errno);
     if (g_euid != g_ruid && seteuid(g_ruid) != 0) kv_error_set_errno(errno);
 }
@@ -152,8 +152,7 @@ void init_locales(int own_process) {
     // where none was chosen ("C"), the catalogue keeps following the
     // environment by itself.
     const char* cur = setlocale(LC_MESSAGES, nullptr);
-    if (cur != nullptr && strcmp(cur, "C") != 0 && strcmp(cur, "POSIX") != 0)
-        kv_set_my_locale(cur);
+    if (cur != nullptr && strcmp(cur, "C") != 0 && strcmp(cur, "POSIX") != 0) kv_set_my_locale(cur);
 }
 
 int debug_check(const char* progname) {
@@ -240,6 +239,12 @@ void kv_exit(int status) {
     exit(status);
 }
 
-void kv_atexit_disable(void) { g_disabled = true; }
-void kv_atexit_enable(void) { g_disabled = false; }
-int kv_atexit_is_executing(void) { return g_executing.load() ? 1 : 0; }
+void kv_atexit_disable(void) {
+    g_disabled = true;
+}
+void kv_atexit_enable(void) {
+    g_disabled = false;
+}
+int kv_atexit_is_executing(void) {
+    return g_executing.load() ? 1 : 0;
+}

@@ -15,7 +15,9 @@ inline kv_list_t* nx(const kv_list_t* e) {
     memcpy(&n, e, sizeof n);
     return n;
 }
-inline void setnx(kv_list_t* e, kv_list_t* n) { memcpy(e, &n, sizeof n); }
+inline void setnx(kv_list_t* e, kv_list_t* n) {
+    memcpy(e, &n, sizeof n);
+}
 
 // Appends one element to a chain given by head and tail pointers.
 inline void push_tail(kv_list_t** headp, kv_list_t** tailp, kv_list_t* e) {
@@ -45,7 +47,10 @@ void filter(kv_list_t** listp, kv_list_t** lostp, Keep keep) {
         if (keep(e)) {
             prev = e;
         } else {
-            if (prev == nullptr) *listp = next; else setnx(prev, next);
+            if (prev == nullptr)
+                *listp = next;
+            else
+                setnx(prev, next);
             push_tail(lostp, &lost_tail, e);
         }
         e = next;
@@ -65,12 +70,18 @@ int list_addelem(kv_list_t* elem, kv_list_t** listp, kv_list_t** foundp, lcfunc_
         }
         if (c > 0) {
             setnx(elem, cur);
-            if (prev == nullptr) *listp = elem; else setnx(prev, elem);
+            if (prev == nullptr)
+                *listp = elem;
+            else
+                setnx(prev, elem);
             return 1;
         }
     }
     setnx(elem, nullptr);
-    if (prev == nullptr) *listp = elem; else setnx(prev, elem);
+    if (prev == nullptr)
+        *listp = elem;
+    else
+        setnx(prev, elem);
     return 1;
 }
 
@@ -105,7 +116,10 @@ void list_addlist(kv_list_t** newp, kv_list_t** basep, kv_list_t** lostp, lcfunc
     }
     kv_list_t* rest = n != nullptr ? n : b;
     if (rest != nullptr) {
-        if (tail == nullptr) head = rest; else setnx(tail, rest);
+        if (tail == nullptr)
+            head = rest;
+        else
+            setnx(tail, rest);
     }
     *basep = head;
 }
@@ -116,7 +130,7 @@ void list_removeelem(kv_list_t* keys, kv_list_t** listp, kv_list_t** lostp, lcfu
         for (kv_list_t* k = keys; k != nullptr; k = nx(k)) {
             int c = cmp(k, e);
             if (c == 0) return false;
-            if (c > 0) break;   // keys are sorted: no later key can match
+            if (c > 0) break;  // keys are sorted: no later key can match
         }
         return true;
     });
@@ -164,7 +178,7 @@ void list_sort(kv_list_t** listp, int count, lqsortfunc_t cmp) {
         arr[n++] = e;
         e = nx(e);
     }
-    kv_list_t* rest = e;   // beyond `count`: kept behind the sorted part
+    kv_list_t* rest = e;  // beyond `count`: kept behind the sorted part
     qsort(arr, (size_t)n, sizeof(kv_list_t*), cmp);
     for (int i = 0; i + 1 < n; i++) setnx(arr[i], arr[i + 1]);
     setnx(arr[n - 1], rest);
@@ -182,7 +196,10 @@ kv_list_t* list_dup(const kv_list_t* list, kv_list_t* (*dupfunc)(const kv_list_t
 void list_free_1(kv_list_t* list, void (*freefunc)(kv_list_t*)) {
     while (list != nullptr) {
         kv_list_t* next = nx(list);
-        if (freefunc != nullptr) freefunc(list); else free(list);
+        if (freefunc != nullptr)
+            freefunc(list);
+        else
+            free(list);
         list = next;
     }
 }

@@ -23,10 +23,12 @@ struct LockRec {
 
 KVOnce g_once = KV_ONCE_INIT;
 KVMutex g_list_mutex = nullptr;
-LockRec* g_list = nullptr;   // records are never freed, only reused
+LockRec* g_list = nullptr;  // records are never freed, only reused
 std::atomic<kv_lock_fcntl_hook_t> g_fcntl_hook{nullptr};
 
-void init_list(void) { g_list_mutex = kv_mutex_new(); }
+void init_list(void) {
+    g_list_mutex = kv_mutex_new();
+}
 
 int lock_fcntl(int fd, int cmd, struct flock* fl) {
     kv_lock_fcntl_hook_t hook = g_fcntl_hook.load();

@@ -7,5 +7,5 @@
 void* xmalloc(size_t size);
 void* xcalloc(size_t nmemb, size_t size);
 void* xrealloc(void* ptr, size_t size);
-char* xstrdup(const char* s);     // null gives null
+char* xstrdup(const char* s);  // null gives null
 char* xstrndup(const char* s, size_t n);

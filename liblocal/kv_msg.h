@@ -95,7 +95,7 @@ struct rendered_msg {
 #define MSG_BUFFER_POOL_COUNT 200
 #define MSG_BUFFER_SIZE 18432
 #define MSG_LIT_BUFFER_SIZE 3072
-#define MSG_ARG_MAX 2047          // an argument's bytes in an stbuf
+#define MSG_ARG_MAX 2047  // an argument's bytes in an stbuf
 #define MSG_MAX_POSITIONS 254
 
 // Destinations of msg_post / msg_print (a bit mask).
@@ -145,7 +145,7 @@ errinfo* err_dup(errinfo* src_err);
 errinfo* err_restore(errinfo* err);
 errinfo* err_save(errinfo* err);
 void err_conv2(errinfo* err, olderrinfo* newerr);
-structext* errinfo_structext(errinfo* err);   // the structext tail of a record
+structext* errinfo_structext(errinfo* err);  // the structext tail of a record
 
 // Error tables, types and severities.
 int err_setsev(int type, int severity, int errnum);
@@ -177,7 +177,7 @@ void msg_log_close(FILE* fp);
 // Size (in MB) and number of kept versions of a log, asked when it opens.
 typedef void (*logdtls_query_func_t)(const char* appname, int* size_mb, int* versions);
 void setlog_dtls_query_func(logdtls_query_func_t func);
-void msg_set_timestamps(int on);   // Timestamp_msgs
+void msg_set_timestamps(int on);  // Timestamp_msgs
 extern int Timestamp_msgs;
 
 // Rendering. Pool buffers: do not free; valid through 199 further uses.
@@ -196,28 +196,28 @@ rendered_msg* msg_render(errinfo* err, const char* locale, long int displayMask)
 void free_rendered_msgs(rendered_msg* rmsg);
 
 // Text forms.
-char* msg_structext_to_stbuf(structext* strtxt);        // new memory
-structext* msg_stbuf_to_structext(const char* stbuf);   // ring record, null if malformed
+char* msg_structext_to_stbuf(structext* strtxt);       // new memory
+structext* msg_stbuf_to_structext(const char* stbuf);  // ring record, null if malformed
 structext* msg_string_to_structext(const char* str);
-char* msg_structext_to_xml(structext* strtxt);          // new memory
+char* msg_structext_to_xml(structext* strtxt);  // new memory
 structext* msg_xml_to_structext(const char* xml);
 int is_structext_xml(const char* text);
-char* msg_xml_char_encode(const char* in);               // new memory
-char* msg_xml_char_decode(const char* in);               // new memory
+char* msg_xml_char_encode(const char* in);  // new memory
+char* msg_xml_char_decode(const char* in);  // new memory
 struct vallist;
 vallist* msg_structext_to_vallist(structext* strtxt);
 structext* msg_vallist_to_structext(vallist* vl);
-char* msg_structext_to_stxdrbuf(structext* strtxt);      // new memory
+char* msg_structext_to_stxdrbuf(structext* strtxt);  // new memory
 structext* msg_stxdrbuf_to_structext(const char* buf);
-char* msg_errinfo_to_errbuf(errinfo* err);                 // new memory
+char* msg_errinfo_to_errbuf(errinfo* err);  // new memory
 errinfo* msg_errbuf_to_errinfo(const char* buf);
 
 // The message catalogue and the process locale.
 char* get_localized_form(int msgID, const char* locale, const char* form);
 char* kv_catgets(int msgID, const char* locale, const char* form);
 const char* kv_get_my_locale(void);
-void kv_set_my_locale(const char* locale);   // null: back to the environment's
-void kv_set_catalog_dir(const char* dir);    // null: the default
+void kv_set_my_locale(const char* locale);  // null: back to the environment's
+void kv_set_catalog_dir(const char* dir);   // null: the default
 void kv_i18n_enable(int on);
 
 // Circumstances of new records.

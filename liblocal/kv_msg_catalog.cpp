@@ -34,7 +34,7 @@ struct Catalogue {
 };
 
 std::mutex g_cat_mutex;
-std::map<std::string, Catalogue>* g_cats = nullptr;   // never freed: lives with the process
+std::map<std::string, Catalogue>* g_cats = nullptr;  // never freed: lives with the process
 std::string* g_cat_dir = nullptr;
 std::string* g_my_locale = nullptr;
 int g_i18n_on = 1;
@@ -129,7 +129,9 @@ void kv_set_catalog_dir(const char* dir) {
     }
 }
 
-void kv_i18n_enable(int on) { g_i18n_on = on; }
+void kv_i18n_enable(int on) {
+    g_i18n_on = on;
+}
 
 char* kv_catgets(int msgID, const char* locale, const char* form) {
     if (!g_i18n_on || locale == nullptr || msgID < 1) return const_cast<char*>(form);
@@ -199,4 +201,6 @@ char* msg_mlit_create(int msgID, const char* form) {
     return out;
 }
 
-char* msg_string_to_mlit(const char* form) { return msg_mlit_create(0, form); }
+char* msg_string_to_mlit(const char* form) {
+    return msg_mlit_create(0, form);
+}

@@ -23,11 +23,13 @@
 
 static_assert(offsetof(errinfo, form) - offsetof(errinfo, MsgId) == offsetof(structext, form),
               "errinfo must end in a structext");
-static_assert(offsetof(errinfo, argcount) - offsetof(errinfo, MsgId) == offsetof(structext, argcount),
+static_assert(offsetof(errinfo, argcount) - offsetof(errinfo, MsgId) ==
+                  offsetof(structext, argcount),
               "errinfo must end in a structext");
 static_assert(offsetof(errinfo, arglist) - offsetof(errinfo, MsgId) == offsetof(structext, arglist),
               "errinfo must end in a structext");
-static_assert(offsetof(errinfo, MsgId) % alignof(structext) == 0, "errinfo must end in a structext");
+static_assert(offsetof(errinfo, MsgId) % alignof(structext) == 0,
+              "errinfo must end in a structext");
 
 namespace {
 
@@ -38,8 +40,8 @@ struct Pool {
     size_t size;
 };
 
-Pool g_msg_pool;   // Msg_buffer_pool under Msglock
-Pool g_lit_pool;   // Msglit_buffer_pool under Msglitlock
+Pool g_msg_pool;  // Msg_buffer_pool under Msglock
+Pool g_lit_pool;  // Msglit_buffer_pool under Msglitlock
 KVOnce g_msg_once = KV_ONCE_INIT;
 KVThreadStorage g_thread_key = nullptr;
 int g_force_msg_id = 0;
@@ -103,7 +105,8 @@ void msg_once_routine() {
     g_lit_pool.lock = new_mutex_until_made();
     g_lit_pool.size = MSG_LIT_BUFFER_SIZE;
     g_name_lock = new_mutex_until_made();
-    while ((g_thread_key = kv_threadstorage_new(thread_state_free)) == nullptr) kv_thread_sleep(1000);
+    while ((g_thread_key = kv_threadstorage_new(thread_state_free)) == nullptr)
+        kv_thread_sleep(1000);
 }
 
 char* pool_take(Pool& pool) {
@@ -161,7 +164,8 @@ void fill_structext(structext* st, int msgID, const char* form, va_list ap) {
     st->argcount = get_num_args(form);
     st->arglist = nullptr;
     if (st->argcount == 0) return;
-    st->arglist = static_cast<argtuple**>(xcalloc(static_cast<size_t>(st->argcount), sizeof(argtuple*)));
+    st->arglist =
+        static_cast<argtuple**>(xcalloc(static_cast<size_t>(st->argcount), sizeof(argtuple*)));
     for (int i = 0; i < st->argcount; ++i) {
         argtuple* a = static_cast<argtuple*>(xmalloc(sizeof(argtuple)));
         a->argdesc = va_arg(ap, int);
@@ -185,9 +189,15 @@ char* lit_printf(const char* fmt, ...) {
 
 // ---- Process state ---------------------------------------------------------------------
 
-void msg_once_init(void) { kv_once(&g_msg_once, msg_once_routine); }
-char* msg_pool_buffer(void) { return pool_take(g_msg_pool); }
-char* msg_lit_pool_buffer(void) { return pool_take(g_lit_pool); }
+void msg_once_init(void) {
+    kv_once(&g_msg_once, msg_once_routine);
+}
+char* msg_pool_buffer(void) {
+    return pool_take(g_msg_pool);
+}
+char* msg_lit_pool_buffer(void) {
+    return pool_take(g_lit_pool);
+}
 int msg_force_msg_id(void) {
     msg_once_init();
     return g_force_msg_id;
@@ -197,9 +207,15 @@ int msg_rrend_noenv(void) {
     return g_rrend_noenv;
 }
 
-void msg_set_activityID(int id) { g_activity.store(id); }
-void msg_set_act_id(int id) { g_activity.store(id); }
-int msg_get_act_id(void) { return g_activity.load(); }
+void msg_set_activityID(int id) {
+    g_activity.store(id);
+}
+void msg_set_act_id(int id) {
+    g_activity.store(id);
+}
+int msg_get_act_id(void) {
+    return g_activity.load();
+}
 
 void msg_set_program_name(const char* name) {
     msg_once_init();
@@ -229,10 +245,12 @@ MsgThread* msg_thread(void) {
     msg_once_init();
     MsgThread* t = static_cast<MsgThread*>(kv_threadstorage_get(g_thread_key));
     if (t != nullptr) return t;
-    while ((t = static_cast<MsgThread*>(calloc(1, sizeof(MsgThread)))) == nullptr) kv_thread_sleep(2000);
+    while ((t = static_cast<MsgThread*>(calloc(1, sizeof(MsgThread)))) == nullptr)
+        kv_thread_sleep(2000);
     for (errinfo& e : t->ring) e.MsgId = MSG_FREE_SLOT;
     t->st_size = structext_ring_size();
-    t->st_ring = static_cast<structext*>(xcalloc(static_cast<size_t>(t->st_size), sizeof(structext)));
+    t->st_ring =
+        static_cast<structext*>(xcalloc(static_cast<size_t>(t->st_size), sizeof(structext)));
     for (int i = 0; i < t->st_size; ++i) t->st_ring[i].MsgId = MSG_FREE_SLOT;
     t->ring_next = -1;
     t->st_next = -1;
@@ -245,7 +263,7 @@ errinfo* msg_next_errinfo(void) {
     MsgThread* t = msg_thread();
     t->ring_next = (t->ring_next + 1) % MSG_ERRINFO_RING_SIZE;
     errinfo* e = &t->ring[t->ring_next];
-    msg_free(e);   // a record the caller forgot is released here
+    msg_free(e);  // a record the caller forgot is released here
     memset(e, 0, sizeof(*e));
     return e;
 }
@@ -298,7 +316,8 @@ void msg_structext_copy(structext* dst, const structext* src) {
     dst->argcount = src->arglist != nullptr && src->argcount > 0 ? src->argcount : 0;
     dst->arglist = nullptr;
     if (dst->argcount == 0) return;
-    dst->arglist = static_cast<argtuple**>(xcalloc(static_cast<size_t>(dst->argcount), sizeof(argtuple*)));
+    dst->arglist =
+        static_cast<argtuple**>(xcalloc(static_cast<size_t>(dst->argcount), sizeof(argtuple*)));
     for (int i = 0; i < dst->argcount; ++i) {
         argtuple* a = static_cast<argtuple*>(xmalloc(sizeof(argtuple)));
         const argtuple* s = src->arglist[i];
@@ -317,10 +336,16 @@ void msg_free(errinfo* err) {
     msg_structext_clear(errinfo_structext(err));
 }
 
-void err_free(errinfo* err) { msg_free(err); }
+void err_free(errinfo* err) {
+    msg_free(err);
+}
 
-void msg_structext_free(structext* strtxt) { msg_structext_clear(strtxt); }
-void msg_structext_depopulate(structext* strtxt) { msg_structext_clear(strtxt); }
+void msg_structext_free(structext* strtxt) {
+    msg_structext_clear(strtxt);
+}
+void msg_structext_depopulate(structext* strtxt) {
+    msg_structext_clear(strtxt);
+}
 
 void err_dup2(errinfo* err, errinfo* newerr) {
     if (newerr == nullptr || err == newerr) return;
@@ -343,7 +368,7 @@ void err_dup2(errinfo* err, errinfo* newerr) {
 errinfo* err_dup(errinfo* src_err) {
     if (src_err == nullptr) return nullptr;
     errinfo tmp;
-    err_dup2(src_err, &tmp);   // first, in case src_err is the slot to be taken
+    err_dup2(src_err, &tmp);  // first, in case src_err is the slot to be taken
     errinfo* e = msg_next_errinfo();
     *e = tmp;
     return e;
@@ -412,7 +437,7 @@ errinfo* msg_create(int msgID, int errnum, const char* form, ...) {
 errinfo* msg_create_from_structext(int errnum, structext* srctxt) {
     if (srctxt == nullptr || srctxt->form == nullptr) return nullptr;
     structext copy;
-    msg_structext_copy(&copy, srctxt);   // before the ring may reuse srctxt's slot
+    msg_structext_copy(&copy, srctxt);  // before the ring may reuse srctxt's slot
     errinfo* e = msg_next_errinfo();
     *errinfo_structext(e) = copy;
     return finish_errinfo(e, errnum);
@@ -484,10 +509,24 @@ structext* msg_structext_new(int msgID, const char* form, int argcount, int* arg
 
 // ---- Numbers as text ---------------------------------------------------------------------
 
-char* inttostr(int v) { return lit_printf("%d", v); }
-char* uinttostr(unsigned int v) { return lit_printf("%u", v); }
-char* longtostr(long v) { return lit_printf("%ld", v); }
-char* ulongtostr(unsigned long v) { return lit_printf("%lu", v); }
-char* floattostr(double v) { return lit_printf("%f", v); }
-char* ptrtostr(const void* v) { return lit_printf("%p", v); }
-char* chartostr(char v) { return lit_printf("%c", v); }
+char* inttostr(int v) {
+    return lit_printf("%d", v);
+}
+char* uinttostr(unsigned int v) {
+    return lit_printf("%u", v);
+}
+char* longtostr(long v) {
+    return lit_printf("%ld", v);
+}
+char* ulongtostr(unsigned long v) {
+    return lit_printf("%lu", v);
+}
+char* floattostr(double v) {
+    return lit_printf("%f", v);
+}
+char* ptrtostr(const void* v) {
+    return lit_printf("%p", v);
+}
+char* chartostr(char v) {
+    return lit_printf("%c", v);
+}

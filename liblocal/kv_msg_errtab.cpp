@@ -72,41 +72,83 @@ const int rpc_severities[] = {0, 3, 3, 3, 3, 2, 3, 3, 3, 3, 3, 3, 3, 3, 3,
                               3, 3, 3, 2, 3, 3, 3, 3, 3, 1, 3, 3, 3, 3, 3};
 
 const char* const rap_errstrs[] = {
-    "71100:Success", "71101:Resource not found", "71102:Resource already exists",
-    "71103:Permission denied", "71104:Invalid attribute", "71105:Invalid value",
-    "71106:Attribute is read-only", "71107:Missing required attribute",
-    "71108:Resource is busy", "71109:Resource is locked", "71110:Resource database is busy",
-    "71111:Resource database error", "71112:Invalid resource type", "71113:Invalid query",
-    "71114:Too many resources match", "71115:No resources match", "71116:Invalid name",
-    "71117:Name too long", "71118:Invalid hostname", "71119:Invalid user",
-    "71120:Operation not supported", "71121:Version mismatch", "71122:Connection lost",
-    "71123:Timed out", "71124:Out of memory", "71125:Invalid request", "71126:Bad checksum",
-    "71127:Resource was changed by another session", "71128:Duplicate attribute",
-    "71129:Invalid operation", "71130:Invalid hidden attribute", "71131:Reference in use",
-    "71132:Attribute value too long", "71133:Internal error",
+    "71100:Success",
+    "71101:Resource not found",
+    "71102:Resource already exists",
+    "71103:Permission denied",
+    "71104:Invalid attribute",
+    "71105:Invalid value",
+    "71106:Attribute is read-only",
+    "71107:Missing required attribute",
+    "71108:Resource is busy",
+    "71109:Resource is locked",
+    "71110:Resource database is busy",
+    "71111:Resource database error",
+    "71112:Invalid resource type",
+    "71113:Invalid query",
+    "71114:Too many resources match",
+    "71115:No resources match",
+    "71116:Invalid name",
+    "71117:Name too long",
+    "71118:Invalid hostname",
+    "71119:Invalid user",
+    "71120:Operation not supported",
+    "71121:Version mismatch",
+    "71122:Connection lost",
+    "71123:Timed out",
+    "71124:Out of memory",
+    "71125:Invalid request",
+    "71126:Bad checksum",
+    "71127:Resource was changed by another session",
+    "71128:Duplicate attribute",
+    "71129:Invalid operation",
+    "71130:Invalid hidden attribute",
+    "71131:Reference in use",
+    "71132:Attribute value too long",
+    "71133:Internal error",
 };
 const int rap_severities[] = {0, 3, 3, 3, 3, 3, 3, 3, 2, 2, 2, 4, 3, 3, 3, 2, 3,
                               3, 3, 3, 3, 3, 3, 2, 5, 3, 3, 2, 3, 3, 3, 2, 3, 4};
 
-const char* const job_errstrs[] = {"71200:Success", "71201:Job not found", "71202:Job already exists",
-                                   "71203:Job was cancelled", "71204:Job failed"};
+const char* const job_errstrs[] = {"71200:Success", "71201:Job not found",
+                                   "71202:Job already exists", "71203:Job was cancelled",
+                                   "71204:Job failed"};
 const int job_severities[] = {0, 3, 3, 2, 3};
 
 const char* const gss_errstrs[] = {
-    "71300:Success", "71301:Bad mechanism", "71302:Bad name", "71303:Bad name type",
-    "71304:Bad bindings", "71305:Bad status", "71306:Bad signature", "71307:No credentials",
-    "71308:No context", "71309:Defective token", "71310:Defective credential",
-    "71311:Credentials expired", "71312:Context expired", "71313:Failure",
-    "71314:Bad quality of protection", "71315:Unauthorized", "71316:Unavailable",
-    "71317:Duplicate element", "71318:Name not a mechanism name",
+    "71300:Success",
+    "71301:Bad mechanism",
+    "71302:Bad name",
+    "71303:Bad name type",
+    "71304:Bad bindings",
+    "71305:Bad status",
+    "71306:Bad signature",
+    "71307:No credentials",
+    "71308:No context",
+    "71309:Defective token",
+    "71310:Defective credential",
+    "71311:Credentials expired",
+    "71312:Context expired",
+    "71313:Failure",
+    "71314:Bad quality of protection",
+    "71315:Unauthorized",
+    "71316:Unavailable",
+    "71317:Duplicate element",
+    "71318:Name not a mechanism name",
 };
 const int gss_severities[] = {0, 3, 3, 3, 3, 3, 4, 3, 3, 4, 4, 2, 2, 3, 3, 3, 3, 2, 3};
 
 const char* const ssl_errstrs[] = {
-    "71400:Success", "71401:SSL handshake failed", "71402:SSL certificate not valid",
-    "71403:SSL certificate expired", "71404:SSL peer closed the connection",
-    "71405:SSL read failed", "71406:SSL write failed", "71407:SSL context not initialised",
-    "71408:SSL protocol error", "71409:SSL unknown error",
+    "71400:Success",
+    "71401:SSL handshake failed",
+    "71402:SSL certificate not valid",
+    "71403:SSL certificate expired",
+    "71404:SSL peer closed the connection",
+    "71405:SSL read failed",
+    "71406:SSL write failed",
+    "71407:SSL context not initialised",
+    "71408:SSL protocol error",
+    "71409:SSL unknown error",
 };
 const int ssl_severities[] = {0, 3, 3, 3, 2, 3, 3, 4, 3, 3};
 
@@ -155,7 +197,9 @@ bool has_literal_id(const char* s) {
 
 }  // namespace
 
-void errinfo_once(void) { kv_once(&g_tab_once, build_tables); }
+void errinfo_once(void) {
+    kv_once(&g_tab_once, build_tables);
+}
 
 void err_unsetall(void) {
     errinfo_once();
@@ -175,9 +219,12 @@ int err_setsev(int type, int severity, int errnum) {
     if (t == nullptr || severity != 0) return plain;
     int sev = 0;
     if (type == 1) {
-        if (errnum == 0) sev = 1;
-        else if (errnum == 4 || errnum == 100 || errnum == 102 || errnum == 104 || errnum == 110) sev = 3;
-        else sev = 5;
+        if (errnum == 0)
+            sev = 1;
+        else if (errnum == 4 || errnum == 100 || errnum == 102 || errnum == 104 || errnum == 110)
+            sev = 3;
+        else
+            sev = 5;
     } else if (t->severities != nullptr && errnum >= 0 && errnum <= t->maxerrno) {
         sev = t->severities[errnum];
     }
@@ -191,12 +238,12 @@ const char* err_typedesc(int type) {
 
 const char* err_sevdesc(int severity) {
     switch (severity) {
-        case 1: return "notice";
-        case 2: return "warning";
-        case 3: return "error";
-        case 4: return "severe";
-        case 5: return "critical";
-        default: return "info";
+    case 1: return "notice";
+    case 2: return "warning";
+    case 3: return "error";
+    case 4: return "severe";
+    case 5: return "critical";
+    default: return "info";
     }
 }
 
@@ -209,8 +256,10 @@ char* rpc_errstr(int idx) {
 
 errinfo* err_set(int type, int errnum) {
     const char* text;
-    if (type == 1 || type == 18) text = kv_strerror(errnum);
-    else text = table_text(type, errnum);
+    if (type == 1 || type == 18)
+        text = kv_strerror(errnum);
+    else
+        text = table_text(type, errnum);
     if (text == nullptr) text = "Unknown error";
     int kind = has_literal_id(text) ? ARG_LITERAL_ID : ARG_SYSERR;
     return msg_create(0, type * 10000 + errnum, "%s", kind, text);
@@ -270,9 +319,12 @@ errinfo* blow_err(int free_errbuf) {
 }
 
 static_assert(sizeof(rpc_severities) / sizeof(int) == kRpcCount, "one severity per RPC text");
-static_assert(sizeof(rap_errstrs) / sizeof(char*) == 34 && sizeof(rap_severities) / sizeof(int) == 34,
+static_assert(sizeof(rap_errstrs) / sizeof(char*) == 34 &&
+                  sizeof(rap_severities) / sizeof(int) == 34,
               "RAP numbers run 0 to 33");
-static_assert(sizeof(gss_errstrs) / sizeof(char*) == 19 && sizeof(gss_severities) / sizeof(int) == 19,
+static_assert(sizeof(gss_errstrs) / sizeof(char*) == 19 &&
+                  sizeof(gss_severities) / sizeof(int) == 19,
               "GSS numbers run 0 to 18");
-static_assert(sizeof(ssl_errstrs) / sizeof(char*) == 10 && sizeof(ssl_severities) / sizeof(int) == 10,
+static_assert(sizeof(ssl_errstrs) / sizeof(char*) == 10 &&
+                  sizeof(ssl_severities) / sizeof(int) == 10,
               "SSL numbers run 0 to 9");

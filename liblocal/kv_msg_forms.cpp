@@ -103,8 +103,8 @@ bool parse_stbuf(const char* s, ParsedMsg* m, const char** rest) {
     const char* p = s;
     long long id = 0;
     long long flen = 0;
-    if (!read_int(p, &id, true) || !expect(p, ' ') || !read_int(p, &flen, false) || !expect(p, ' ') ||
-        !read_bytes(p, flen, &m->form))
+    if (!read_int(p, &id, true) || !expect(p, ' ') || !read_int(p, &flen, false) ||
+        !expect(p, ' ') || !read_bytes(p, flen, &m->form))
         return false;
     m->id = static_cast<int>(id);
     if (*p == ' ') {
@@ -252,7 +252,8 @@ char* msg_stbuf_populate(int msgID, char* outbuf, unsigned int bufsize, const ch
         // A whole substitute rather than a cut stbuf that would not parse.
         std::string id = std::to_string(msgID);
         std::string f = "stbuf overflow, msgID:%d";
-        s = "0 " + std::to_string(f.size()) + " " + f + " 1 1 " + std::to_string(id.size()) + " " + id;
+        s = "0 " + std::to_string(f.size()) + " " + f + " 1 1 " + std::to_string(id.size()) + " " +
+            id;
     }
     snprintf(outbuf, bufsize, "%s", s.c_str());
     return outbuf;
@@ -265,12 +266,12 @@ char* msg_xml_char_encode(const char* in) {
     std::string o;
     for (const char* p = in; *p != '\0'; ++p) {
         switch (*p) {
-            case '&': o += "&amp;"; break;
-            case '"': o += "&quot;"; break;
-            case '\'': o += "&apos;"; break;
-            case '<': o += "&lt;"; break;
-            case '>': o += "&gt;"; break;
-            default: o += *p; break;
+        case '&': o += "&amp;"; break;
+        case '"': o += "&quot;"; break;
+        case '\'': o += "&apos;"; break;
+        case '<': o += "&lt;"; break;
+        case '>': o += "&gt;"; break;
+        default: o += *p; break;
         }
     }
     return xstrdup(o.c_str());
@@ -591,15 +592,16 @@ bool parse_err_tail(const char* p, ErrTail* t) {
         t->ts = v;
         p = end;
     }
-    if (!expect(p, ' ') || !read_int(p, &t->tid, true) || !expect(p, ' ') || !read_int(p, &t->pid, true) ||
-        !expect(p, ' ') || !read_int(p, &t->act, true) || !expect(p, ' '))
+    if (!expect(p, ' ') || !read_int(p, &t->tid, true) || !expect(p, ' ') ||
+        !read_int(p, &t->pid, true) || !expect(p, ' ') || !read_int(p, &t->act, true) ||
+        !expect(p, ' '))
         return false;
     const char* h = p;
     while (*p != '\0' && *p != ' ') ++p;
     t->host.assign(h, static_cast<size_t>(p - h));
     if (t->host.size() >= 64) return false;
-    if (!expect(p, ' ') || !read_int(p, &plen, false) || !expect(p, ' ') || !read_bytes(p, plen, &t->prog) ||
-        !expect(p, ' '))
+    if (!expect(p, ' ') || !read_int(p, &plen, false) || !expect(p, ' ') ||
+        !read_bytes(p, plen, &t->prog) || !expect(p, ' '))
         return false;
     return parse_stbuf(p, &t->msg, nullptr);
 }

@@ -20,8 +20,8 @@ char* msg_pool_buffer(void);
 char* msg_lit_pool_buffer(void);
 
 // Process switches read once from the environment.
-int msg_force_msg_id(void);   // VMR_FORCE_MSG_ID
-int msg_rrend_noenv(void);    // VMR_RREND_NOENV
+int msg_force_msg_id(void);  // VMR_FORCE_MSG_ID
+int msg_rrend_noenv(void);   // VMR_RREND_NOENV
 
 // The calling thread's state. Never null.
 struct MsgThread {

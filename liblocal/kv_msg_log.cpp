@@ -39,7 +39,9 @@ bool wants_file_lock(int fd) {
     return fl != -1 && (fl & O_ACCMODE) != O_RDONLY;
 }
 
-std::string versioned(const char* path, int n) { return std::string(path) + "." + std::to_string(n); }
+std::string versioned(const char* path, int n) {
+    return std::string(path) + "." + std::to_string(n);
+}
 
 // Moves path to path.1, path.1 to path.2 and so on; the oldest falls off.
 bool roll_out(const char* path, int versions) {
@@ -47,14 +49,17 @@ bool roll_out(const char* path, int versions) {
     unlink(versioned(path, versions).c_str());
     for (int i = versions - 1; i >= 1; --i) {
         std::string from = versioned(path, i);
-        if (rename(from.c_str(), versioned(path, i + 1).c_str()) != 0 && errno != ENOENT) return false;
+        if (rename(from.c_str(), versioned(path, i + 1).c_str()) != 0 && errno != ENOENT)
+            return false;
     }
     return rename(path, versioned(path, 1).c_str()) == 0;
 }
 
 }  // namespace
 
-void setlog_dtls_query_func(logdtls_query_func_t func) { g_logdtls_func.store(func); }
+void setlog_dtls_query_func(logdtls_query_func_t func) {
+    g_logdtls_func.store(func);
+}
 
 FILE* msg_log_open(const char* path, const char* appname, int flags) {
     if (path == nullptr) return nullptr;
@@ -65,7 +70,8 @@ FILE* msg_log_open(const char* path, const char* appname, int flags) {
     struct stat st;
     if (stat(path, &st) == 0 && size_mb >= 0 &&
         static_cast<long long>(st.st_size) > static_cast<long long>(size_mb) * 1024 * 1024) {
-        if (!roll_out(path, versions)) fprintf(stderr, "Unable to roll out old %s, continuing...\n", path);
+        if (!roll_out(path, versions))
+            fprintf(stderr, "Unable to roll out old %s, continuing...\n", path);
     }
     FILE* fp = fopen(path, "ae");
     if (fp == nullptr) return nullptr;

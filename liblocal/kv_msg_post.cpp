@@ -33,15 +33,18 @@ std::string process_str(const char* s, int mode) {
     for (const char* p = s; *p != '\0'; ++p) {
         if (mode == 1 && o.size() >= kTextArgMax) break;
         if (*p == '\n') {
-            if (mode == 0) o += "\\n";
-            else if (mode == 2) o += ' ';
+            if (mode == 0)
+                o += "\\n";
+            else if (mode == 2)
+                o += ' ';
         } else if (*p == '\r' && mode == 1) {
             continue;
         } else {
             o += *p;
         }
     }
-    if (mode == 0 && o.size() >= 2 && o.compare(o.size() - 2, 2, "\\n") == 0) o.resize(o.size() - 2);
+    if (mode == 0 && o.size() >= 2 && o.compare(o.size() - 2, 2, "\\n") == 0)
+        o.resize(o.size() - 2);
     return o;
 }
 
@@ -91,10 +94,14 @@ std::string build_logline(const errinfo* m) {
         const argtuple* a = m->arglist[i];
         if (a == nullptr) continue;
         std::string t;
-        if (a->argdesc == ARG_TEXT || a->argdesc == ARG_SYSERR) t = process_str(a->arg, 1);
-        else if (a->argdesc == ARG_NESTED_STBUF) t = process_str(a->arg, 2);
-        else t = a->arg != nullptr ? a->arg : "";
-        std::string one = " " + std::to_string(a->argdesc) + " " + std::to_string(t.size()) + " " + t;
+        if (a->argdesc == ARG_TEXT || a->argdesc == ARG_SYSERR)
+            t = process_str(a->arg, 1);
+        else if (a->argdesc == ARG_NESTED_STBUF)
+            t = process_str(a->arg, 2);
+        else
+            t = a->arg != nullptr ? a->arg : "";
+        std::string one =
+            " " + std::to_string(a->argdesc) + " " + std::to_string(t.size()) + " " + t;
         if (rest.size() + args.size() + one.size() + 16 > kRestSize) break;
         args += one;
         ++n;
@@ -142,16 +149,22 @@ void post_console(int dest, errinfo* m, bool compact) {
     }
     if (dest & MSG_DEST_STDOUT) msg_fprintf(stdout, "%s\n", t.c_str());
     if (dest & MSG_DEST_STDERR) {
-        if (dest & MSG_DEST_NOMSGID) msg_fprintf(stderr, "%s\n", t.c_str());
-        else msg_fprintf(stderr, idform, m->MsgId, prog, t.c_str());
+        if (dest & MSG_DEST_NOMSGID)
+            msg_fprintf(stderr, "%s\n", t.c_str());
+        else
+            msg_fprintf(stderr, idform, m->MsgId, prog, t.c_str());
     }
 }
 
 }  // namespace
 
-void msg_set_timestamps(int on) { Timestamp_msgs = on; }
+void msg_set_timestamps(int on) {
+    Timestamp_msgs = on;
+}
 
-void msg_set_post_func(msg_post_func_t func) { g_post_func.store(func); }
+void msg_set_post_func(msg_post_func_t func) {
+    g_post_func.store(func);
+}
 
 void msg_auditpost(errinfo* my_msg) {
     if (my_msg == nullptr || my_msg->form == nullptr || g_audit_log_fp == nullptr) return;
@@ -189,7 +202,9 @@ void msg_post(int destination, errinfo* my_msg) {
         msg_fprintf(g_rend_log_fp, "%s", build_rendered_line(nullptr, my_msg).c_str());
 }
 
-void err_print(errinfo* err) { msg_post(MSG_DEST_STDERR, err); }
+void err_print(errinfo* err) {
+    msg_post(MSG_DEST_STDERR, err);
+}
 
 void msg_err_print(int msgID, int errnum, const char* form, ...) {
     if (form == nullptr) return;
@@ -203,10 +218,11 @@ void msg_err_print(int msgID, int errnum, const char* form, ...) {
 
 void msg_print(int msgID, int errnum, int destination, const char* form, ...) {
     if (form == nullptr) return;
-    if (errnum >= 0 && errnum < 6) errnum *= 1000;   // a bare severity
+    if (errnum >= 0 && errnum < 6) errnum *= 1000;  // a bare severity
     va_list ap;
     va_start(ap, form);
-    if (!Timestamp_msgs && !(destination & (MSG_DEST_CUSTLOG | MSG_DEST_LOGONLY | MSG_DEST_AUDIT))) {
+    if (!Timestamp_msgs &&
+        !(destination & (MSG_DEST_CUSTLOG | MSG_DEST_LOGONLY | MSG_DEST_AUDIT))) {
         // The message holds its own line break; nothing is added here.
         const char* t = vrender_string(msgID, nullptr, form, ap);
         va_end(ap);
@@ -218,8 +234,10 @@ void msg_print(int msgID, int errnum, int destination, const char* form, ...) {
         }
         if (destination & MSG_DEST_STDOUT) msg_fprintf(stdout, "%s", t);
         if (destination & MSG_DEST_STDERR) {
-            if (bare) msg_fprintf(stderr, "%s", t);
-            else msg_fprintf(stderr, "%d:%s: %s", msgID, prog, t);
+            if (bare)
+                msg_fprintf(stderr, "%s", t);
+            else
+                msg_fprintf(stderr, "%d:%s: %s", msgID, prog, t);
         }
         return;
     }
@@ -263,7 +281,7 @@ char* render_logline(const char* locale, char* buf) {
     structext st;
     const char* rest = nullptr;
     if (!msg_stbuf_parse(sb.c_str(), &st, &rest)) return buf;
-    std::string form;   // "\n" in a stored form was a line break
+    std::string form;  // "\n" in a stored form was a line break
     for (const char* f = st.form; *f != '\0'; ++f) {
         if (f[0] == '\\' && f[1] == 'n') {
             form += '\n';
@@ -293,7 +311,7 @@ char* render_logline(const char* locale, char* buf) {
 }
 
 rendered_msg* msg_render(errinfo* err, const char* locale, long int displayMask) {
-    (void)displayMask;   // every field is filled; the caller shows what it wants
+    (void)displayMask;  // every field is filled; the caller shows what it wants
     if (err == nullptr) return nullptr;
     rendered_msg* r = static_cast<rendered_msg*>(xcalloc(1, sizeof(rendered_msg)));
     char when[128];
@@ -306,18 +324,21 @@ rendered_msg* msg_render(errinfo* err, const char* locale, long int displayMask)
     r->threadID = xstrdup(std::to_string(err->threadID).c_str());
     r->processID = xstrdup(std::to_string(err->processID).c_str());
     r->activityID = xstrdup(std::to_string(err->activityID).c_str());
-    r->hostName = xstrdup(std::string(err->hostName, strnlen(err->hostName, sizeof(err->hostName))).c_str());
+    r->hostName =
+        xstrdup(std::string(err->hostName, strnlen(err->hostName, sizeof(err->hostName))).c_str());
     r->programName = xstrdup(err->programName != nullptr ? err->programName : "");
     r->MsgID = xstrdup(std::to_string(err->MsgId).c_str());
-    std::string t = err->form != nullptr ? rendered_text(locale, err) : (err->errstr != nullptr ? err->errstr : "");
+    std::string t = err->form != nullptr ? rendered_text(locale, err)
+                                         : (err->errstr != nullptr ? err->errstr : "");
     r->locMsg = xstrdup(t.c_str());
     return r;
 }
 
 void free_rendered_msgs(rendered_msg* rmsg) {
     if (rmsg == nullptr) return;
-    char** f[] = {&rmsg->timestamp, &rmsg->errnum, &rmsg->threadID, &rmsg->processID, &rmsg->activityID,
-                  &rmsg->hostName, &rmsg->programName, &rmsg->MsgID, &rmsg->locMsg};
+    char** f[] = {&rmsg->timestamp,   &rmsg->errnum,     &rmsg->threadID,
+                  &rmsg->processID,   &rmsg->activityID, &rmsg->hostName,
+                  &rmsg->programName, &rmsg->MsgID,      &rmsg->locMsg};
     for (char** p : f) {
         free(*p);
         *p = nullptr;

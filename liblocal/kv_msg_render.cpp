@@ -32,13 +32,13 @@ const int kMaxNestDepth = 8;
 enum LenMod { LM_NONE, LM_HH, LM_H, LM_L, LM_LL, LM_BIGL, LM_J, LM_Z, LM_T };
 
 struct Conversion {
-    const char* end;   // just past the conversion letter
-    int pos;           // position of the value, 1-based
+    const char* end;  // just past the conversion letter
+    int pos;          // position of the value, 1-based
     char flags[8];
     int nflags;
-    int width;         // -1: none
-    int width_pos;     // > 0: the width is the value at this position
-    int prec;          // -1: none
+    int width;      // -1: none
+    int width_pos;  // > 0: the width is the value at this position
+    int prec;       // -1: none
     int prec_pos;
     LenMod lenmod;
     char conv;
@@ -102,30 +102,45 @@ ParseResult parse_spec(const char* p, int* next, Conversion* sp) {
         }
     }
     switch (*p) {
-        case 'h':
+    case 'h':
+        ++p;
+        if (*p == 'h') {
             ++p;
-            if (*p == 'h') {
-                ++p;
-                sp->lenmod = LM_HH;
-            } else {
-                sp->lenmod = LM_H;
-            }
-            break;
-        case 'l':
+            sp->lenmod = LM_HH;
+        } else {
+            sp->lenmod = LM_H;
+        }
+        break;
+    case 'l':
+        ++p;
+        if (*p == 'l') {
             ++p;
-            if (*p == 'l') {
-                ++p;
-                sp->lenmod = LM_LL;
-            } else {
-                sp->lenmod = LM_L;
-            }
-            break;
-        case 'q': ++p; sp->lenmod = LM_LL; break;
-        case 'L': ++p; sp->lenmod = LM_BIGL; break;
-        case 'j': ++p; sp->lenmod = LM_J; break;
-        case 'z': ++p; sp->lenmod = LM_Z; break;
-        case 't': ++p; sp->lenmod = LM_T; break;
-        default: break;
+            sp->lenmod = LM_LL;
+        } else {
+            sp->lenmod = LM_L;
+        }
+        break;
+    case 'q':
+        ++p;
+        sp->lenmod = LM_LL;
+        break;
+    case 'L':
+        ++p;
+        sp->lenmod = LM_BIGL;
+        break;
+    case 'j':
+        ++p;
+        sp->lenmod = LM_J;
+        break;
+    case 'z':
+        ++p;
+        sp->lenmod = LM_Z;
+        break;
+    case 't':
+        ++p;
+        sp->lenmod = LM_T;
+        break;
+    default: break;
     }
     sp->conv = *p;
     if (*p == '\0') return PARSE_BAD;
@@ -137,8 +152,12 @@ ParseResult parse_spec(const char* p, int* next, Conversion* sp) {
     return PARSE_OK;
 }
 
-bool is_int_conv(char c) { return c == 'd' || c == 'i' || c == 'o' || c == 'u' || c == 'x' || c == 'X'; }
-bool is_signed_conv(char c) { return c == 'd' || c == 'i'; }
+bool is_int_conv(char c) {
+    return c == 'd' || c == 'i' || c == 'o' || c == 'u' || c == 'x' || c == 'X';
+}
+bool is_signed_conv(char c) {
+    return c == 'd' || c == 'i';
+}
 bool is_float_conv(char c) {
     return c == 'e' || c == 'E' || c == 'f' || c == 'F' || c == 'g' || c == 'G' || c == 'a' ||
            c == 'A';
@@ -147,11 +166,11 @@ bool is_float_conv(char c) {
 // The output of one rendering: a caller's fixed buffer, or a growing one.
 struct Sink {
     char* buf = nullptr;
-    size_t cap = 0;   // bytes including the terminating NUL
+    size_t cap = 0;  // bytes including the terminating NUL
     size_t len = 0;
     bool dynamic = false;
     bool truncated = false;
-    bool unbounded = false;   // vsprintf-like: the caller vouches for room
+    bool unbounded = false;  // vsprintf-like: the caller vouches for room
 
     // Room for n more bytes and the NUL; a dynamic buffer grows by the demand
     // plus one pool buffer's size.
@@ -167,8 +186,10 @@ struct Sink {
     }
     void terminate() {
         if (buf == nullptr) return;
-        if (unbounded || len < cap) buf[len] = '\0';
-        else if (cap > 0) buf[cap - 1] = '\0';
+        if (unbounded || len < cap)
+            buf[len] = '\0';
+        else if (cap > 0)
+            buf[cap - 1] = '\0';
     }
     void mark_truncated() {
         truncated = true;
@@ -238,7 +259,9 @@ void build_nfmt(char* nfmt, size_t size, const Conversion& sp, int width, int pr
     snprintf(nfmt, size, "%s", f.c_str());
 }
 
-bool has_flag(const Conversion& sp, char c) { return memchr(sp.flags, c, static_cast<size_t>(sp.nflags)) != nullptr; }
+bool has_flag(const Conversion& sp, char c) {
+    return memchr(sp.flags, c, static_cast<size_t>(sp.nflags)) != nullptr;
+}
 
 // A %s: width and precision count terminal columns, a character is never
 // split, and a null text prints "<null>".
@@ -259,7 +282,8 @@ void emit_string(Sink& sink, const char* s, int width, int prec, bool left) {
         bytes = strlen(s);
         cols = utf8_ttystrlen(s);
     }
-    size_t pad = width > 0 && static_cast<size_t>(width) > cols ? static_cast<size_t>(width) - cols : 0;
+    size_t pad =
+        width > 0 && static_cast<size_t>(width) > cols ? static_cast<size_t>(width) - cols : 0;
     if (!sink.room(bytes + pad)) {
         sink.buf[sink.len] = '\0';
         sink.mark_truncated();
@@ -313,14 +337,14 @@ void clamp_width(int* w, bool* left) {
 
 const char* lenmod_text(LenMod m) {
     switch (m) {
-        case LM_HH: return "hh";
-        case LM_H: return "h";
-        case LM_L: return "l";
-        case LM_LL: return "ll";
-        case LM_J: return "j";
-        case LM_Z: return "z";
-        case LM_T: return "t";
-        default: return "";
+    case LM_HH: return "hh";
+    case LM_H: return "h";
+    case LM_L: return "l";
+    case LM_LL: return "ll";
+    case LM_J: return "j";
+    case LM_Z: return "z";
+    case LM_T: return "t";
+    default: return "";
     }
 }
 
@@ -329,23 +353,29 @@ const char* lenmod_text(LenMod m) {
 void emit_int(Sink& sink, const char* nfmt, LenMod m, char conv, long long v) {
     bool sgn = is_signed_conv(conv);
     switch (m) {
-        case LM_NONE:
-        case LM_HH:
-        case LM_H:
-            if (sgn) emit_native(sink, nfmt, static_cast<int>(v));
-            else emit_native(sink, nfmt, static_cast<unsigned int>(v));
-            break;
-        case LM_L:
-        case LM_Z:
-        case LM_T:
-        case LM_J:
-            if (sgn) emit_native(sink, nfmt, static_cast<long>(v));
-            else emit_native(sink, nfmt, static_cast<unsigned long>(v));
-            break;
-        default:
-            if (sgn) emit_native(sink, nfmt, v);
-            else emit_native(sink, nfmt, static_cast<unsigned long long>(v));
-            break;
+    case LM_NONE:
+    case LM_HH:
+    case LM_H:
+        if (sgn)
+            emit_native(sink, nfmt, static_cast<int>(v));
+        else
+            emit_native(sink, nfmt, static_cast<unsigned int>(v));
+        break;
+    case LM_L:
+    case LM_Z:
+    case LM_T:
+    case LM_J:
+        if (sgn)
+            emit_native(sink, nfmt, static_cast<long>(v));
+        else
+            emit_native(sink, nfmt, static_cast<unsigned long>(v));
+        break;
+    default:
+        if (sgn)
+            emit_native(sink, nfmt, v);
+        else
+            emit_native(sink, nfmt, static_cast<unsigned long long>(v));
+        break;
     }
 }
 
@@ -375,7 +405,7 @@ void emit_all(Sink& sink, const char* form, ValueSource& src) {
             p = sp.end;
             continue;
         }
-        if (r == PARSE_BAD) {   // only a trailing, incomplete conversion gets here
+        if (r == PARSE_BAD) {  // only a trailing, incomplete conversion gets here
             sink.put_text(pct, strlen(pct));
             break;
         }
@@ -401,39 +431,38 @@ void emit_all(Sink& sink, const char* form, ValueSource& src) {
         Val v = src.get(sp.pos, sp);
         char nfmt[256];
         switch (v.kind) {
-            case Val::INT:
-                build_nfmt(nfmt, sizeof(nfmt), sp, width, prec, left,
-                           sp.conv == 'c' ? "" : lenmod_text(sp.lenmod), sp.conv);
-                if (sp.conv == 'c') emit_native(sink, nfmt, static_cast<int>(static_cast<unsigned char>(v.i)));
-                else emit_int(sink, nfmt, sp.lenmod, sp.conv, v.i);
-                break;
-            case Val::DBL:
-                build_nfmt(nfmt, sizeof(nfmt), sp, width, prec, left, "", sp.conv);
-                emit_native(sink, nfmt, v.d);
-                break;
-            case Val::LDBL:
-                build_nfmt(nfmt, sizeof(nfmt), sp, width, prec, left, "L", sp.conv);
-                emit_native(sink, nfmt, v.ld);
-                break;
-            case Val::STR:
-                emit_string(sink, v.s, width, prec, left);
-                break;
-            case Val::WSTR: {
-                std::string u;
-                if (v.ws == nullptr) {
-                    emit_string(sink, nullptr, width, prec, left);
-                    break;
-                }
-                for (const wchar_t* w = v.ws; *w != 0; ++w) append_utf8(u, static_cast<wint_t>(*w));
-                emit_string(sink, u.c_str(), width, prec, left);
+        case Val::INT:
+            build_nfmt(nfmt, sizeof(nfmt), sp, width, prec, left,
+                       sp.conv == 'c' ? "" : lenmod_text(sp.lenmod), sp.conv);
+            if (sp.conv == 'c')
+                emit_native(sink, nfmt, static_cast<int>(static_cast<unsigned char>(v.i)));
+            else
+                emit_int(sink, nfmt, sp.lenmod, sp.conv, v.i);
+            break;
+        case Val::DBL:
+            build_nfmt(nfmt, sizeof(nfmt), sp, width, prec, left, "", sp.conv);
+            emit_native(sink, nfmt, v.d);
+            break;
+        case Val::LDBL:
+            build_nfmt(nfmt, sizeof(nfmt), sp, width, prec, left, "L", sp.conv);
+            emit_native(sink, nfmt, v.ld);
+            break;
+        case Val::STR: emit_string(sink, v.s, width, prec, left); break;
+        case Val::WSTR: {
+            std::string u;
+            if (v.ws == nullptr) {
+                emit_string(sink, nullptr, width, prec, left);
                 break;
             }
-            case Val::PTR:
-                build_nfmt(nfmt, sizeof(nfmt), sp, width, -1, left, "", 'p');
-                emit_native(sink, nfmt, v.p);
-                break;
-            case Val::NONE:
-                break;   // %n: writes nothing anywhere
+            for (const wchar_t* w = v.ws; *w != 0; ++w) append_utf8(u, static_cast<wint_t>(*w));
+            emit_string(sink, u.c_str(), width, prec, left);
+            break;
+        }
+        case Val::PTR:
+            build_nfmt(nfmt, sizeof(nfmt), sp, width, -1, left, "", 'p');
+            emit_native(sink, nfmt, v.p);
+            break;
+        case Val::NONE: break;  // %n: writes nothing anywhere
         }
     }
     sink.terminate();
@@ -456,7 +485,7 @@ void bad_format(Sink& sink, const char* form) {
 struct TextArg {
     int argdesc;
     const char* arg;
-    const errinfo* nested;   // kind 52 given as a pointer
+    const errinfo* nested;  // kind 52 given as a pointer
 };
 
 void render_text_args(Sink& sink, const char* locale, const char* form, const TextArg* args,
@@ -470,7 +499,8 @@ std::string render_nested_string(const char* locale, const structext* st, int de
     std::string out;
     if (st->form != nullptr) {
         TextArg stack_args[16];
-        TextArg* args = st->argcount <= 16 ? stack_args : new TextArg[static_cast<size_t>(st->argcount)];
+        TextArg* args =
+            st->argcount <= 16 ? stack_args : new TextArg[static_cast<size_t>(st->argcount)];
         for (int i = 0; i < st->argcount; ++i) {
             const argtuple* a = st->arglist != nullptr ? st->arglist[i] : nullptr;
             args[i].argdesc = a != nullptr ? a->argdesc : 0;
@@ -499,7 +529,8 @@ const char* resolve_cs(const char* locale, const TextArg& a, int depth,
     if (a.argdesc == ARG_LITERAL_ID && strchr(a.arg, ':') != nullptr) {
         return render_literal_id(locale, a.arg, nullptr);
     }
-    if ((a.argdesc == ARG_NESTED_STBUF || a.argdesc == ARG_NESTED_ERRINFO) && depth < kMaxNestDepth) {
+    if ((a.argdesc == ARG_NESTED_STBUF || a.argdesc == ARG_NESTED_ERRINFO) &&
+        depth < kMaxNestDepth) {
         structext st = {};
         if (msg_stbuf_parse(a.arg, &st, nullptr)) {
             std::string r = render_nested_string(locale, &st, depth + 1);
@@ -526,7 +557,7 @@ public:
         Val v;
         const char* t = text(pos);
         char c = sp.conv;
-        if (sp.lenmod == LM_BIGL) {   // a long double has no text form here
+        if (sp.lenmod == LM_BIGL) {  // a long double has no text form here
             v.kind = Val::DBL;
             v.d = 0;
             return v;
@@ -535,8 +566,10 @@ public:
             v.kind = Val::INT;
             if (t == nullptr) return v;
             errno = 0;
-            if (is_signed_conv(c)) v.i = strtoll(t, nullptr, 10);
-            else v.i = static_cast<long long>(strtoull(t, nullptr, 10));
+            if (is_signed_conv(c))
+                v.i = strtoll(t, nullptr, 10);
+            else
+                v.i = static_cast<long long>(strtoull(t, nullptr, 10));
             return v;
         }
         if (is_float_conv(c)) {
@@ -612,20 +645,33 @@ void render_text_args(Sink& sink, const char* locale, const char* form, const Te
 
 // ---- Values from a C va_list -------------------------------------------------
 
-enum VType : unsigned char { VT_NONE, VT_INT, VT_LONG, VT_LLONG, VT_SIZE, VT_INTMAX, VT_PTRDIFF,
-                             VT_DOUBLE, VT_LDOUBLE, VT_STR, VT_WSTR, VT_WINT, VT_PTR };
+enum VType : unsigned char {
+    VT_NONE,
+    VT_INT,
+    VT_LONG,
+    VT_LLONG,
+    VT_SIZE,
+    VT_INTMAX,
+    VT_PTRDIFF,
+    VT_DOUBLE,
+    VT_LDOUBLE,
+    VT_STR,
+    VT_WSTR,
+    VT_WINT,
+    VT_PTR
+};
 
 VType c_type(const Conversion& sp, bool* ok) {
     *ok = true;
     char c = sp.conv;
     if (is_int_conv(c)) {
         switch (sp.lenmod) {
-            case LM_L: return VT_LONG;
-            case LM_LL: return VT_LLONG;
-            case LM_Z: return VT_SIZE;
-            case LM_J: return VT_INTMAX;
-            case LM_T: return VT_PTRDIFF;
-            default: return VT_INT;
+        case LM_L: return VT_LONG;
+        case LM_LL: return VT_LLONG;
+        case LM_Z: return VT_SIZE;
+        case LM_J: return VT_INTMAX;
+        case LM_T: return VT_PTRDIFF;
+        default: return VT_INT;
         }
     }
     if (is_float_conv(c)) return sp.lenmod == LM_BIGL ? VT_LDOUBLE : VT_DOUBLE;
@@ -648,19 +694,55 @@ public:
         for (int i = 1; i <= maxpos; ++i) {
             Val& v = vals[i];
             switch (types[i]) {
-                case VT_NONE:   // a gap: the C convention makes it an int
-                case VT_INT: v.kind = Val::INT; v.i = va_arg(ap, int); break;
-                case VT_LONG: v.kind = Val::INT; v.i = va_arg(ap, long); break;
-                case VT_LLONG: v.kind = Val::INT; v.i = va_arg(ap, long long); break;
-                case VT_SIZE: v.kind = Val::INT; v.i = static_cast<long long>(va_arg(ap, size_t)); break;
-                case VT_INTMAX: v.kind = Val::INT; v.i = va_arg(ap, intmax_t); break;
-                case VT_PTRDIFF: v.kind = Val::INT; v.i = va_arg(ap, ptrdiff_t); break;
-                case VT_DOUBLE: v.kind = Val::DBL; v.d = va_arg(ap, double); break;
-                case VT_LDOUBLE: v.kind = Val::LDBL; v.ld = va_arg(ap, long double); break;
-                case VT_STR: v.kind = Val::STR; v.s = va_arg(ap, const char*); break;
-                case VT_WSTR: v.kind = Val::WSTR; v.ws = va_arg(ap, const wchar_t*); break;
-                case VT_WINT: v.kind = Val::INT; v.i = static_cast<long long>(va_arg(ap, wint_t)); break;
-                case VT_PTR: v.kind = Val::PTR; v.p = va_arg(ap, const void*); break;
+            case VT_NONE:  // a gap: the C convention makes it an int
+            case VT_INT:
+                v.kind = Val::INT;
+                v.i = va_arg(ap, int);
+                break;
+            case VT_LONG:
+                v.kind = Val::INT;
+                v.i = va_arg(ap, long);
+                break;
+            case VT_LLONG:
+                v.kind = Val::INT;
+                v.i = va_arg(ap, long long);
+                break;
+            case VT_SIZE:
+                v.kind = Val::INT;
+                v.i = static_cast<long long>(va_arg(ap, size_t));
+                break;
+            case VT_INTMAX:
+                v.kind = Val::INT;
+                v.i = va_arg(ap, intmax_t);
+                break;
+            case VT_PTRDIFF:
+                v.kind = Val::INT;
+                v.i = va_arg(ap, ptrdiff_t);
+                break;
+            case VT_DOUBLE:
+                v.kind = Val::DBL;
+                v.d = va_arg(ap, double);
+                break;
+            case VT_LDOUBLE:
+                v.kind = Val::LDBL;
+                v.ld = va_arg(ap, long double);
+                break;
+            case VT_STR:
+                v.kind = Val::STR;
+                v.s = va_arg(ap, const char*);
+                break;
+            case VT_WSTR:
+                v.kind = Val::WSTR;
+                v.ws = va_arg(ap, const wchar_t*);
+                break;
+            case VT_WINT:
+                v.kind = Val::INT;
+                v.i = static_cast<long long>(va_arg(ap, wint_t));
+                break;
+            case VT_PTR:
+                v.kind = Val::PTR;
+                v.p = va_arg(ap, const void*);
+                break;
             }
         }
     }
@@ -669,7 +751,7 @@ public:
 
     Val get(int pos, const Conversion& sp) override {
         Val v = vals[pos];
-        if (sp.conv == 'n') return Val();   // never written through
+        if (sp.conv == 'n') return Val();  // never written through
         if ((sp.conv == 'c' && sp.lenmod == LM_L) || sp.conv == 'C') {
             std::string u;
             append_utf8(u, static_cast<wint_t>(v.i));
@@ -752,8 +834,10 @@ void sink_setup(Sink& sink, char* buf, size_t len, char** bufp, const char* fmt)
 }
 
 void sink_finish(Sink& sink, char** bufp, bool own, const char* who) {
-    if (own && bufp != nullptr) *bufp = sink.buf;
-    else if (own && bufp == nullptr) free(sink.buf);   // nobody to hand it to
+    if (own && bufp != nullptr)
+        *bufp = sink.buf;
+    else if (own && bufp == nullptr)
+        free(sink.buf);  // nobody to hand it to
     if (sink.truncated) kv_trace(6, 0x20, "%s: Truncation detected\n", who);
 }
 

@@ -20,18 +20,37 @@ char* g_argv0 = nullptr;
 
 // Kept paths, one slot per word.
 enum Slot {
-    K_TMP, K_SEC, K_RES, K_RAP, K_MOD, K_MM, K_LOGS, K_LIB, K_INDEX,
-    K_GLS, K_ETC, K_DEBUG, K_CORES, K_BIN, K_APPLOGS, K_CST, K_NSLOTS
+    K_TMP,
+    K_SEC,
+    K_RES,
+    K_RAP,
+    K_MOD,
+    K_MM,
+    K_LOGS,
+    K_LIB,
+    K_INDEX,
+    K_GLS,
+    K_ETC,
+    K_DEBUG,
+    K_CORES,
+    K_BIN,
+    K_APPLOGS,
+    K_CST,
+    K_NSLOTS
 };
 char* g_kept[K_NSLOTS];
 
-void init_mutex(void) { Installdir_mutex = kv_mutex_new(); }
+void init_mutex(void) {
+    Installdir_mutex = kv_mutex_new();
+}
 
 void lock(void) {
     kv_once(&g_once, init_mutex);
     kv_mutex_lock(Installdir_mutex);
 }
-void unlock(void) { kv_mutex_unlock(Installdir_mutex); }
+void unlock(void) {
+    kv_mutex_unlock(Installdir_mutex);
+}
 
 // The running binary's directory. A plug-in has no argv0 of its own, so the
 // kernel's name of the executable stands in for it; that guess is kept here
@@ -73,7 +92,9 @@ char* kv_find_installdir(char* argv0) {
     return r;
 }
 
-char* kv_get_installdir(void) { return kv_find_installdir(nullptr); }
+char* kv_get_installdir(void) {
+    return kv_find_installdir(nullptr);
+}
 
 void kv_set_argv0(const char* argv0) {
     lock();
@@ -104,23 +125,53 @@ char* kv_getset_dir(char** cache, const char* word) {
     return r;
 }
 
-char* kv_get_tmpdir(void) { return kv_getset_dir(&g_kept[K_TMP], "tmp"); }
-char* kv_get_securedir(void) { return kv_getset_dir(&g_kept[K_SEC], "sec"); }
-char* kv_get_resdir(void) { return kv_getset_dir(&g_kept[K_RES], "res"); }
-char* kv_get_rapdir(void) { return kv_getset_dir(&g_kept[K_RAP], "rap"); }
-char* kv_get_moddir(void) { return kv_getset_dir(&g_kept[K_MOD], "mod"); }
-char* kv_get_mmdir(void) { return kv_getset_dir(&g_kept[K_MM], "mm"); }
-char* kv_get_logsdir(void) { return kv_getset_dir(&g_kept[K_LOGS], "logs"); }
-char* kv_get_libdir(void) { return kv_getset_dir(&g_kept[K_LIB], "lib"); }
-char* kv_get_indexdir(void) { return kv_getset_dir(&g_kept[K_INDEX], "index"); }
-char* kv_get_glsdir(void) { return kv_getset_dir(&g_kept[K_GLS], "gls"); }
-char* kv_get_etcdir(void) { return kv_getset_dir(&g_kept[K_ETC], "etc"); }
-char* kv_get_debugdir(void) { return kv_getset_dir(&g_kept[K_DEBUG], "debug"); }
-char* kv_get_coresdir(void) { return kv_getset_dir(&g_kept[K_CORES], "cores"); }
-char* kv_get_applogsdir(void) { return kv_getset_dir(&g_kept[K_APPLOGS], "applogs"); }
+char* kv_get_tmpdir(void) {
+    return kv_getset_dir(&g_kept[K_TMP], "tmp");
+}
+char* kv_get_securedir(void) {
+    return kv_getset_dir(&g_kept[K_SEC], "sec");
+}
+char* kv_get_resdir(void) {
+    return kv_getset_dir(&g_kept[K_RES], "res");
+}
+char* kv_get_rapdir(void) {
+    return kv_getset_dir(&g_kept[K_RAP], "rap");
+}
+char* kv_get_moddir(void) {
+    return kv_getset_dir(&g_kept[K_MOD], "mod");
+}
+char* kv_get_mmdir(void) {
+    return kv_getset_dir(&g_kept[K_MM], "mm");
+}
+char* kv_get_logsdir(void) {
+    return kv_getset_dir(&g_kept[K_LOGS], "logs");
+}
+char* kv_get_libdir(void) {
+    return kv_getset_dir(&g_kept[K_LIB], "lib");
+}
+char* kv_get_indexdir(void) {
+    return kv_getset_dir(&g_kept[K_INDEX], "index");
+}
+char* kv_get_glsdir(void) {
+    return kv_getset_dir(&g_kept[K_GLS], "gls");
+}
+char* kv_get_etcdir(void) {
+    return kv_getset_dir(&g_kept[K_ETC], "etc");
+}
+char* kv_get_debugdir(void) {
+    return kv_getset_dir(&g_kept[K_DEBUG], "debug");
+}
+char* kv_get_coresdir(void) {
+    return kv_getset_dir(&g_kept[K_CORES], "cores");
+}
+char* kv_get_applogsdir(void) {
+    return kv_getset_dir(&g_kept[K_APPLOGS], "applogs");
+}
 
 // "cst" alone has a fixed default, which the default installation gives.
-char* kv_get_cstdir(void) { return kv_getset_dir(&g_kept[K_CST], "cst"); }
+char* kv_get_cstdir(void) {
+    return kv_getset_dir(&g_kept[K_CST], "cst");
+}
 
 // Programs live in the binary's own folder, whatever the installation's shape.
 char* kv_get_bindir(void) {

@@ -18,22 +18,22 @@ char* kv_get_argv0(void);
 // `word` the first time, keeps the result in *cache and returns it.
 char* kv_getset_dir(char** cache, const char* word);
 
-char* kv_get_tmpdir(void);       // "tmp"
-char* kv_get_securedir(void);    // "sec"
-char* kv_get_resdir(void);       // "res"
-char* kv_get_rapdir(void);       // "rap"
-char* kv_get_moddir(void);       // "mod"
-char* kv_get_mmdir(void);        // "mm"
-char* kv_get_logsdir(void);      // "logs"
-char* kv_get_libdir(void);       // "lib"
-char* kv_get_indexdir(void);     // "index"
-char* kv_get_glsdir(void);       // "gls"
-char* kv_get_etcdir(void);       // "etc"
-char* kv_get_debugdir(void);     // "debug"
-char* kv_get_coresdir(void);     // "cores"
-char* kv_get_bindir(void);       // the running binary's own directory
-char* kv_get_applogsdir(void);   // "applogs"
-char* kv_get_cstdir(void);       // "cst"
+char* kv_get_tmpdir(void);      // "tmp"
+char* kv_get_securedir(void);   // "sec"
+char* kv_get_resdir(void);      // "res"
+char* kv_get_rapdir(void);      // "rap"
+char* kv_get_moddir(void);      // "mod"
+char* kv_get_mmdir(void);       // "mm"
+char* kv_get_logsdir(void);     // "logs"
+char* kv_get_libdir(void);      // "lib"
+char* kv_get_indexdir(void);    // "index"
+char* kv_get_glsdir(void);      // "gls"
+char* kv_get_etcdir(void);      // "etc"
+char* kv_get_debugdir(void);    // "debug"
+char* kv_get_coresdir(void);    // "cores"
+char* kv_get_bindir(void);      // the running binary's own directory
+char* kv_get_applogsdir(void);  // "applogs"
+char* kv_get_cstdir(void);      // "cst"
 
 // Test aid: forgets the installation directory and every kept path.
 void kv_path_reset_for_test(void);

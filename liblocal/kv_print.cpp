@@ -45,7 +45,9 @@ int set_flag(std::set<T>& s, T key, int on) {
     return 0;
 }
 
-bool wants_conversion(FILE* fp) { return kv_is_user_fp(fp) && !kv_is_utf8_fp(fp); }
+bool wants_conversion(FILE* fp) {
+    return kv_is_user_fp(fp) && !kv_is_utf8_fp(fp);
+}
 
 void drop_fd(int fd) {
     with_flags([fd](Flags& f) {
@@ -78,12 +80,14 @@ int kv_is_utf8_fd(int fd) {
 int kv_is_user_fp(FILE* fp) {
     if (fp == nullptr) return 0;
     int fd = fileno(fp);
-    return with_flags([=](Flags& f) { return (f.user_fp.count(fp) || f.user_fd.count(fd)) ? 1 : 0; });
+    return with_flags(
+        [=](Flags& f) { return (f.user_fp.count(fp) || f.user_fd.count(fd)) ? 1 : 0; });
 }
 int kv_is_utf8_fp(FILE* fp) {
     if (fp == nullptr) return 0;
     int fd = fileno(fp);
-    return with_flags([=](Flags& f) { return (f.utf8_fp.count(fp) || f.utf8_fd.count(fd)) ? 1 : 0; });
+    return with_flags(
+        [=](Flags& f) { return (f.utf8_fp.count(fp) || f.utf8_fd.count(fd)) ? 1 : 0; });
 }
 
 int kv_vfprintf(FILE* fp, const char* format, va_list ap) {
@@ -115,7 +119,9 @@ int kv_fprintf(FILE* fp, const char* format, ...) {
     return n;
 }
 
-int kv_vprintf(const char* format, va_list ap) { return kv_vfprintf(stdout, format, ap); }
+int kv_vprintf(const char* format, va_list ap) {
+    return kv_vfprintf(stdout, format, ap);
+}
 
 int kv_printf(const char* format, ...) {
     va_list ap;

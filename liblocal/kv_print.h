@@ -13,7 +13,7 @@ void kv_set_user_fp(FILE* fp, int on);
 void kv_set_user_fd(int fd, int on);
 void kv_set_utf8_fp(FILE* fp, int on);
 void kv_set_utf8_fd(int fd, int on);
-int kv_is_user_fp(FILE* fp);     // by the stream or its descriptor
+int kv_is_user_fp(FILE* fp);  // by the stream or its descriptor
 int kv_is_user_fd(int fd);
 int kv_is_utf8_fp(FILE* fp);
 int kv_is_utf8_fd(int fd);

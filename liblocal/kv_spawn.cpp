@@ -78,16 +78,15 @@ bool tracing(int level = 1, unsigned long mask = 1) {
     return g_sink.load() != nullptr || kv_trace_on(level, mask);
 }
 
-const char* const kLocaleVars[] = {"LANG",        "LC_CTYPE",    "LC_NUMERIC",
-                                   "LC_TIME",     "LC_COLLATE",  "LC_MONETARY",
-                                   "LC_MESSAGES", "LC_ALL",      "VMR_CATCH_CHILD_STDOUT",
+const char* const kLocaleVars[] = {"LANG",          "LC_CTYPE",   "LC_NUMERIC",
+                                   "LC_TIME",       "LC_COLLATE", "LC_MONETARY",
+                                   "LC_MESSAGES",   "LC_ALL",     "VMR_CATCH_CHILD_STDOUT",
                                    "DMAP_ROOT_PATH"};
 
 // Relocations tried by execpath, in order.
-const char* const kRelocations[] = {"/../lib/vmr/",  "/../../lib/vmr/", "/../../bin/",
-                                    "/../../sbin/",  "/../bin/",        "/../sbin/",
-                                    "/../bin/vmr/",  "/../sbin/vmr/",   "/../../bin/vmr/",
-                                    "/../../sbin/vmr/"};
+const char* const kRelocations[] = {
+    "/../lib/vmr/", "/../../lib/vmr/", "/../../bin/",   "/../../sbin/",    "/../bin/",
+    "/../sbin/",    "/../bin/vmr/",    "/../sbin/vmr/", "/../../bin/vmr/", "/../../sbin/vmr/"};
 
 // The name the message layer knows the program by (start-up sets it).
 const char* program_name() {
@@ -108,8 +107,10 @@ std::string canon(const std::string& path) {
         std::string part = path.substr(i, j - i);
         if (part.empty() || part == ".") {
         } else if (part == "..") {
-            if (!parts.empty() && parts.back() != "..") parts.pop_back();
-            else if (!absolute) parts.push_back(part);
+            if (!parts.empty() && parts.back() != "..")
+                parts.pop_back();
+            else if (!absolute)
+                parts.push_back(part);
         } else {
             parts.push_back(part);
         }
@@ -178,11 +179,11 @@ struct ChildPlan {
     int mode;
     int dup[3];
     bool stdin_given;
-    const char* dir;          // chdir target, or null
-    bool dir_must;            // a failed chdir ends the child
-    const int* keep;          // sorted descriptors >= 3 to keep
+    const char* dir;  // chdir target, or null
+    bool dir_must;    // a failed chdir ends the child
+    const int* keep;  // sorted descriptors >= 3 to keep
     size_t nkeep;
-    const char* errprefix;    // "Failed to exec process '<path>': "
+    const char* errprefix;  // "Failed to exec process '<path>': "
     size_t errprefix_len;
     int errfd;
     bool trace_dup2;
@@ -214,8 +215,8 @@ CHILD_FN bool in_keep(const int* keep, size_t nkeep, int fd) {
 CHILD_FN void close_span(unsigned lo, unsigned hi, const int* keep, size_t nkeep) {
     if (lo > hi) return;
     if (syscall(SYS_close_range, lo, hi, 0) == 0) return;
-    int dfd = static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/proc/self/fd",
-                                       O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    int dfd = static_cast<int>(
+        syscall(SYS_openat, AT_FDCWD, "/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (dfd >= 0) {
         char buf[4096];
         bool again = true;
@@ -238,7 +239,10 @@ CHILD_FN void close_span(unsigned lo, unsigned hi, const int* keep, size_t nkeep
                     unsigned fd = 0;
                     bool num = d->d_name[0] != '\0';
                     for (const char* p = d->d_name; *p; ++p) {
-                        if (*p < '0' || *p > '9') { num = false; break; }
+                        if (*p < '0' || *p > '9') {
+                            num = false;
+                            break;
+                        }
                         fd = fd * 10 + static_cast<unsigned>(*p - '0');
                     }
                     if (!num || static_cast<int>(fd) == dfd || fd < lo || fd > hi) continue;
@@ -448,7 +452,9 @@ char* g_origin = nullptr;
 
 // ---------------------------------------------------------------------------
 
-kv_trace_sink_t kv_spawn_set_trace(kv_trace_sink_t sink) { return g_sink.exchange(sink); }
+kv_trace_sink_t kv_spawn_set_trace(kv_trace_sink_t sink) {
+    return g_sink.exchange(sink);
+}
 
 void kv_spawn_trace(int level, int mask, const char* fmt, ...) {
     if (!tracing(level, static_cast<unsigned long>(mask))) return;
@@ -466,8 +472,7 @@ void kv_spawn_report(int msgid, int severity, const char* fmt, ...) {
     va_end(ap);
 }
 
-pid_t spawn(int mode, char** argv, struct pollfd* exfds, nfds_t nfds, int* dupfdset,
-            char** envp) {
+pid_t spawn(int mode, char** argv, struct pollfd* exfds, nfds_t nfds, int* dupfdset, char** envp) {
     return spawn_as_user(mode, argv, exfds, nfds, dupfdset, envp, nullptr, nullptr, 1);
 }
 
@@ -529,7 +534,8 @@ pid_t spawn_as_user(int mode, char** argv, struct pollfd* exfds, nfds_t nfds, in
     for (nfds_t i = 0; exfds != nullptr && i < nfds; ++i) {
         if (dupfdset != nullptr &&
             (exfds[i].fd == dupfdset[0] || exfds[i].fd == dupfdset[1] ||
-             exfds[i].fd == dupfdset[2]) && exfds[i].fd >= 0)
+             exfds[i].fd == dupfdset[2]) &&
+            exfds[i].fd >= 0)
             exfds[i].fd = -1;
         if (exfds[i].fd >= 3) keep.push_back(exfds[i].fd);
     }
@@ -558,8 +564,8 @@ pid_t spawn_as_user(int mode, char** argv, struct pollfd* exfds, nfds_t nfds, in
                 const char* p = path;
                 while (true) {
                     const char* colon = strchr(p, ':');
-                    std::string dir = colon ? std::string(p, static_cast<size_t>(colon - p))
-                                            : std::string(p);
+                    std::string dir =
+                        colon ? std::string(p, static_cast<size_t>(colon - p)) : std::string(p);
                     if (!dir.empty()) {
                         std::string cand = dir + "/" + located;
                         if (is_executable(cand)) {
@@ -604,8 +610,8 @@ pid_t spawn_as_user(int mode, char** argv, struct pollfd* exfds, nfds_t nfds, in
 
     // 5. The failure text, rendered now: nothing can be rendered in the child.
     const char* rendered = render_string(89752, nullptr, "Failed to exec process");
-    std::string errprefix = std::string(rendered ? rendered : "Failed to exec process") + " '" +
-                            path + "': ";
+    std::string errprefix =
+        std::string(rendered ? rendered : "Failed to exec process") + " '" + path + "': ";
 
     ChildPlan plan;
     memset(static_cast<void*>(&plan), 0, sizeof plan);
@@ -678,11 +684,17 @@ pid_t waitchild(int pid, int* stat_loc, int options) {
     return r;
 }
 
-int kv_kill(pid_t pid, int signo) { return kill(pid, signo); }
+int kv_kill(pid_t pid, int signo) {
+    return kill(pid, signo);
+}
 
-int spawn_openfd(int fd) { return fd; }
+int spawn_openfd(int fd) {
+    return fd;
+}
 
-int spawn_closefd(int fd) { return close(fd); }
+int spawn_closefd(int fd) {
+    return close(fd);
+}
 
 void closefdset(fd_set* cfdset) {
     if (cfdset == nullptr) return;
@@ -731,9 +743,13 @@ const char* signal_to_str(int sig) {
     return buf;
 }
 
-const char* exception_to_str(int) { return "EXCEPTION_UNKNOWN"; }
+const char* exception_to_str(int) {
+    return "EXCEPTION_UNKNOWN";
+}
 
-int exception_to_signal(int) { return 6; }
+int exception_to_signal(int) {
+    return 6;
+}
 
 // ---------------------------------------------------------------------------
 // Program location.
@@ -744,8 +760,7 @@ char* execpath(char* cmd, char* buf, size_t bufsz) {
         return cmd;
     }
     const char* origin = find_origin(nullptr);
-    if (origin == nullptr || buf == nullptr || strlen(origin) + strlen(cmd) + 2 > bufsz)
-        return cmd;
+    if (origin == nullptr || buf == nullptr || strlen(origin) + strlen(cmd) + 2 > bufsz) return cmd;
     auto try_path = [&](const std::string& cand) {
         std::string c = canon(cand);
         if (c.size() + 1 > bufsz || !is_executable(c)) return false;
@@ -784,7 +799,8 @@ char* find_origin(char* argv0) {
     std::string full = fullpath2(name);
     struct stat st;
     if (stat(full.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_nlink > 1) {
-        kv_spawn_report(84738, 5,
+        kv_spawn_report(
+            84738, 5,
             "Binary '%s' is resolved to hardlinks. Therefore it is unable to be executed.\n",
             full.c_str());
         exit(1);
@@ -825,7 +841,9 @@ void kv_closenstdfiles(struct pollfd* exfds, nfds_t nfds) {
     close_all_but(keep, n);
 }
 
-void kv_openstdfiles(void) { open_std_files(); }
+void kv_openstdfiles(void) {
+    open_std_files();
+}
 
 // ---------------------------------------------------------------------------
 // User context.
@@ -862,8 +880,8 @@ void* build_spawn_user_context(const char* username) {
     }
     if (rc < 0) {
         kv_spawn_trace(1, 1,
-            "Could not get group information when creating the spawn user context: %s\n",
-            strerror(errno));
+                       "Could not get group information when creating the spawn user context: %s\n",
+                       strerror(errno));
         ng = 0;
     }
     if (ng > 0) {
@@ -959,7 +977,11 @@ int get_usercontext_from_pipe(int, void**) {
     errno = EINVAL;
     return 0;
 }
-int pipe_is_open(int) { return 0; }
+int pipe_is_open(int) {
+    return 0;
+}
 void destroy_impersonation_pipe(int) {}
 void revert_to_self(void) {}
-int pipe_for_select(int fds[2]) { return pipe(fds); }
+int pipe_for_select(int fds[2]) {
+    return pipe(fds);
+}

@@ -11,13 +11,13 @@
 #include <sys/types.h>
 
 // Mode bits of spawn and spawn_as_user.
-#define SPAWN_WAIT 1         // wait; a failed child gives -1
-#define SPAWN_ASYNC 2        // for callers only: reap later with waitchild
-#define SPAWN_SETSID 4       // new session; stdin on /dev/null unless given
-#define SPAWN_DEVNULL 8      // standard files on /dev/null first
-#define SPAWN_CORESDIR 16    // run in the program's core directory
-#define SPAWN_ENVP_ONLY 32   // envp alone is the environment
-#define SPAWN_SHELL 64       // through "/bin/sh" "-c"
+#define SPAWN_WAIT 1        // wait; a failed child gives -1
+#define SPAWN_ASYNC 2       // for callers only: reap later with waitchild
+#define SPAWN_SETSID 4      // new session; stdin on /dev/null unless given
+#define SPAWN_DEVNULL 8     // standard files on /dev/null first
+#define SPAWN_CORESDIR 16   // run in the program's core directory
+#define SPAWN_ENVP_ONLY 32  // envp alone is the environment
+#define SPAWN_SHELL 64      // through "/bin/sh" "-c"
 
 // Exit status of a child whose start failed after the fork.
 #define SPAWN_EXEC_FAILED 76
@@ -30,8 +30,7 @@ typedef void* (*thread_proc_func_t)(void*);
 // leave that slot alone). exfds: descriptors the child keeps (only fd is
 // read; the parent strikes dupfdset's descriptors out of it). argv, envp
 // and exfds remain the caller's.
-pid_t spawn(int mode, char** argv, struct pollfd* exfds, nfds_t nfds, int* dupfdset,
-            char** envp);
+pid_t spawn(int mode, char** argv, struct pollfd* exfds, nfds_t nfds, int* dupfdset, char** envp);
 pid_t spawn_as_user(int mode, char** argv, struct pollfd* exfds, nfds_t nfds, int* dupfdset,
                     char** envp, void* usercontext, char* cwd, int utf8_args);
 

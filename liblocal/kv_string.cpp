@@ -37,7 +37,9 @@ size_t kv_strlcat(char* dst, const char* src, const size_t siz) {
     return dlen + slen;
 }
 
-size_t kv_strlen(const char* ptr) { return ptr == nullptr ? 0 : strlen(ptr); }
+size_t kv_strlen(const char* ptr) {
+    return ptr == nullptr ? 0 : strlen(ptr);
+}
 
 char* kv_strlower(char* string) {
     if (string == nullptr) return nullptr;
@@ -126,7 +128,9 @@ int kv_strhasalnum(const char* s) {
 }
 
 namespace {
-bool is_space(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
+bool is_space(char c) {
+    return isspace(static_cast<unsigned char>(c)) != 0;
+}
 }  // namespace
 
 int remove_buffering_space(char* string) {
@@ -325,7 +329,8 @@ char* command_string(char** args, int qq, char* buf, ssize_t siz) {
     int n = kv_strvlen(args);
     for (int i = 0; i < n; ++i) {
         need += strlen(args[i]) + (i > 0 ? 1 : 0);
-        if (qq) need += 2 + static_cast<size_t>(kv_strcount(args[i], '"') + kv_strcount(args[i], '\\'));
+        if (qq)
+            need += 2 + static_cast<size_t>(kv_strcount(args[i], '"') + kv_strcount(args[i], '\\'));
     }
     if (buf == nullptr) {
         buf = static_cast<char*>(xmalloc(need));

@@ -12,7 +12,7 @@ struct errinfo;
 // the length they tried to make, so a result >= siz means the text was cut.
 size_t kv_strlcpy(char* dst, const char* src, const size_t siz);
 size_t kv_strlcat(char* dst, const char* src, const size_t siz);
-size_t kv_strlen(const char* ptr);   // 0 for null
+size_t kv_strlen(const char* ptr);  // 0 for null
 
 // Change case in place (ASCII letters); return their argument.
 char* kv_strlower(char* string);
@@ -25,13 +25,13 @@ char* kv_strreplace(const char* str, const char* from, const char* to);
 char* kv_stristr(const char* haystack, const char* needle);
 
 // Null-terminated vectors of allocated strings.
-char** kv_strvcat(char** vec, const char* str);   // appends a copy; may move the vector
-char** kv_strvdup(char** vec);                    // deep copy; null for null
-void kv_strvfree(char** vec);                     // frees strings and vector
+char** kv_strvcat(char** vec, const char* str);  // appends a copy; may move the vector
+char** kv_strvdup(char** vec);                   // deep copy; null for null
+void kv_strvfree(char** vec);                    // frees strings and vector
 int kv_strvlen(char** vec);
 
-int kv_strallnum(const char* s);      // 1 if non-empty and all decimal digits
-int kv_strhasalnum(const char* s);    // 1 if any letter or digit
+int kv_strallnum(const char* s);    // 1 if non-empty and all decimal digits
+int kv_strhasalnum(const char* s);  // 1 if any letter or digit
 
 // Removes white space at both ends in place, the text moved to the start of
 // the buffer. Null and empty are accepted. Always 0.
@@ -41,13 +41,13 @@ int remove_buffering_space(char* string);
 int remove_enclosing_quotes(char* string);
 // Both of the above: trimming first, then the quotes, then trimming again.
 int remove_buffering_space_and_enclosing_quotes(char* string);
-int str_end_with(const char* s, const char* suffix);   // 1 or 0
-int all_whitespace(const char* s);                     // 1 for null and empty too
+int str_end_with(const char* s, const char* suffix);  // 1 or 0
+int all_whitespace(const char* s);                    // 1 for null and empty too
 // A new string of at most `len` bytes from `start` (caller frees); the empty
 // text when `start` lies past the end; null for a null string or bad bounds.
 char* substr(const char* s, int start, int len);
-int kv_strcount(const char* s, char c);                // occurrences of c
-int kv_strcmp(const char* a, const char* b);           // null sorts first
+int kv_strcount(const char* s, char c);       // occurrences of c
+int kv_strcmp(const char* a, const char* b);  // null sorts first
 
 char* kvstrtok_r(char* s, const char* delim, char** save_ptr);
 

@@ -2,9 +2,9 @@
 #include "liblocal/kv_thread.h"
 
 #include <errno.h>
-#include <stdlib.h>
 #include <sched.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -132,9 +132,13 @@ KVError kv_thread_yield(void) {
     return KV_OK;
 }
 
-int kv_thread_id(void) { return static_cast<int>(syscall(SYS_gettid)); }
+int kv_thread_id(void) {
+    return static_cast<int>(syscall(SYS_gettid));
+}
 
-kv_sleep_hook_t kv_set_sleep_hook(kv_sleep_hook_t hook) { return g_sleep_hook.exchange(hook); }
+kv_sleep_hook_t kv_set_sleep_hook(kv_sleep_hook_t hook) {
+    return g_sleep_hook.exchange(hook);
+}
 
 struct KVThreadStruct {
     KVThreadFunc func;
@@ -195,11 +199,17 @@ KVError kv_thread_destroy(KVThread t) {
     return KV_OK;
 }
 
-KVThreadId kv_thread_self(void) { return pthread_self(); }
+KVThreadId kv_thread_self(void) {
+    return pthread_self();
+}
 
-int kv_thread_equal(KVThreadId a, KVThreadId b) { return pthread_equal(a, b) ? 1 : 0; }
+int kv_thread_equal(KVThreadId a, KVThreadId b) {
+    return pthread_equal(a, b) ? 1 : 0;
+}
 
-KVThreadId kv_thread_get_id(KVThread t) { return t != nullptr ? t->tid : KVThreadId(); }
+KVThreadId kv_thread_get_id(KVThread t) {
+    return t != nullptr ? t->tid : KVThreadId();
+}
 
 KVError kv_thread_signal(KVThread t, int sig) {
     if (t == nullptr || !t->started || t->joined) return kv_error_set_errno(EINVAL);
@@ -220,8 +230,12 @@ KVError mask_one(int how, int sig) {
 }
 }  // namespace
 
-KVError kv_thread_block_signal(int sig) { return mask_one(SIG_BLOCK, sig); }
-KVError kv_thread_unblock_signal(int sig) { return mask_one(SIG_UNBLOCK, sig); }
+KVError kv_thread_block_signal(int sig) {
+    return mask_one(SIG_BLOCK, sig);
+}
+KVError kv_thread_unblock_signal(int sig) {
+    return mask_one(SIG_UNBLOCK, sig);
+}
 
 KVError kv_thread_block_all_signals(void) {
     sigset_t set;

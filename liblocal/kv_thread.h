@@ -11,8 +11,8 @@
 KVMutex kv_mutex_new(void);
 KVError kv_mutex_lock(KVMutex mutex);
 KVError kv_mutex_unlock(KVMutex mutex);
-KVError kv_mutex_trylock(KVMutex mutex);   // non-zero when busy
-KVError kv_mutex_destroy(KVMutex mutex);   // unlocks, then frees at refcount 0
+KVError kv_mutex_trylock(KVMutex mutex);  // non-zero when busy
+KVError kv_mutex_destroy(KVMutex mutex);  // unlocks, then frees at refcount 0
 
 KVError kv_once(KVOnce* once_control, KVOnceFunc once_routine);
 KVError kv_once_reset(KVOnce* once_control);
@@ -31,11 +31,11 @@ typedef void* (*KVThreadFunc)(void* arg);
 typedef pthread_t KVThreadId;
 #define KV_EBUSY 12
 
-KVThread kv_thread_new(KVThreadFunc func, void* arg);   // null on a null func
+KVThread kv_thread_new(KVThreadFunc func, void* arg);  // null on a null func
 KVError kv_thread_start(KVThread thread);
 KVError kv_thread_join(KVThread thread, void** result);
 KVError kv_thread_tryjoin(KVThread thread, void** result);
-KVError kv_thread_destroy(KVThread thread);   // joins first if started and not joined
+KVError kv_thread_destroy(KVThread thread);  // joins first if started and not joined
 KVThreadId kv_thread_self(void);
 int kv_thread_equal(KVThreadId a, KVThreadId b);
 KVThreadId kv_thread_get_id(KVThread thread);

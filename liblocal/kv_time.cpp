@@ -11,7 +11,9 @@ namespace {
 thread_local kv_time64_t t_svc_now = 0;
 
 // Forever compares above every real time, however far in the future.
-int64_t cmp_key(kv_time64_t t) { return t == KV_FOREVER_TIME ? INT64_MAX : t; }
+int64_t cmp_key(kv_time64_t t) {
+    return t == KV_FOREVER_TIME ? INT64_MAX : t;
+}
 }  // namespace
 
 kv_time64_t kv_time(kv_time64_t* tp) {
@@ -61,22 +63,34 @@ int32_t kv_time64_to_32(kv_time64_t t) {
     return static_cast<int32_t>(t);
 }
 
-kv_timeoffset_t kv_time64_to_offset(kv_time64_t t) { return kv_time64_to_32(t); }
+kv_timeoffset_t kv_time64_to_offset(kv_time64_t t) {
+    return kv_time64_to_32(t);
+}
 
-kv_time64_t kv_timeoffset_to_64(kv_timeoffset_t off) { return static_cast<kv_time64_t>(off); }
+kv_time64_t kv_timeoffset_to_64(kv_timeoffset_t off) {
+    return static_cast<kv_time64_t>(off);
+}
 
-kv_timeoffset_t kv_forever_timeoffset(void) { return KV_FOREVER_TIMEOFFSET; }
+kv_timeoffset_t kv_forever_timeoffset(void) {
+    return KV_FOREVER_TIMEOFFSET;
+}
 
-int kv_is_forever_time(kv_time64_t t) { return t == KV_FOREVER_TIME ? 1 : 0; }
+int kv_is_forever_time(kv_time64_t t) {
+    return t == KV_FOREVER_TIME ? 1 : 0;
+}
 
-int kv_is_forever_timeoffset(kv_timeoffset_t off) { return off == KV_FOREVER_TIMEOFFSET ? 1 : 0; }
+int kv_is_forever_timeoffset(kv_timeoffset_t off) {
+    return off == KV_FOREVER_TIMEOFFSET ? 1 : 0;
+}
 
 kv_time64_t svc_time(void) {
     if (t_svc_now == 0) t_svc_now = kv_time(nullptr);
     return t_svc_now;
 }
 
-void svc_time_reset(void) { t_svc_now = 0; }
+void svc_time_reset(void) {
+    t_svc_now = 0;
+}
 
 int64_t timeval_diff(const struct timeval* end, const struct timeval* start) {
     if (end == nullptr || start == nullptr) return 0;

@@ -13,11 +13,11 @@
 typedef int32_t kv_timeoffset_t;
 #define KV_FOREVER_TIMEOFFSET ((kv_timeoffset_t)0x7FFFFFFF)
 
-kv_time64_t kv_time(kv_time64_t* tp);      // stored through a non-null tp
+kv_time64_t kv_time(kv_time64_t* tp);  // stored through a non-null tp
 // Text of ctime in the calling thread's 26-byte buffer; the empty text for a
 // time the system cannot show.
 char* kv_ctime(kv_time64_t t);
-struct tm* kv_localtime(kv_time64_t t);    // per-thread; null on failure
+struct tm* kv_localtime(kv_time64_t t);  // per-thread; null on failure
 kv_time64_t kv_mktime(struct tm* t);
 
 // -1, 0, 1, with the forever value treated as the largest 64-bit time.

@@ -17,7 +17,9 @@ void free_record(void* p) {
     free(rec);
 }
 
-void make_key(void) { g_key = kv_threadstorage_new(free_record); }
+void make_key(void) {
+    g_key = kv_threadstorage_new(free_record);
+}
 }  // namespace
 
 liblocal_t_struct* get_liblocal_t_varp(void) {

@@ -12,12 +12,12 @@
 #define KV_KVUI_BUFSIZE 64
 
 struct liblocal_t_struct {
-    char ctime_buf[KV_CTIME_BUFSIZE];   // kv_ctime
-    struct tm localtime_tm;             // kv_localtime
-    struct passwd pw_ent;               // kv_ts_getpwuid
-    char* pw_buf;                       // grows by doubling on ERANGE
+    char ctime_buf[KV_CTIME_BUFSIZE];  // kv_ctime
+    struct tm localtime_tm;            // kv_localtime
+    struct passwd pw_ent;              // kv_ts_getpwuid
+    char* pw_buf;                      // grows by doubling on ERANGE
     size_t pw_bufsize;
-    char kvui_buf[KV_KVUI_BUFCOUNT][KV_KVUI_BUFSIZE];   // kvui_to_string rotation
+    char kvui_buf[KV_KVUI_BUFCOUNT][KV_KVUI_BUFSIZE];  // kvui_to_string rotation
     int kvui_next;
 };
 

@@ -18,7 +18,9 @@ int kv_trace_on(int level, unsigned long mask) {
     return (Debug > 0 && Debug >= level) || (Debug_mask & mask) != 0;
 }
 
-kv_trace_hook_fn kv_set_trace_hook(kv_trace_hook_fn fn) { return g_hook.exchange(fn); }
+kv_trace_hook_fn kv_set_trace_hook(kv_trace_hook_fn fn) {
+    return g_hook.exchange(fn);
+}
 
 void kv_trace(int level, unsigned long mask, const char* format, ...) {
     kv_trace_hook_fn hook = g_hook.load();

@@ -23,7 +23,8 @@ typedef KVMutexStruct* KVMutex;
 struct KVOnce {
     pthread_once_t once;
 };
-#define KV_ONCE_INIT {PTHREAD_ONCE_INIT}
+#define KV_ONCE_INIT \
+    { PTHREAD_ONCE_INIT }
 typedef void (*KVOnceFunc)(void);
 
 struct KVThreadStorageStruct;

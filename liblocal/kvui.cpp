@@ -48,21 +48,18 @@ void get_words(const kvui_t* uid, uint32_t w[5]) {
 
 bool prints_short(uint32_t type, kvui_format_t how) {
     switch (type) {
-        case KVUI_ZEROID:
-        case KVUI_SHORTID:
-        case KVUI_OVOLUME:
-            return true;
-        case KVUI_OSAVESET:
-        case KVUI_CLIENT:
-        case KVUI_SAVESET:
-        case KVUI_GSTDB:
-            return how != KVUI_FMT_LONG;
-        case KVUI_MERLODE:
-            // The snapshot module's identities go out in the long form by
-            // default: their short form, a process id, would repeat.
-            return how == KVUI_FMT_SHORT;
-        default:
-            return false;
+    case KVUI_ZEROID:
+    case KVUI_SHORTID:
+    case KVUI_OVOLUME: return true;
+    case KVUI_OSAVESET:
+    case KVUI_CLIENT:
+    case KVUI_SAVESET:
+    case KVUI_GSTDB: return how != KVUI_FMT_LONG;
+    case KVUI_MERLODE:
+        // The snapshot module's identities go out in the long form by
+        // default: their short form, a process id, would repeat.
+        return how == KVUI_FMT_SHORT;
+    default: return false;
     }
 }
 
@@ -120,7 +117,8 @@ kvui_t* kvui_create(kvui_t* uid, kvui_idtype_t idtype, uint32_t priv) {
     uint32_t now = static_cast<uint32_t>(time(nullptr));
     uint32_t count = g_counter.fetch_add(1) & 0xFFFFu;
     uint32_t hi = (count << 16) | (static_cast<uint32_t>(g_hwaddr[0]) << 8) | g_hwaddr[1];
-    uint32_t ip = (static_cast<uint32_t>(g_hwaddr[2]) << 24) | (static_cast<uint32_t>(g_hwaddr[3]) << 16) |
+    uint32_t ip = (static_cast<uint32_t>(g_hwaddr[2]) << 24) |
+                  (static_cast<uint32_t>(g_hwaddr[3]) << 16) |
                   (static_cast<uint32_t>(g_hwaddr[4]) << 8) | g_hwaddr[5];
     return kvui_create5(uid, static_cast<uint32_t>(idtype), priv, now, hi, ip);
 }
@@ -184,9 +182,13 @@ int kvui_cmp(const kvui_t* a, const kvui_t* b) {
     return memcmp(a, b, 20);
 }
 
-int kvui_is_zeroid(const kvui_t* uid) { return uid == nullptr || kvui_cmp(uid, &Zero_kvui) == 0; }
+int kvui_is_zeroid(const kvui_t* uid) {
+    return uid == nullptr || kvui_cmp(uid, &Zero_kvui) == 0;
+}
 
-int kvui_is_notid(const kvui_t* uid) { return uid != nullptr && kvui_cmp(uid, &Not_kvui) == 0; }
+int kvui_is_notid(const kvui_t* uid) {
+    return uid != nullptr && kvui_cmp(uid, &Not_kvui) == 0;
+}
 
 kvui_idtype_t kvui_get_idtype(const kvui_t* uid) {
     if (uid == nullptr) return KVUI_ZEROID;

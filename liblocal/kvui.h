@@ -74,7 +74,7 @@ int string_to_kvui(const char* str, kvui_t* uid);
 // The POSIX cksum CRC (length appended, result inverted).
 uint32_t kvui_cksum(const unsigned char* data, unsigned int len);
 
-int kvui_cmp(const kvui_t* a, const kvui_t* b);   // <0, 0, >0 over the 20 bytes
+int kvui_cmp(const kvui_t* a, const kvui_t* b);  // <0, 0, >0 over the 20 bytes
 int kvui_is_zeroid(const kvui_t* uid);
 int kvui_is_notid(const kvui_t* uid);
 kvui_idtype_t kvui_get_idtype(const kvui_t* uid);

@@ -33,7 +33,9 @@ vallist* vallist_dup(const vallist* old) {
     return head;
 }
 
-void val_free(vallist* v) { free(v); }
+void val_free(vallist* v) {
+    free(v);
+}
 
 void vallist_free(vallist* vl) {
     while (vl != nullptr) {

@@ -16,8 +16,12 @@
 #include "liblocal/kv_utf8.h"
 
 namespace {
-inline kv_list_t* L(vallist* v) { return reinterpret_cast<kv_list_t*>(v); }
-inline kv_list_t** LP(vallist** v) { return reinterpret_cast<kv_list_t**>(v); }
+inline kv_list_t* L(vallist* v) {
+    return reinterpret_cast<kv_list_t*>(v);
+}
+inline kv_list_t** LP(vallist** v) {
+    return reinterpret_cast<kv_list_t**>(v);
+}
 
 vallist** tail_link(vallist** vlp) {
     while (*vlp != nullptr) vlp = &(*vlp)->next;
@@ -84,7 +88,9 @@ bool regex_cmp(Regex* r, const char* pattern) {
     r->ok = regcomp(&r->re, pattern, REG_EXTENDED | REG_NOSUB) == 0;
     return r->ok;
 }
-bool regex_exec(Regex* r, const char* text) { return regexec(&r->re, text, 0, nullptr, 0) == 0; }
+bool regex_exec(Regex* r, const char* text) {
+    return regexec(&r->re, text, 0, nullptr, 0) == 0;
+}
 void regex_done(Regex* r) {
     if (r->ok) regfree(&r->re);
     r->ok = false;
@@ -147,7 +153,7 @@ void vallist_add2(vallist** vlhp, vallist** vltp, const char* str) {
         *vlhp = v;
     } else {
         vallist* t = *vltp != nullptr ? *vltp : *vlhp;
-        while (t->next != nullptr) t = t->next;   // the hint may be stale
+        while (t->next != nullptr) t = t->next;  // the hint may be stale
         t->next = v;
     }
     *vltp = v;
@@ -179,7 +185,9 @@ void vallist_pos_insert(vallist** values, char* value, int n) {
     *link = v;
 }
 
-int vallist_addsort(vallist** vlp, const char* str) { return sorted_insert(vlp, str, val_cmp); }
+int vallist_addsort(vallist** vlp, const char* str) {
+    return sorted_insert(vlp, str, val_cmp);
+}
 
 int i18n_vallist_addsort(vallist** vlp, const char* str) {
     return sorted_insert(vlp, str, i18n_val_cmp);
@@ -220,7 +228,9 @@ char* vallist_pos_value(vallist* vl, int pos) {
     return nullptr;
 }
 
-int vallist_count(vallist* vl) { return list_count(L(vl)); }
+int vallist_count(vallist* vl) {
+    return list_count(L(vl));
+}
 
 int vallist_count_val(vallist* vl, char* value) {
     if (value == nullptr) return 0;
@@ -236,7 +246,9 @@ int vallist_delete(vallist** vlp, const char* value) {
     return remove_first(vlp, [&](vallist* v) { return strcmp(v->value, value) == 0; });
 }
 
-void vallist_remove(vallist** vlp, const char* value) { vallist_delete(vlp, value); }
+void vallist_remove(vallist** vlp, const char* value) {
+    vallist_delete(vlp, value);
+}
 
 int vallist_strstart_delete(vallist** vlp, const char* value) {
     if (value == nullptr) return 0;
@@ -326,7 +338,8 @@ int vallist_diff_apply(vallist* old, vallist* newl, vallist** change, int choice
     }
     if (choice != 2) {
         for (vallist* v = newl; v != nullptr; v = v->next)
-            if (vallist_find(old, v->value) == nullptr && vallist_find(*change, v->value) == nullptr)
+            if (vallist_find(old, v->value) == nullptr &&
+                vallist_find(*change, v->value) == nullptr)
                 vallist_add(change, v->value);
     }
     return 1;
@@ -346,7 +359,8 @@ int vallist_patmatch(vallist* qv, vallist* av) {
         Regex r;
         if (!regex_cmp(&r, lower(qv->value).c_str())) return 0;
         bool hit = false;
-        for (vallist* a = av; a != nullptr && !hit; a = a->next) hit = regex_exec(&r, lower(a->value).c_str());
+        for (vallist* a = av; a != nullptr && !hit; a = a->next)
+            hit = regex_exec(&r, lower(a->value).c_str());
         regex_done(&r);
         if (hit) return 1;
     }
@@ -365,7 +379,7 @@ vallist* vallist_build(char* args, ...) {
 
 char* vallist_to_csv(vallist* vlp, size_t string_size_limit) {
     if (vlp == nullptr) return xstrdup("<empty>");
-    std::string out = vlp->value;   // the first value is kept whatever its length
+    std::string out = vlp->value;  // the first value is kept whatever its length
     bool dropped = false;
     for (vallist* v = vlp->next; v != nullptr; v = v->next) {
         size_t want = out.size() + 2 + strlen(v->value);

@@ -196,9 +196,7 @@ int cdi_cmd(CDI_INFOP cdi_info) {
             status = cdi_info->status;
         }
         break;
-    case CDI_SEND_SCSI_CDB:
-        status = cdi_send_scsi_cdb(cdi_info);
-        break;
+    case CDI_SEND_SCSI_CDB: status = cdi_send_scsi_cdb(cdi_info); break;
     default:
         vcdi_unsupported_cmd(cdi_info);
         status = cdi_info->status;
@@ -221,23 +219,17 @@ int cdi_cmd(CDI_INFOP cdi_info) {
 
 int cdi_errno_to_status(int err) {
     switch (err) {
-    case ENOENT:
-        return CDI_STAT_NO_DEVICE_FILE;
+    case ENOENT: return CDI_STAT_NO_DEVICE_FILE;
     case EIO:
     case ENOMEM:
     case EACCES:
     case ENFILE:
     case EMFILE:
-    case ENOSPC:
-        return CDI_STAT_SYSTEM_ERROR;
-    case EBADF:
-        return CDI_STAT_BAD_HANDLE;
-    case EBUSY:
-        return CDI_STAT_DEVICE_FILE_BUSY;
-    case EINVAL:
-        return CDI_STAT_PARAMETER_ERROR;
-    default:
-        return CDI_STAT_BAD_DEVICE_FILE;
+    case ENOSPC: return CDI_STAT_SYSTEM_ERROR;
+    case EBADF: return CDI_STAT_BAD_HANDLE;
+    case EBUSY: return CDI_STAT_DEVICE_FILE_BUSY;
+    case EINVAL: return CDI_STAT_PARAMETER_ERROR;
+    default: return CDI_STAT_BAD_DEVICE_FILE;
     }
 }
 

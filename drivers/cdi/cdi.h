@@ -17,9 +17,9 @@ typedef int kv_fd_t;
 #define current_cdi_version 1u
 
 // Path types (ACCESS_PATH::type).
-#define CDI_PATH_SCSI 1          // SCSI pass-through
-#define CDI_PATH_TAPE 2          // tape through the system's tape interface
-#define CDI_PATH_TAPE_NR 3       // the same, no-rewind node
+#define CDI_PATH_SCSI 1     // SCSI pass-through
+#define CDI_PATH_TAPE 2     // tape through the system's tape interface
+#define CDI_PATH_TAPE_NR 3  // the same, no-rewind node
 #define CDI_PATH_NDMP_TAPE 4
 #define CDI_PATH_NDMP_SCSI 5
 #define CDI_PATH_RESERVED 6
@@ -151,10 +151,10 @@ struct NDMP_INFO {
 
 struct ACCESS_PATH {
     int type;
-    char* device_file;       // owned by the CDI_INFO, freed at close
-    kv_fd_t handle;          // -1 when closed
-    int cdi_opened_handle;   // 1: cdi_open opened handle, so cdi_close closes it
-    char* aux_device_file;   // generic node that carries the commands, if any
+    char* device_file;      // owned by the CDI_INFO, freed at close
+    kv_fd_t handle;         // -1 when closed
+    int cdi_opened_handle;  // 1: cdi_open opened handle, so cdi_close closes it
+    char* aux_device_file;  // generic node that carries the commands, if any
     kv_fd_t aux_handle;
     int aux_flags;
     void* aux_os_pvt;
@@ -169,17 +169,17 @@ struct DRIVE_STATUS {
 };
 
 struct CDI_SCSICMD {
-    long unsigned int scmd_result;   // CDI_SCMD_* bits
+    long unsigned int scmd_result;  // CDI_SCMD_* bits
     unsigned char* scmd_sense;
     int scmd_senselen;
     unsigned char* scmd_bufaddr;
     long unsigned int scmd_buflen;
     long int scmd_resid;
-    int scmd_time;                   // seconds
+    int scmd_time;  // seconds
     unsigned char* scmd_cdb;
     int scmd_cdblen;
-    int scmd_status;                 // SCSI status byte, 255 if not set
-    int scmd_flags;                  // 1 data in, 0 data out or none
+    int scmd_status;  // SCSI status byte, 255 if not set
+    int scmd_flags;   // 1 data in, 0 data out or none
 };
 
 struct CDI_MTOP {
@@ -195,7 +195,7 @@ struct CDI_TAPE_OP_DATA {
 };
 
 struct CDI_INQUIRY_DATA_T {
-    int inq_data_requested;   // CDI_INQ_*; 0 and anything from 6 up: standard data
+    int inq_data_requested;  // CDI_INQ_*; 0 and anything from 6 up: standard data
     int other_vpd_page;
     int dummy;
     unsigned char inquiry_data[CDI_INQUIRY_LEN];
@@ -222,7 +222,7 @@ struct CDI_INFO {
     int command;
     int status;
     DRIVE_STATUS drivestat;
-    errinfo error;               // errnum: errno-style value; errstr: the text
+    errinfo error;  // errnum: errno-style value; errstr: the text
     int errstr_can_be_freed;
     BUFFERLIST* bufferlist;
     int free_bufferlist_on_close;
@@ -240,7 +240,7 @@ extern char cdi_drive_stat_messages[CDI_DRIVE_STAT_COUNT][CDI_MSG_SLOT_LEN];
 void cdi_define_messages(void);
 
 // Record life cycle.
-CDI_INFOP cdi_build_cdi_info(CDI_INFOP cdi_info);   // null: allocates
+CDI_INFOP cdi_build_cdi_info(CDI_INFOP cdi_info);  // null: allocates
 CDI_INFO* cdi_create_cdi_info(char* pszDeviceFile, int iPathType, int iPathOptions,
                               unsigned int uiCdiMinVersion);
 void cdi_free_cdi_info(CDI_INFOP cdi_info, int cdi_info_is_malloced);
@@ -255,7 +255,7 @@ void cdi_free_bufferlist(CDI_INFOP cdi_info);
 // The three calls. Each returns the CDI status, also left in cdi_info->status.
 int cdi_open(CDI_INFOP cdi_info);
 int cdi_cmd(CDI_INFOP cdi_info);
-int cdi_close(CDI_INFOP cdi_info);   // always 0
+int cdi_close(CDI_INFOP cdi_info);  // always 0
 
 int cdi_errno_to_status(int err);
 // 1 if vendor and product are case-insensitive prefixes of the record's; "" matches all.

@@ -13,4 +13,6 @@ int cdi_ndmp_cmd(CDI_INFOP cdi_info) {
     return cdi_info->status;
 }
 
-int cdi_ndmp_close(CDI_INFOP) { return 0; }
+int cdi_ndmp_close(CDI_INFOP) {
+    return 0;
+}

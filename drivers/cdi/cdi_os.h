@@ -7,7 +7,7 @@
 
 int cdi_os_open(CDI_INFOP cdi_info);
 int cdi_os_cmd(CDI_INFOP cdi_info);
-int cdi_os_close(CDI_INFOP cdi_info);   // always 0
+int cdi_os_close(CDI_INFOP cdi_info);  // always 0
 
 int cdi_tape_cmd(CDI_INFOP cdi_info);
 

@@ -9,10 +9,10 @@ struct sgnum_list;
 
 // Per-thread state of the device interface.
 struct cdi_t_struct {
-    sgnum_list* sg_list;        // device cache of the pass-through
-    int use_SG_IO;              // 1: kernel from 2.6.16 on, SG_IO preferred
-    char cdi_log_file[12288];   // reserved for a per-thread trace file name
-    int cdi_debug;              // trace level (CDI_DEBUG)
+    sgnum_list* sg_list;       // device cache of the pass-through
+    int use_SG_IO;             // 1: kernel from 2.6.16 on, SG_IO preferred
+    char cdi_log_file[12288];  // reserved for a per-thread trace file name
+    int cdi_debug;             // trace level (CDI_DEBUG)
 };
 
 // The calling thread's state, made on first need. Never null.

@@ -37,8 +37,7 @@ bool immediate_command(CDI_INFOP cdi_info) {
     case CDI_WRITE_FILEMARKS:
     case CDI_REWIND:
     case CDI_UNLOAD:
-    case CDI_OFFLINE:
-        return first == 1;
+    case CDI_OFFLINE: return first == 1;
     default:
         // CDI_LOCATE's immediate flag lives in its own record, which comes
         // with the tape command set.
@@ -62,8 +61,8 @@ int vcdi_DoScmdAndDigestResult(CDI_INFOP cdi_info) {
     cdi_define_messages();
     CDI_SCSICMD& s = cdi_info->scmd;
     if (s.scmd_sense && s.scmd_senselen > 0) memset(s.scmd_sense, 0, s.scmd_senselen);
-    int status = cdi_info->path.type == CDI_PATH_NDMP_SCSI ? cdi_ndmp_cmd(cdi_info)
-                                                            : cdi_os_cmd(cdi_info);
+    int status =
+        cdi_info->path.type == CDI_PATH_NDMP_SCSI ? cdi_ndmp_cmd(cdi_info) : cdi_os_cmd(cdi_info);
     cdi_info->status = status;
     set_drive_status(cdi_info, CDI_DRIVE_STATUS_UNKNOWN);
     switch (status) {
@@ -71,20 +70,11 @@ int vcdi_DoScmdAndDigestResult(CDI_INFOP cdi_info) {
         set_drive_status(cdi_info, immediate_command(cdi_info) ? CDI_DRIVE_NO_ERROR_STATE_UNKNOWN
                                                                : CDI_DRIVE_READY);
         break;
-    case CDI_STAT_CHECK_CONDITION:
-        vXlateScmdSense_to_DriveStatus(cdi_info);
-        break;
-    case CDI_STAT_CHECK_NO_SENSE:
-        set_drive_status(cdi_info, CDI_DRIVE_NOT_READY_UNKNOWN);
-        break;
-    case CDI_STAT_DEVICE_BUSY:
-        set_drive_status(cdi_info, CDI_DRIVE_BUSY);
-        break;
-    case CDI_STAT_RESERVATION_CONFLICT:
-        set_drive_status(cdi_info, CDI_DRIVE_RESERVED);
-        break;
-    default:
-        break;
+    case CDI_STAT_CHECK_CONDITION: vXlateScmdSense_to_DriveStatus(cdi_info); break;
+    case CDI_STAT_CHECK_NO_SENSE: set_drive_status(cdi_info, CDI_DRIVE_NOT_READY_UNKNOWN); break;
+    case CDI_STAT_DEVICE_BUSY: set_drive_status(cdi_info, CDI_DRIVE_BUSY); break;
+    case CDI_STAT_RESERVATION_CONFLICT: set_drive_status(cdi_info, CDI_DRIVE_RESERVED); break;
+    default: break;
     }
     return status;
 }
@@ -101,7 +91,7 @@ int cdi_inquiry(CDI_INFOP cdi_info) {
     case CDI_INQ_SERIAL: page = 0x80; break;
     case CDI_INQ_IDENTIFICATION: page = 0x83; break;
     case CDI_INQ_OTHER_PAGE: page = static_cast<unsigned char>(inq.other_vpd_page); break;
-    default: evpd = 0; break;   // 0, negative, 6 and up: the standard data
+    default: evpd = 0; break;  // 0, negative, 6 and up: the standard data
     }
     unsigned char cdb[6] = {0x12, evpd, page, 0, 255, 0};
     vcdi_SetupDefaultScmd(cdi_info);
@@ -122,19 +112,12 @@ int cdi_inquiry(CDI_INFOP cdi_info) {
 // The caller's CDB, buffer and time as set in scmd, not digested.
 int cdi_send_scsi_cdb(CDI_INFOP cdi_info) {
     switch (cdi_info->path.type) {
-    case CDI_PATH_SCSI:
-        return cdi_os_cmd(cdi_info);
+    case CDI_PATH_SCSI: return cdi_os_cmd(cdi_info);
     case CDI_PATH_TAPE:
-    case CDI_PATH_TAPE_NR:
-        return cdi_tape_cmd(cdi_info);
-    case CDI_PATH_NDMP_SCSI:
-        return cdi_ndmp_cmd(cdi_info);
+    case CDI_PATH_TAPE_NR: return cdi_tape_cmd(cdi_info);
+    case CDI_PATH_NDMP_SCSI: return cdi_ndmp_cmd(cdi_info);
     case CDI_PATH_NDMP_TAPE:
-    case CDI_PATH_RESERVED:
-        vcdi_unimplemented_cmd(cdi_info);
-        return cdi_info->status;
-    default:
-        vcdi_unimplemented_path(cdi_info);
-        return cdi_info->status;
+    case CDI_PATH_RESERVED: vcdi_unimplemented_cmd(cdi_info); return cdi_info->status;
+    default: vcdi_unimplemented_path(cdi_info); return cdi_info->status;
     }
 }

@@ -24,7 +24,9 @@ KVOnce key_once = KV_ONCE_INIT;
 KVThreadStorage cdi_key = nullptr;
 std::atomic<FILE*> trace_stream{nullptr};
 
-void make_key(void) { cdi_key = kv_threadstorage_new(cdi_t_clean); }
+void make_key(void) {
+    cdi_key = kv_threadstorage_new(cdi_t_clean);
+}
 
 int debug_from_env(void) {
     const char* v = getenv("CDI_DEBUG");
@@ -58,10 +60,16 @@ void cdi_t_reset_thread(void) {
     cdi_t_clean(t);
 }
 
-int cdi_get_debug_level(void) { return cdi_t_get()->cdi_debug; }
-void cdi_set_debug_level(int level) { cdi_t_get()->cdi_debug = level; }
+int cdi_get_debug_level(void) {
+    return cdi_t_get()->cdi_debug;
+}
+void cdi_set_debug_level(int level) {
+    cdi_t_get()->cdi_debug = level;
+}
 
-FILE* cdi_set_trace_stream(FILE* fp) { return trace_stream.exchange(fp); }
+FILE* cdi_set_trace_stream(FILE* fp) {
+    return trace_stream.exchange(fp);
+}
 
 void cdi_dprintf(int level, const char* fmt, ...) {
     if (level > cdi_t_get()->cdi_debug) return;

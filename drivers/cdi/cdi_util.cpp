@@ -12,7 +12,8 @@ uint64_t uint_from_scsi_data(const unsigned char* bptr, int size) {
 int fill_cdb_multibyte_field(unsigned char* cdbptr, int size, uint64_t val) {
     if (!cdbptr || size <= 0 || size > 8) return -1;
     if (size < 8 && (val >> (8 * size)) != 0) {
-        cdi_dprintf(1, "CDI error: fill_cdb_multibyte_field() value 0x%llx does not fit in %d bytes\n",
+        cdi_dprintf(1,
+                    "CDI error: fill_cdb_multibyte_field() value 0x%llx does not fit in %d bytes\n",
                     static_cast<unsigned long long>(val), size);
         return -1;
     }

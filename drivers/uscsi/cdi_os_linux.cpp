@@ -49,7 +49,9 @@ void uscsi_set_hooks(const UscsiHooks* hooks) {
     g_hooks = hooks ? *hooks : UscsiHooks{nullptr, nullptr, nullptr, nullptr};
 }
 
-const UscsiHooks& uscsi_hooks(void) { return g_hooks; }
+const UscsiHooks& uscsi_hooks(void) {
+    return g_hooks;
+}
 
 int uscsi_ioctl(int fd, unsigned long request, void* arg) {
     if (g_hooks.ioctl_fn) return g_hooks.ioctl_fn(fd, request, arg);
@@ -86,7 +88,8 @@ int cdi_os_open(CDI_INFOP cdi_info) {
             int err = errno;
             cdi_info->error.errnum = err;
             cdi_info->status = cdi_errno_to_status(err);
-            vcdi_AssignErrStrf(cdi_info, "invalid file handle opening device_file '%s' with flags: 0x%x",
+            vcdi_AssignErrStrf(cdi_info,
+                               "invalid file handle opening device_file '%s' with flags: 0x%x",
                                p.device_file, flags);
             return cdi_info->status;
         }
@@ -94,7 +97,8 @@ int cdi_os_open(CDI_INFOP cdi_info) {
     }
 
     INQ dev;
-    const int dev_ok = (t->use_SG_IO ? sg_inquiry(p.handle, &dev) : st_inquiry(p.handle, &dev)) == 0;
+    const int dev_ok =
+        (t->use_SG_IO ? sg_inquiry(p.handle, &dev) : st_inquiry(p.handle, &dev)) == 0;
     // Without its own identity the device can't be told from another: no
     // node is picked for it, and the direct handle remains.
     if (dev_ok) {

@@ -105,10 +105,11 @@ int st_cmd(CDI_INFOP cdi_info) {
         return cdi_info->status;
     }
     if (s.scmd_buflen > kStMaxData) {
-        vcdi_AssignErrStrf(cdi_info,
-                           "Requested transfer (size:x%lx) is too large for SCSI_IOCTL_SEND_COMMAND "
-                           "via st driver",
-                           s.scmd_buflen);
+        vcdi_AssignErrStrf(
+            cdi_info,
+            "Requested transfer (size:x%lx) is too large for SCSI_IOCTL_SEND_COMMAND "
+            "via st driver",
+            s.scmd_buflen);
         cdi_info->error.errnum = E2BIG;
         cdi_info->status = CDI_STAT_PARAMETER_ERROR;
         return cdi_info->status;
@@ -141,7 +142,8 @@ int st_cmd(CDI_INFOP cdi_info) {
     switch (st) {
     case ST_GOOD:
         cdi_info->status = CDI_STAT_SUCCESS;
-        if (s.scmd_flags == 1 && s.scmd_buflen) memcpy(s.scmd_bufaddr, blk.cdb_or_outbuf, s.scmd_buflen);
+        if (s.scmd_flags == 1 && s.scmd_buflen)
+            memcpy(s.scmd_bufaddr, blk.cdb_or_outbuf, s.scmd_buflen);
         break;
     case ST_CHECK_CONDITION:
         if ((static_cast<unsigned>(ret) >> 24) & kDriverSense) {
@@ -157,9 +159,7 @@ int st_cmd(CDI_INFOP cdi_info) {
             cdi_info->status = CDI_STAT_CHECK_NO_SENSE;
         }
         break;
-    default:
-        cdi_info->status = status_from_scsi_status(st);
-        break;
+    default: cdi_info->status = status_from_scsi_status(st); break;
     }
     return cdi_info->status;
 }
@@ -297,5 +297,9 @@ int st_send_inquiry(int fd, const unsigned char* cdb, unsigned char* buf, int le
 
 }  // namespace
 
-int sg_inquiry(int handle, INQP ip) { return read_identity(handle, sg_send_inquiry, ip); }
-int st_inquiry(int handle, INQP ip) { return read_identity(handle, st_send_inquiry, ip); }
+int sg_inquiry(int handle, INQP ip) {
+    return read_identity(handle, sg_send_inquiry, ip);
+}
+int st_inquiry(int handle, INQP ip) {
+    return read_identity(handle, st_send_inquiry, ip);
+}

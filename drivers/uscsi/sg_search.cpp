@@ -19,8 +19,8 @@
 
 namespace {
 
-const int kMaxLinkHops = 8;        // a loop of links must end
-const size_t kProcMax = 65536;     // /proc/scsi/scsi is read once, up to this
+const int kMaxLinkHops = 8;     // a loop of links must end
+const size_t kProcMax = 65536;  // /proc/scsi/scsi is read once, up to this
 
 std::string last_component(const std::string& p) {
     size_t s = p.find_last_of('/');
@@ -156,7 +156,7 @@ const char* type_text(int type) {
     case 1: return "Sequential-Access";
     case 8: return "Medium Changer";
     case 12: return "RAID";
-    default: return "to_be_filled_in";   // no entry carries it
+    default: return "to_be_filled_in";  // no entry carries it
     }
 }
 
@@ -236,8 +236,8 @@ SNLP find_matching_scsi_devs_in(const char* text, const INQ* ip) {
 }
 
 SNLP find_matching_scsi_devs(const INQ* ip) {
-    const char* path = uscsi_hooks().proc_scsi_path ? uscsi_hooks().proc_scsi_path
-                                                    : "/proc/scsi/scsi";
+    const char* path =
+        uscsi_hooks().proc_scsi_path ? uscsi_hooks().proc_scsi_path : "/proc/scsi/scsi";
     std::string text;
     if (!read_small_file(path, kProcMax, text)) return nullptr;
     return find_matching_scsi_devs_in(text.c_str(), ip);

@@ -26,10 +26,10 @@ typedef struct sgnum_list {
     int sgnum;
     char sgname[32];
     INQ sg_inq;
-    int sg_inq_ok;   // the node answered the standard INQUIRY
+    int sg_inq_ok;  // the node answered the standard INQUIRY
 } SNL, *SNLP;
 
-int inq_compare(const unsigned char* p1, const unsigned char* p2);   // 0: equal
+int inq_compare(const unsigned char* p1, const unsigned char* p2);  // 0: equal
 
 // ---- decoders of INQUIRY data (no device involved) ----
 #define INQ_BUF_LEN 255
@@ -39,16 +39,15 @@ void inq_from_standard(INQP ip, const unsigned char* data, int len);
 int vpd_page_listed(const unsigned char* data, int len, unsigned char page);
 // Copies the payload of VPD page `page` (from byte 4, as long as the page
 // says, at most dstlen bytes) into dst; 0 if the data is not that page.
-int vpd_copy_payload(char* dst, int dstlen, const unsigned char* data, int len,
-                     unsigned char page);
+int vpd_copy_payload(char* dst, int dstlen, const unsigned char* data, int len, unsigned char page);
 
 // Sends a 6-byte INQUIRY CDB on fd and reads up to len bytes into buf; 0 on success.
 typedef int (*inq_sender_t)(int fd, const unsigned char* cdb, unsigned char* buf, int len);
 // The four steps of a device's identity through one transport; 0 if the
 // standard INQUIRY answered (the identity is then worth comparing).
 int read_identity(int fd, inq_sender_t send, INQP ip);
-int sg_inquiry(int handle, INQP ip);   // over SG_IO
-int st_inquiry(int handle, INQP ip);   // over SCSI_IOCTL_SEND_COMMAND
+int sg_inquiry(int handle, INQP ip);  // over SG_IO
+int st_inquiry(int handle, INQP ip);  // over SCSI_IOCTL_SEND_COMMAND
 
 // ---- the search for a generic node ----
 // "/sys", or SYSFS_PATH if it begins with a slash.
@@ -69,10 +68,10 @@ int cdi_os_detect_sg_io(void);
 
 // ---- test hooks ----
 struct UscsiHooks {
-    int (*ioctl_fn)(int fd, unsigned long request, void* arg);   // null: ioctl(2)
-    const char* kernel_release;                                  // null: uname
-    const char* proc_scsi_path;                                  // null: /proc/scsi/scsi
-    const char* dev_sg_prefix;                                   // null: /dev/sg
+    int (*ioctl_fn)(int fd, unsigned long request, void* arg);  // null: ioctl(2)
+    const char* kernel_release;                                 // null: uname
+    const char* proc_scsi_path;                                 // null: /proc/scsi/scsi
+    const char* dev_sg_prefix;                                  // null: /dev/sg
 };
 // Copies the hooks (the strings must outlive their use); null restores the system's.
 void uscsi_set_hooks(const UscsiHooks* hooks);

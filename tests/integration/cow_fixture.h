@@ -31,7 +31,8 @@ inline Entry& module() {
         Entry m;
         void* h = dlopen(ZOVMERL_PATH, RTLD_NOW | RTLD_LOCAL);
         if (h != nullptr) {
-            m.instantiateSS = reinterpret_cast<decltype(m.instantiateSS)>(dlsym(h, "instantiateSS"));
+            m.instantiateSS =
+                reinterpret_cast<decltype(m.instantiateSS)>(dlsym(h, "instantiateSS"));
             m.freeSSObject = reinterpret_cast<decltype(m.freeSSObject)>(dlsym(h, "freeSSObject"));
         }
         return m;
@@ -202,13 +203,15 @@ public:
     }
 
     // The production life up to the handle; empty texts on failure.
-    bool take_snapshot(const std::vector<std::string>& devices, std::string& guid, std::string& details) {
+    bool take_snapshot(const std::vector<std::string>& devices, std::string& guid,
+                       std::string& details) {
         ldr::ISnapshot* s = production();
         if (s == nullptr) return false;
         ldr::SSSourceList* srcs = ldr::make_sources(devices);
         ldr::SSTaskId task = -1;
         ldr::SCSnapshotHandle* h = nullptr;
-        bool ok = !take(s->addComponent(srcs)) && !take(s->prepareForSnapshot(nullptr, nullptr, task)) &&
+        bool ok = !take(s->addComponent(srcs)) &&
+                  !take(s->prepareForSnapshot(nullptr, nullptr, task)) &&
                   !take(s->snapshot(nullptr, task)) && !take(s->getSnapshotHandle(h));
         delete srcs;
         if (ok) {

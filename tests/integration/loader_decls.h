@@ -48,7 +48,16 @@ struct SSAPIVersion {
 typedef void (*LogFn)(int, const char*, int, const char*, void*);
 typedef int SSTaskId;
 
-enum State { UNINIT = 1, INIT, PREPARE_IN_PROGRESS, PREPARED, SNAP_IN_PROGRESS, VALID, READY, ERROR };
+enum State {
+    UNINIT = 1,
+    INIT,
+    PREPARE_IN_PROGRESS,
+    PREPARED,
+    SNAP_IN_PROGRESS,
+    VALID,
+    READY,
+    ERROR
+};
 
 class SSObject {
 public:
@@ -143,7 +152,8 @@ public:
     virtual SSError* postSnapshot(int) = 0;
     virtual SSError* deleteSnapshot() = 0;
     virtual SSError* rollBack(SSSourceList*, SSExtentList*, SSTaskId&) = 0;
-    virtual SSError* restoreTo(SSSourceList*, SSExtentList*, SSSourceList*, SSExtentList*, SSTaskId&) = 0;
+    virtual SSError* restoreTo(SSSourceList*, SSExtentList*, SSSourceList*, SSExtentList*,
+                               SSTaskId&) = 0;
     virtual SSError* shareTo(SSSourceList*, const char*) = 0;
     virtual SSError* mount(SSSourceList*) = 0;
     virtual SSError* unmount(SSSourceList*) = 0;
@@ -155,7 +165,8 @@ public:
     virtual SSError* getProviderAttribute(attrlist*, attrlist*&) = 0;
     virtual SSError* getProviderAttribute(const char*, attrlist*, attrlist*&) = 0;
     virtual const char* getModuleName() = 0;
-    virtual SSError* getSnapProviderUnitProperties(SSSourceList*, attrlist*, attrlist*, attrlist*&) = 0;
+    virtual SSError* getSnapProviderUnitProperties(SSSourceList*, attrlist*, attrlist*,
+                                                   attrlist*&) = 0;
     virtual SSError* getMirrorChoices(attrlist*, attrlist*&, errinfo&) = 0;
     virtual SSError* isFilesystemSupported(std::string, int&) = 0;
 };

@@ -24,13 +24,14 @@ protected:
 
 TEST_F(CowLife, ProductionHandleThenMountHostLife) {
     std::string guid, details;
-    ASSERT_TRUE(loader->take_snapshot({array.dev("sdd"), array.dev("sdg")}, guid, details)) << loader->text;
+    ASSERT_TRUE(loader->take_snapshot({array.dev("sdd"), array.dev("sdg")}, guid, details))
+        << loader->text;
 
     // The identity is the long identifier form; the details name the frames
     // and one session per source, indexed in source order.
     EXPECT_TRUE(std::regex_match(guid, std::regex("[0-9a-f]{8}(-[0-9a-f]{8}){5}"))) << guid;
-    std::regex form("KVTv1;198\\.18\\.0\\.1:198\\.18\\.0\\.2;" + guid + "-[0-9]{12}0000\\|" + array.dev("sdd") +
-                    ";" + guid + "-[0-9]{12}0001\\|" + array.dev("sdg"));
+    std::regex form("KVTv1;198\\.18\\.0\\.1:198\\.18\\.0\\.2;" + guid + "-[0-9]{12}0000\\|" +
+                    array.dev("sdd") + ";" + guid + "-[0-9]{12}0001\\|" + array.dev("sdg"));
     EXPECT_TRUE(std::regex_match(details, form)) << details;
     EXPECT_EQ(array.sessions().size(), 2u);
     EXPECT_EQ(array.log_lines("-startsession").size(), 2u);
@@ -83,7 +84,8 @@ TEST_F(CowLife, ProductionHandleThenMountHostLife) {
 
 TEST_F(CowLife, RollbackRunsInAnyStateAndKeepsIt) {
     std::string guid, details;
-    ASSERT_TRUE(loader->take_snapshot({array.dev("sdd"), array.dev("sdg")}, guid, details)) << loader->text;
+    ASSERT_TRUE(loader->take_snapshot({array.dev("sdd"), array.dev("sdg")}, guid, details))
+        << loader->text;
     ldr::ISnapshot* rb = loader->from_handle(guid, details);
     ASSERT_NE(rb, nullptr);
     ldr::SSSourceList* one = ldr::make_sources({array.dev("sdg")});
@@ -99,7 +101,8 @@ TEST_F(CowLife, RollbackRunsInAnyStateAndKeepsIt) {
     ldr::SSSourceList* unknown = ldr::make_sources({"/dev/not-in-snapshot"});
     EXPECT_TRUE(loader->take(rb->rollBack(unknown, nullptr, task)));
     EXPECT_EQ(loader->code, 4);
-    EXPECT_NE(loader->text.find("No source device found for /dev/not-in-snapshot"), std::string::npos);
+    EXPECT_NE(loader->text.find("No source device found for /dev/not-in-snapshot"),
+              std::string::npos);
     delete unknown;
     delete one;
     loader->finish(rb);
@@ -109,14 +112,16 @@ TEST_F(CowLife, FailedMiddleSessionIsFoundAtValidate) {
     ASSERT_EQ(array.admin({"fault", "add", "tilloseccli", "refuse", "--match", "0001 -lun"}), 0);
     std::string guid, details;
     // Only the last session decides the snapshot's outcome.
-    ASSERT_TRUE(loader->take_snapshot({array.dev("sdd"), array.dev("sdg"), array.dev("sdj")}, guid, details))
+    ASSERT_TRUE(loader->take_snapshot({array.dev("sdd"), array.dev("sdg"), array.dev("sdj")}, guid,
+                                      details))
         << loader->text;
     EXPECT_EQ(array.sessions().size(), 2u);
     ldr::ISnapshot* mh = loader->from_handle(guid, details);
     ASSERT_NE(mh, nullptr);
     EXPECT_TRUE(loader->take(mh->validate(nullptr)));
     EXPECT_EQ(loader->code, 21);
-    EXPECT_NE(loader->text.find("Failed to validate session name (" + guid), std::string::npos) << loader->text;
+    EXPECT_NE(loader->text.find("Failed to validate session name (" + guid), std::string::npos)
+        << loader->text;
     EXPECT_NE(loader->text.find("0001) for snapshot"), std::string::npos) << loader->text;
     EXPECT_EQ(mh->getSnapshotState(), ldr::INIT);
     EXPECT_TRUE(array.sessions().empty());  // a failed validate leaves no session behind
@@ -127,7 +132,8 @@ TEST_F(CowLife, FailedLastSessionStopsAllAndStaysPrepared) {
     ASSERT_EQ(array.admin({"fault", "add", "tilloseccli", "refuse", "--match", "0002 -lun"}), 0);
     ldr::ISnapshot* s = loader->production();
     ASSERT_NE(s, nullptr);
-    ldr::SSSourceList* srcs = ldr::make_sources({array.dev("sdd"), array.dev("sdg"), array.dev("sdj")});
+    ldr::SSSourceList* srcs =
+        ldr::make_sources({array.dev("sdd"), array.dev("sdg"), array.dev("sdj")});
     ldr::SSTaskId task = 0;
     ASSERT_FALSE(loader->take(s->addComponent(srcs))) << loader->text;
     ASSERT_FALSE(loader->take(s->prepareForSnapshot(nullptr, nullptr, task)));
@@ -145,7 +151,9 @@ TEST_F(CowLife, SessionGoneBeforeValidate) {
     ASSERT_TRUE(loader->take_snapshot({array.dev("sdd")}, guid, details));
     std::vector<std::string> names = array.sessions();
     ASSERT_EQ(names.size(), 1u);
-    ASSERT_EQ(array.admin({"tilloseccli", "-h", "198.18.0.1", "quillset", "-stopsession", names[0], "-o"}), 0);
+    ASSERT_EQ(array.admin(
+                  {"tilloseccli", "-h", "198.18.0.1", "quillset", "-stopsession", names[0], "-o"}),
+              0);
     ldr::ISnapshot* mh = loader->from_handle(guid, details);
     ASSERT_NE(mh, nullptr);
     EXPECT_TRUE(loader->take(mh->validate(nullptr)));
@@ -160,7 +168,8 @@ TEST_F(CowLife, EnrolmentIsAllOrNothingAndMountNeedsKnownSources) {
     ldr::SSSourceList* mixed = ldr::make_sources({array.dev("sdd"), array.dev("sdn")});
     EXPECT_TRUE(loader->take(s->addComponent(mixed)));
     EXPECT_EQ(loader->code, 7);
-    EXPECT_NE(loader->text.find("Device (" + array.dev("sdn") + ") is not snappable"), std::string::npos);
+    EXPECT_NE(loader->text.find("Device (" + array.dev("sdn") + ") is not snappable"),
+              std::string::npos);
     ldr::SSSourceList* got = nullptr;
     ASSERT_FALSE(loader->take(s->getSourceList(got)));
     EXPECT_EQ(got, nullptr);  // nothing was added
@@ -205,7 +214,8 @@ TEST_F(CowLife, ThreadsWithTheirOwnObjectsLoseNoSession) {
     for (size_t i = 0; i < disks.size(); i++) EXPECT_TRUE(ok[i]) << disks[i] << ": " << why[i];
     EXPECT_EQ(array.sessions().size(), disks.size());
     if (HasFailure())
-        for (const std::string& l : array.log_lines("quillset")) printf("  array got: %s\n", l.c_str());
+        for (const std::string& l : array.log_lines("quillset"))
+            printf("  array got: %s\n", l.c_str());
     for (size_t i = 1; i < guids.size(); i++) EXPECT_NE(guids[i], guids[0]);
 }
 

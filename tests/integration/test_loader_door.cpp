@@ -12,8 +12,6 @@
 
 #include "tests/integration/loader_decls.h"
 
-
-
 namespace {
 
 struct Captured {
@@ -37,8 +35,10 @@ protected:
         ASSERT_NE(handle, nullptr) << dlerror();
         instantiateSS = reinterpret_cast<decltype(instantiateSS)>(dlsym(handle, "instantiateSS"));
         freeSSObject = reinterpret_cast<decltype(freeSSObject)>(dlsym(handle, "freeSSObject"));
-        getSSAPIVersion = reinterpret_cast<decltype(getSSAPIVersion)>(dlsym(handle, "getSSAPIVersion"));
-        freeSSAttrlist = reinterpret_cast<decltype(freeSSAttrlist)>(dlsym(handle, "freeSSAttrlist"));
+        getSSAPIVersion =
+            reinterpret_cast<decltype(getSSAPIVersion)>(dlsym(handle, "getSSAPIVersion"));
+        freeSSAttrlist =
+            reinterpret_cast<decltype(freeSSAttrlist)>(dlsym(handle, "freeSSAttrlist"));
         ASSERT_TRUE(instantiateSS && freeSSObject && getSSAPIVersion && freeSSAttrlist);
         // Nothing else of the module may be reachable by name.
         EXPECT_EQ(dlsym(handle, "_kvinit"), nullptr);
@@ -112,19 +112,22 @@ TEST_F(LoaderDoor, FollowsTheCallingOrderEndToEnd) {
     e = ds->getAPIVersion("SNAPVIEW", tv);
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->errorCode, 8);
-    EXPECT_EQ(text_of(e),
-              "merlDirectoryService::getApiVersion: Specified storage subsystem type (SNAPVIEW) is not "
-              "supported");
+    EXPECT_EQ(
+        text_of(e),
+        "merlDirectoryService::getApiVersion: Specified storage subsystem type (SNAPVIEW) is not "
+        "supported");
     int level = 2;
     e = ds->getStorageStackLevel("x", level);
     ASSERT_NE(e, nullptr);
-    EXPECT_EQ(text_of(e),
-              "merlDirectoryService::getStorageStackLevel: Specified storage subsystem type (x) is not "
-              "supported");
+    EXPECT_EQ(
+        text_of(e),
+        "merlDirectoryService::getStorageStackLevel: Specified storage subsystem type (x) is not "
+        "supported");
     EXPECT_EQ(level, 2);
-    EXPECT_EQ(log.lines.back(),
-              "3 merlDirectoryService::getStorageStackLevel: Specified storage subsystem type (x) is not "
-              "supported");
+    EXPECT_EQ(
+        log.lines.back(),
+        "3 merlDirectoryService::getStorageStackLevel: Specified storage subsystem type (x) is not "
+        "supported");
 
     ldr::attrlist* out = nullptr;
     e = ds->getSourceAttributes("/dev/sdb", nullptr, out);

@@ -11,15 +11,15 @@
 namespace arraysim {
 
 struct DevIdentity {
-  std::string vendor;   // 8 characters, blank-padded when built
-  std::string product;  // 16
-  std::string rev;      // 4
-  std::string serial;   // unit serial number (VPD page 0x80)
-  bool array = false;   // the array's own device: LUN and frame address bytes
-  int lun = 0;
-  unsigned char ip[4] = {0, 0, 0, 0};
-  unsigned char wwn[16] = {0};
-  bool have_wwn = false;
+    std::string vendor;   // 8 characters, blank-padded when built
+    std::string product;  // 16
+    std::string rev;      // 4
+    std::string serial;   // unit serial number (VPD page 0x80)
+    bool array = false;   // the array's own device: LUN and frame address bytes
+    int lun = 0;
+    unsigned char ip[4] = {0, 0, 0, 0};
+    unsigned char wwn[16] = {0};
+    bool have_wwn = false;
 };
 
 // Looks a device name (the file's base name) up in the state.

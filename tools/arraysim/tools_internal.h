@@ -9,13 +9,14 @@
 
 namespace arraysim {
 
-void run_tillo(State& st, const std::string& dir, const std::vector<std::string>& args, ToolResult& r);
+void run_tillo(State& st, const std::string& dir, const std::vector<std::string>& args,
+               ToolResult& r);
 void run_quillset(State& st, const std::string& dir, int frame, const std::string& addr,
                   const std::vector<std::string>& a, ToolResult& r);
-void run_snap(State& st, const std::string& dir, int frame, const std::string& addr, const std::vector<std::string>& a,
-              ToolResult& r);
-void run_host_tool(State& st, const std::string& dir, const std::string& tool, const std::vector<std::string>& args,
-                   ToolResult& r);
+void run_snap(State& st, const std::string& dir, int frame, const std::string& addr,
+              const std::vector<std::string>& a, ToolResult& r);
+void run_host_tool(State& st, const std::string& dir, const std::string& tool,
+                   const std::vector<std::string>& args, ToolResult& r);
 
 // Device names of a LUN on a host, made or removed with their files.
 void make_host_devs(State& st, const std::string& dir, Lun& l, int host);

@@ -79,14 +79,14 @@ const CommandInfo k_commands[] = {
 
 const char* state_name(SCSnapshotState s) {
     switch (s) {
-        case SSHOT_STATE_UNINIT: return "not initialised";
-        case SSHOT_STATE_INIT: return "initialised";
-        case SSHOT_STATE_PREPARE_IN_PROGRESS: return "preparing";
-        case SSHOT_STATE_PREPARED: return "prepared";
-        case SSHOT_STATE_SNAP_IN_PROGRESS: return "snapping";
-        case SSHOT_STATE_VALID: return "valid";
-        case SSHOT_STATE_READY: return "mounted";
-        case SSHOT_STATE_ERROR: return "finished";
+    case SSHOT_STATE_UNINIT: return "not initialised";
+    case SSHOT_STATE_INIT: return "initialised";
+    case SSHOT_STATE_PREPARE_IN_PROGRESS: return "preparing";
+    case SSHOT_STATE_PREPARED: return "prepared";
+    case SSHOT_STATE_SNAP_IN_PROGRESS: return "snapping";
+    case SSHOT_STATE_VALID: return "valid";
+    case SSHOT_STATE_READY: return "mounted";
+    case SSHOT_STATE_ERROR: return "finished";
     }
     return "unknown";
 }
@@ -132,7 +132,8 @@ bool wait_for_task(Context& c, ISnapshot* s, const char* what) {
             return true;
         }
         if (st == SS_TASK_ERROR) {
-            c.report.finish(c.opt.command, EXIT_MODULE_ERROR, std::string(what) + " failed on the array");
+            c.report.finish(c.opt.command, EXIT_MODULE_ERROR,
+                            std::string(what) + " failed on the array");
             return false;
         }
         if (!c.opt.json) {
@@ -156,9 +157,9 @@ void hold_mounted(Context& c, const std::string& devices) {
         pid_t pid = -1;
         int status = 0;
         if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, argv, environ) == 0) {
-            while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-            }
-            c.report.fact("run-status", std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128));
+            while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
+            c.report.fact("run-status",
+                          std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128));
         } else {
             c.report.fact("run-status", "could not start");
         }
@@ -169,8 +170,7 @@ void hold_mounted(Context& c, const std::string& devices) {
         fflush(stdout);
     }
     int ch;
-    while ((ch = getchar()) != EOF && ch != '\n') {
-    }
+    while ((ch = getchar()) != EOF && ch != '\n') {}
 }
 
 // A service object made from a handle file, initialised as on a mount host.
@@ -215,11 +215,12 @@ int load_from_handle(Context& c, MountHostObject& m, bool validate) {
 // The source names a handle's details carry, as the module reads them.
 std::vector<std::string> handle_sources(const std::string& details) {
     std::vector<std::string> out;
-    size_t pos = details.find(';');                        // after the tag
+    size_t pos = details.find(';');                                     // after the tag
     pos = pos == std::string::npos ? pos : details.find(';', pos + 1);  // after the frames
     while (pos != std::string::npos) {
         size_t next = details.find(';', pos + 1);
-        std::string rec = details.substr(pos + 1, next == std::string::npos ? std::string::npos : next - pos - 1);
+        std::string rec =
+            details.substr(pos + 1, next == std::string::npos ? std::string::npos : next - pos - 1);
         size_t bar = rec.find('|');
         if (bar != std::string::npos) {
             std::string src = rec.substr(bar + 1);
@@ -252,12 +253,15 @@ int cmd_info(Context& c) {
     }
     SSAPIVersion v = c.module.api_version();
     c.report.fact("module", c.opt.module);
-    c.report.fact("interface", std::to_string(v.m_majorVersion) + "." + std::to_string(v.m_minorVersion));
+    c.report.fact("interface",
+                  std::to_string(v.m_majorVersion) + "." + std::to_string(v.m_minorVersion));
     SSServiceType* types = nullptr;
     int n = 0;
-    if (c.module.failed(c.module.subsystem()->querySupportedServices(types, n), "querySupportedServices"))
+    if (c.module.failed(c.module.subsystem()->querySupportedServices(types, n),
+                        "querySupportedServices"))
         return module_failure(c);
-    for (int i = 0; i < n; i++) c.report.item("service", types[i] == SS_SERV_SNAPSHOT ? "snapshot" : "other");
+    for (int i = 0; i < n; i++)
+        c.report.item("service", types[i] == SS_SERV_SNAPSHOT ? "snapshot" : "other");
     char** subs = nullptr;
     if (c.module.failed(c.module.directory()->querySupportedServiceSubType(subs, n),
                         "querySupportedServiceSubType"))
@@ -266,10 +270,12 @@ int cmd_info(Context& c) {
         SSAPIVersion tv{0, 0};
         SSStorageStackLevel lvl = SS_LEVEL_DISK;
         if (c.module.failed(c.module.directory()->getAPIVersion(subs[i], tv), "getAPIVersion") ||
-            c.module.failed(c.module.directory()->getStorageStackLevel(subs[i], lvl), "getStorageStackLevel"))
+            c.module.failed(c.module.directory()->getStorageStackLevel(subs[i], lvl),
+                            "getStorageStackLevel"))
             return module_failure(c);
-        c.report.item("technology", std::string(subs[i]) + " (API " + std::to_string(tv.m_majorVersion) +
-                                        "." + std::to_string(tv.m_minorVersion) + ", " +
+        c.report.item("technology", std::string(subs[i]) + " (API " +
+                                        std::to_string(tv.m_majorVersion) + "." +
+                                        std::to_string(tv.m_minorVersion) + ", " +
                                         (lvl == SS_LEVEL_DISK ? "disks" : "volumes") + ")");
     }
     c.report.finish("info", EXIT_OK, "");
@@ -289,8 +295,9 @@ int cmd_supported(Context& c) {
     for (const std::string& d : c.opt.devices) {
         int yes = 0;
         std::string dev = d;
-        if (c.module.failed(c.module.directory()->isServiceSupported(&dev[0], c.opt.tech.c_str(), nullptr, yes),
-                            "isServiceSupported")) {
+        if (c.module.failed(
+                c.module.directory()->isServiceSupported(&dev[0], c.opt.tech.c_str(), nullptr, yes),
+                "isServiceSupported")) {
             c.report.item("unsupported", d + " (" + c.module.error() + ")");
             rc = EXIT_NOT_SUPPORTED;
         } else if (yes > 0) {
@@ -300,13 +307,15 @@ int cmd_supported(Context& c) {
             rc = EXIT_NOT_SUPPORTED;
         }
     }
-    c.report.finish("supported", rc, rc == EXIT_OK ? "" : "not every device can be snapped by " + c.opt.tech);
+    c.report.finish("supported", rc,
+                    rc == EXIT_OK ? "" : "not every device can be snapped by " + c.opt.tech);
     return rc;
 }
 
 int cmd_snapshot(Context& c) {
     if (c.opt.devices.empty() || c.opt.handle_file.empty()) {
-        c.report.finish("snapshot", EXIT_USAGE, "snapshot needs --handle FILE and at least one device");
+        c.report.finish("snapshot", EXIT_USAGE,
+                        "snapshot needs --handle FILE and at least one device");
         return EXIT_USAGE;
     }
     if (!open_module(c)) {
@@ -323,9 +332,15 @@ int cmd_snapshot(Context& c) {
     SSTaskId task = 0;
     SCSnapshotHandle* h = nullptr;
     do {
-        if (c.module.failed(s->init(&is), "init")) { rc = EXIT_MODULE_ERROR; break; }
+        if (c.module.failed(s->init(&is), "init")) {
+            rc = EXIT_MODULE_ERROR;
+            break;
+        }
         c.report.step("Connected to the array and checked the host's array tools");
-        if (c.module.failed(s->addComponent(srcs), "addComponent")) { rc = EXIT_MODULE_ERROR; break; }
+        if (c.module.failed(s->addComponent(srcs), "addComponent")) {
+            rc = EXIT_MODULE_ERROR;
+            break;
+        }
         c.report.step("Enrolled " + std::to_string(c.opt.devices.size()) + " source device(s)");
         if (c.module.failed(s->prepareForSnapshot(nullptr, nullptr, task), "prepareForSnapshot")) {
             rc = EXIT_MODULE_ERROR;
@@ -337,10 +352,17 @@ int cmd_snapshot(Context& c) {
             break;
         }
         c.report.step("Prepared the snapshot");
-        if (c.module.failed(s->snapshot(nullptr, task), "snapshot")) { rc = EXIT_MODULE_ERROR; break; }
+        if (c.module.failed(s->snapshot(nullptr, task), "snapshot")) {
+            rc = EXIT_MODULE_ERROR;
+            break;
+        }
         c.report.step("Took the snapshot");
-        if (c.module.failed(s->getSnapshotHandle(h), "getSnapshotHandle")) { rc = EXIT_MODULE_ERROR; break; }
-        HandleFile hf{c.opt.tech, reinterpret_cast<char*>(h->m_pguid), reinterpret_cast<char*>(h->m_pdetails)};
+        if (c.module.failed(s->getSnapshotHandle(h), "getSnapshotHandle")) {
+            rc = EXIT_MODULE_ERROR;
+            break;
+        }
+        HandleFile hf{c.opt.tech, reinterpret_cast<char*>(h->m_pguid),
+                      reinterpret_cast<char*>(h->m_pdetails)};
         std::string why;
         if (!write_handle_file(c.opt.handle_file, hf, why)) {
             c.report.finish("snapshot", EXIT_HANDLE_FILE, why);

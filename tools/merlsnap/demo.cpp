@@ -33,8 +33,7 @@ int run_and_wait(const std::vector<std::string>& args, bool quiet) {
     posix_spawn_file_actions_destroy(&fa);
     if (rc != 0) return 127;
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
 }
 
@@ -74,14 +73,16 @@ int second_stage(Context& c) {
 
     heading(c, "On the production host: can these disks be snapped?");
     if (!c.opt.json)
-        printf("  sdd and sdg are array disks set up for COW sessions; sdn is an array disk\n"
-               "  without that set-up, so the module must say no to it.\n");
+        printf(
+            "  sdd and sdg are array disks set up for COW sessions; sdn is an array disk\n"
+            "  without that set-up, so the module must say no to it.\n");
     stage(c, "supported", {dev + "sdd", dev + "sdg", dev + "sdn"});
 
     heading(c, "On the production host: take the snapshot");
     if (!c.opt.json)
-        printf("  The module enrols both disks, names one copy-on-write session per disk,\n"
-               "  starts the sessions on the array and hands back a handle.\n");
+        printf(
+            "  The module enrols both disks, names one copy-on-write session per disk,\n"
+            "  starts the sessions on the array and hands back a handle.\n");
     int rc = stage(c, "snapshot", {dev + "sdd", dev + "sdg"});
     if (rc != EXIT_OK) return rc;
 
@@ -90,8 +91,9 @@ int second_stage(Context& c) {
 
     heading(c, "On the mount host: read the snapshot");
     if (!c.opt.json)
-        printf("  Each session is activated and appears as a device of this host; a backup\n"
-               "  would read those devices now. Then they are released.\n");
+        printf(
+            "  Each session is activated and appears as a device of this host; a backup\n"
+            "  would read those devices now. Then they are released.\n");
     if ((rc = stage(c, "path", {})) != EXIT_OK) return rc;
 
     heading(c, "Roll the first disk back to the snapshot");
@@ -105,9 +107,10 @@ int second_stage(Context& c) {
             for (int ch; (ch = fgetc(f)) != EOF;) commands += ch == '\n';
             fclose(f);
         }
-        printf("\nThe array answered %d commands of its tools for all of this; the\n"
-               "sessions are gone. The demo ran %s.\n",
-               commands, c.opt.keep ? ("in " + dir + ", which is kept").c_str() : "and cleaned up");
+        printf(
+            "\nThe array answered %d commands of its tools for all of this; the\n"
+            "sessions are gone. The demo ran %s.\n",
+            commands, c.opt.keep ? ("in " + dir + ", which is kept").c_str() : "and cleaned up");
     }
     return EXIT_OK;
 }
@@ -121,30 +124,36 @@ int cmd_demo(Context& c) {
     // source's name at its first dash.
     char tmpl[] = "/tmp/merlsnapdemoXXXXXX";
     if (mkdtemp(tmpl) == nullptr) {
-        c.report.finish("demo", EXIT_USAGE, std::string("cannot make a folder: ") + strerror(errno));
+        c.report.finish("demo", EXIT_USAGE,
+                        std::string("cannot make a folder: ") + strerror(errno));
         return EXIT_USAGE;
     }
     const std::string dir = tmpl;
     setenv("ARRAYSIM_STATE", dir.c_str(), 1);
     if (!c.opt.json)
-        printf("Making a simulated array in %s: 2 frames, 4 disks each, a production\n"
-               "host (this one) and a mount host.\n",
-               dir.c_str());
+        printf(
+            "Making a simulated array in %s: 2 frames, 4 disks each, a production\n"
+            "host (this one) and a mount host.\n",
+            dir.c_str());
     fflush(stdout);
-    int rc = run_and_wait({std::string(kSimDir) + "/arraysim", "init", "--frames", "2", "--luns", "4"},
-                          true);
+    int rc = run_and_wait(
+        {std::string(kSimDir) + "/arraysim", "init", "--frames", "2", "--luns", "4"}, true);
     if (rc != 0) {
         c.report.finish("demo", EXIT_USAGE, "the array simulator could not make an array");
         remove_tree(dir);
         return EXIT_USAGE;
     }
-    std::string path = dir + "/bin:" + (getenv("PATH") != nullptr ? getenv("PATH") : "/usr/bin:/bin");
+    std::string path =
+        dir + "/bin:" + (getenv("PATH") != nullptr ? getenv("PATH") : "/usr/bin:/bin");
     setenv("PATH", path.c_str(), 1);
     std::string preload = std::string(kSimDir) + "/libarraysim_scsi.so";
     setenv("LD_PRELOAD", preload.c_str(), 1);
 
-    std::vector<std::string> args = {self_path(), "demo", "--demo-stage", dir, "--module", c.opt.module,
-                                     "--log-level", std::to_string(c.opt.log_level_given ? c.opt.log_level : 0)};
+    std::vector<std::string> args = {
+        self_path(),    "demo",
+        "--demo-stage", dir,
+        "--module",     c.opt.module,
+        "--log-level",  std::to_string(c.opt.log_level_given ? c.opt.log_level : 0)};
     if (c.opt.json) args.push_back("--json");
     if (!c.opt.log_file.empty()) args.insert(args.end(), {"--log-file", c.opt.log_file});
     rc = run_and_wait(args, false);

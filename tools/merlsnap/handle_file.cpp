@@ -8,7 +8,9 @@
 namespace {
 const char* const kMagic = "# merlsnap snapshot handle v1";
 
-bool has_line_break(const std::string& s) { return s.find_first_of("\r\n") != std::string::npos; }
+bool has_line_break(const std::string& s) {
+    return s.find_first_of("\r\n") != std::string::npos;
+}
 }  // namespace
 
 bool write_handle_file(const std::string& path, const HandleFile& h, std::string& why) {
@@ -44,7 +46,8 @@ bool read_handle_file(const std::string& path, HandleFile& h, std::string& why) 
     std::string content;
     char buf[4096];
     size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), f)) > 0 && content.size() < (1u << 20)) content.append(buf, n);
+    while ((n = fread(buf, 1, sizeof(buf), f)) > 0 && content.size() < (1u << 20))
+        content.append(buf, n);
     fclose(f);
 
     h = HandleFile();

@@ -5,7 +5,9 @@
 #include <stdio.h>
 #include <string.h>
 
-Module::~Module() { close(); }
+Module::~Module() {
+    close();
+}
 
 void Module::log_thunk(int level, const char* file, int line, const char* msg, void* ctx) {
     LogSink* sink = static_cast<LogSink*>(ctx);
@@ -23,7 +25,8 @@ bool Module::open(const std::string& path, attrlist* attrs) {
         m_error = "cannot load " + path + ": " + (why != nullptr ? why : "unknown reason");
         return false;
     }
-    m_instantiate = reinterpret_cast<SSError* (*)(StorageSubsystem*&)>(dlsym(m_handle, "instantiateSS"));
+    m_instantiate =
+        reinterpret_cast<SSError* (*)(StorageSubsystem*&)>(dlsym(m_handle, "instantiateSS"));
     m_free = reinterpret_cast<void (*)(SSObject*)>(dlsym(m_handle, "freeSSObject"));
     m_version = reinterpret_cast<SSAPIVersion (*)()>(dlsym(m_handle, "getSSAPIVersion"));
     if (m_instantiate == nullptr || m_free == nullptr || m_version == nullptr ||
@@ -32,8 +35,10 @@ bool Module::open(const std::string& path, attrlist* attrs) {
         return false;
     }
     if (failed(m_instantiate(m_ss), "instantiateSS")) return false;
-    if (failed(m_ss->init(nullptr, &Module::log_thunk, m_sink), "StorageSubsystem::init")) return false;
-    if (failed(m_ss->getDirectoryService(SS_SERV_SNAPSHOT, m_ds), "getDirectoryService")) return false;
+    if (failed(m_ss->init(nullptr, &Module::log_thunk, m_sink), "StorageSubsystem::init"))
+        return false;
+    if (failed(m_ss->getDirectoryService(SS_SERV_SNAPSHOT, m_ds), "getDirectoryService"))
+        return false;
     return !failed(m_ds->init(attrs), "SSDirectoryService::init");
 }
 

@@ -12,9 +12,9 @@
 
 // How the module's log lines are shown.
 struct LogSink {
-    int level = 5;             // lines up to this level are kept
-    FILE* file = nullptr;      // where they go (stderr when null)
-    bool quiet = false;        // keep none
+    int level = 5;         // lines up to this level are kept
+    FILE* file = nullptr;  // where they go (stderr when null)
+    bool quiet = false;    // keep none
 };
 
 class Module {

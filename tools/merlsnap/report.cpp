@@ -26,19 +26,19 @@ std::string json_escape(const std::string& s) {
     std::string out;
     for (unsigned char c : s) {
         switch (c) {
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            case '\n': out += "\\n"; break;
-            case '\r': out += "\\r"; break;
-            case '\t': out += "\\t"; break;
-            default:
-                if (c < 0x20) {
-                    char buf[8];
-                    snprintf(buf, sizeof(buf), "\\u%04x", c);
-                    out += buf;
-                } else {
-                    out += static_cast<char>(c);
-                }
+        case '"': out += "\\\""; break;
+        case '\\': out += "\\\\"; break;
+        case '\n': out += "\\n"; break;
+        case '\r': out += "\\r"; break;
+        case '\t': out += "\\t"; break;
+        default:
+            if (c < 0x20) {
+                char buf[8];
+                snprintf(buf, sizeof(buf), "\\u%04x", c);
+                out += buf;
+            } else {
+                out += static_cast<char>(c);
+            }
         }
     }
     return out;
@@ -49,7 +49,8 @@ void Report::finish(const std::string& command, int exit_code, const std::string
         for (const auto& f : m_facts) printf("%-16s %s\n", f.first.c_str(), f.second.c_str());
         for (const auto& l : m_lists)
             for (const auto& v : l.second) printf("%-16s %s\n", l.first.c_str(), v.c_str());
-        if (exit_code != 0 && !error.empty()) fprintf(stderr, "merlsnap %s: %s\n", command.c_str(), error.c_str());
+        if (exit_code != 0 && !error.empty())
+            fprintf(stderr, "merlsnap %s: %s\n", command.c_str(), error.c_str());
         return;
     }
     printf("{\"command\":\"%s\",\"ok\":%s,\"exit\":%d", json_escape(command).c_str(),

@@ -64,25 +64,69 @@ char* find_vmrdir(void) {
     return const_cast<char*>(g_roots->insert(root).first->c_str());
 }
 
-char* find_vmrrundir(void) { return kept(&g_run, "vmr", "run"); }
-char* find_vmrtmpdir(void) { return kept(&g_tmp, "tmp"); }
-char* find_vmrdefaulttmpdir(void) { return kept(&g_deftmp, "vmr", "tmp"); }
-char* find_vmrindexdir(void) { return kept(&g_index, "index"); }
-char* find_vmrmmdir(void) { return kept(&g_mm, "mm"); }
-char* find_vmrrapdir(void) { return kept(&g_rap, "rap"); }
-char* find_vmrcoresdir(void) { return kept(&g_cores, "cores"); }
-char* find_vmrdebugdir(void) { return kept(&g_debug, "debug"); }
-char* find_vmrlockdir(void) { return kept(&g_lock, "lock"); }
-char* find_vmrsecuredir(void) { return kept(&g_sec, "sec"); }
-char* find_vmrresdir(void) { return kept(&g_res, "res"); }
-char* find_vmrlaresfile(void) { return kept(&g_lares, "vmrla.res"); }
-char* find_vmrjbresfile(void) { return kept(&g_jbres, "vmrjb.res"); }
-char* find_vmrresfile(void) { return kept(&g_vmrres, "vmr.res"); }
-char* find_vmrresdb(void) { return kept(&g_resdb, "vmrdb"); }
-char* find_vmrlaresdb(void) { return kept(&g_laresdb, "vmrladb"); }
-char* find_vmrlogsdir(void) { return kept(&g_logs, "logs"); }
-char* find_vmrlogfile(void) { return kept(&g_logfile, "daemon.raw"); }
-char* find_vmrRendLogFile(void) { return kept(&g_rendlog, "daemon.log"); }
-char* find_vmrraplogfile(void) { return kept(&g_raplog, "rap.log"); }
-char* find_vmrappsdir(void) { return kept(&g_apps, "apps"); }
-char* find_vmrapplogsdir(void) { return kept(&g_applogs, "applogs"); }
+char* find_vmrrundir(void) {
+    return kept(&g_run, "vmr", "run");
+}
+char* find_vmrtmpdir(void) {
+    return kept(&g_tmp, "tmp");
+}
+char* find_vmrdefaulttmpdir(void) {
+    return kept(&g_deftmp, "vmr", "tmp");
+}
+char* find_vmrindexdir(void) {
+    return kept(&g_index, "index");
+}
+char* find_vmrmmdir(void) {
+    return kept(&g_mm, "mm");
+}
+char* find_vmrrapdir(void) {
+    return kept(&g_rap, "rap");
+}
+char* find_vmrcoresdir(void) {
+    return kept(&g_cores, "cores");
+}
+char* find_vmrdebugdir(void) {
+    return kept(&g_debug, "debug");
+}
+char* find_vmrlockdir(void) {
+    return kept(&g_lock, "lock");
+}
+char* find_vmrsecuredir(void) {
+    return kept(&g_sec, "sec");
+}
+char* find_vmrresdir(void) {
+    return kept(&g_res, "res");
+}
+char* find_vmrlaresfile(void) {
+    return kept(&g_lares, "vmrla.res");
+}
+char* find_vmrjbresfile(void) {
+    return kept(&g_jbres, "vmrjb.res");
+}
+char* find_vmrresfile(void) {
+    return kept(&g_vmrres, "vmr.res");
+}
+char* find_vmrresdb(void) {
+    return kept(&g_resdb, "vmrdb");
+}
+char* find_vmrlaresdb(void) {
+    return kept(&g_laresdb, "vmrladb");
+}
+char* find_vmrlogsdir(void) {
+    return kept(&g_logs, "logs");
+}
+char* find_vmrlogfile(void) {
+    return kept(&g_logfile, "daemon.raw");
+}
+char* find_vmrRendLogFile(void) {
+    return kept(&g_rendlog, "daemon.log");
+}
+char* find_vmrraplogfile(void) {
+    return kept(&g_raplog, "rap.log");
+}
+char* find_vmrappsdir(void) {
+    return kept(&g_apps, "apps");
+}
+char* find_vmrapplogsdir(void) {
+    return kept(&g_applogs, "applogs");
+}

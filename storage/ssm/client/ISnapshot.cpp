@@ -16,7 +16,9 @@ SSError* ISnapshot::getRollbackSourceList(SSSourceList*&, SSSourceList*&, int&) 
     return unsupported(308, "Operation not supported");
 }
 
-int ISnapshot::SCSnapshotHandleChgAtImport() { return 0; }
+int ISnapshot::SCSnapshotHandleChgAtImport() {
+    return 0;
+}
 
 SSError* ISnapshot::getClientSrcList(SSSourceList*&) {
     return unsupported(308, "Operation not supported");

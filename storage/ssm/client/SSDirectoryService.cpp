@@ -2,7 +2,9 @@
 // may keep as they are.
 #include "storage/ssm/client/StorageSubsystem.h"
 
-SSError* SSDirectoryService::setServiceAttributes(const char*, attrlist*) { return nullptr; }
+SSError* SSDirectoryService::setServiceAttributes(const char*, attrlist*) {
+    return nullptr;
+}
 
 SSError* SSDirectoryService::getServiceAttributes(const char*, attrlist*, attrlist*& outAttrs) {
     outAttrs = nullptr;

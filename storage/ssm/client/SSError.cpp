@@ -22,7 +22,9 @@ SSError::SSError(const GenError& ge) : errorCode(ge.getErrCode()) {
     err_dup2(const_cast<errinfo*>(&ge.getErrInfo()), &errInfo);
 }
 
-SSError::~SSError() { err_free(&errInfo); }
+SSError::~SSError() {
+    err_free(&errInfo);
+}
 
 void SSError::setError(SSErrCode code, errinfo& err) {
     errorCode = code;
@@ -32,21 +34,31 @@ void SSError::setError(SSErrCode code, errinfo& err) {
     err_dup2(&err, &errInfo);
 }
 
-void SSError::setErrCode(SSErrCode code) { errorCode = code; }
+void SSError::setErrCode(SSErrCode code) {
+    errorCode = code;
+}
 
 const char* SSError::getErrMsg() const {
     return errInfo.errstr != nullptr ? errInfo.errstr : "NULL";
 }
 
-errinfo& SSError::getErrInfo() { return errInfo; }
+errinfo& SSError::getErrInfo() {
+    return errInfo;
+}
 
-SSErrCode SSError::getErrCode() const { return errorCode; }
+SSErrCode SSError::getErrCode() const {
+    return errorCode;
+}
 
 void SSError::reset() {
     errorCode = SS_EC_NO_ERROR;
     err_free(&errInfo);
 }
 
-SSErrCode SSError::getNoErrorCode() const { return SS_EC_NO_ERROR; }
+SSErrCode SSError::getNoErrorCode() const {
+    return SS_EC_NO_ERROR;
+}
 
-void SSError::dupErrorTo(SSError& target) { target.setError(errorCode, errInfo); }
+void SSError::dupErrorTo(SSError& target) {
+    target.setError(errorCode, errInfo);
+}

@@ -34,19 +34,26 @@ void SSSourceList::append(SSSourceList*) {
 }
 
 SCSnapshotHandle::SCSnapshotHandle()
-    : m_pguid(nullptr), m_guidLen(0), m_pdetails(nullptr), m_detailLen(0),
+    : m_pguid(nullptr),
+      m_guidLen(0),
+      m_pdetails(nullptr),
+      m_detailLen(0),
       m_pdetailsChgAtImport(0) {}
 
 SCSnapshotHandle::SCSnapshotHandle(const SCSnapshotHandle* other)
-    : m_pguid(nullptr), m_guidLen(0), m_pdetails(nullptr), m_detailLen(0),
+    : m_pguid(nullptr),
+      m_guidLen(0),
+      m_pdetails(nullptr),
+      m_detailLen(0),
       m_pdetailsChgAtImport(0) {
     if (other == nullptr) return;
     // A copy of a half-filled handle stays half-filled rather than crashing.
     if (other->m_pguid != nullptr)
-        m_pguid = reinterpret_cast<unsigned char*>(strdup(reinterpret_cast<const char*>(other->m_pguid)));
+        m_pguid =
+            reinterpret_cast<unsigned char*>(strdup(reinterpret_cast<const char*>(other->m_pguid)));
     if (other->m_pdetails != nullptr)
-        m_pdetails =
-            reinterpret_cast<unsigned char*>(strdup(reinterpret_cast<const char*>(other->m_pdetails)));
+        m_pdetails = reinterpret_cast<unsigned char*>(
+            strdup(reinterpret_cast<const char*>(other->m_pdetails)));
     m_guidLen = other->m_guidLen;
     m_detailLen = other->m_detailLen;
     m_pdetailsChgAtImport = other->m_pdetailsChgAtImport;

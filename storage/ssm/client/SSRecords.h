@@ -65,8 +65,12 @@ public:
     int isAccessibleFromAnotherHost;
 
     SCSnapshotCapability()
-        : snapTech(SC_SPLIT_MIRROR), isRollBackSupported(0), isBlockRemapSupported(0),
-          isExtentBasedRollBackSupported(0), maxSnapshotsPerSource(0), maxSnapshotsPerSystem(0),
+        : snapTech(SC_SPLIT_MIRROR),
+          isRollBackSupported(0),
+          isBlockRemapSupported(0),
+          isExtentBasedRollBackSupported(0),
+          maxSnapshotsPerSource(0),
+          maxSnapshotsPerSystem(0),
           isAccessibleFromAnotherHost(0) {}
     ~SCSnapshotCapability() override {}
 };
@@ -90,7 +94,10 @@ public:
     char* extendedVersionInfo;
 
     SSProviderVersion()
-        : product(nullptr), majorVersion(0), minorVersion(0), patchNum(0),
+        : product(nullptr),
+          majorVersion(0),
+          minorVersion(0),
+          patchNum(0),
           extendedVersionInfo(nullptr) {}
     ~SSProviderVersion() override;
 };

@@ -55,16 +55,16 @@ private:
 
 // Runs one private operation under the lock. The loader's process must never
 // see an exception, so any that escapes the work becomes an internal error.
-#define SCQ_GUARDED(fname, expr)                                                         \
-    [&]() -> SSError* {                                                                  \
-        try {                                                                            \
-            Held held(m_mtx);                                                            \
-            return (expr);                                                               \
-        } catch (...) {                                                                  \
+#define SCQ_GUARDED(fname, expr)                                                          \
+    [&]() -> SSError* {                                                                   \
+        try {                                                                             \
+            Held held(m_mtx);                                                             \
+            return (expr);                                                                \
+        } catch (...) {                                                                   \
             m_e.logprintf(7, kFile, __LINE__, "%s: Caught unexpected exception.", fname); \
-            return m_e.generr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR, "%s",      \
-                              "Caught unexpected exception.");                           \
-        }                                                                                \
+            return m_e.generr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR, "%s",       \
+                              "Caught unexpected exception.");                            \
+        }                                                                                 \
     }()
 
 // --- construction ------------------------------------------------------------
@@ -215,7 +215,8 @@ SCSnapshotState SCMerlodeQuillset::getSnapshotState() {
     {
         Held held(m_mtx);
         state = m_state;
-        m_e.logprintf(9, kFile, __LINE__, "getSnapshotState : state = %d ", static_cast<int>(state));
+        m_e.logprintf(9, kFile, __LINE__, "getSnapshotState : state = %d ",
+                      static_cast<int>(state));
     }
     m_e.logprintf(9, kFile, __LINE__, "%s: END", "SCMerlodeQuillset::getSnapshotState");
     return state;
@@ -375,7 +376,9 @@ SSError* SCMerlodeQuillset::getProviderAttribute(const char*, attrlist* in, attr
                        "%s: Attribute not supported: %s", fname, first_value_or_unknown(in));
 }
 
-const char* SCMerlodeQuillset::getModuleName() { return "zovmerl"; }
+const char* SCMerlodeQuillset::getModuleName() {
+    return "zovmerl";
+}
 
 SSError* SCMerlodeQuillset::getSnapProviderUnitProperties(SSSourceList* srcList, attrlist* attrs,
                                                           attrlist* props, attrlist*& result) {
@@ -389,11 +392,13 @@ SSError* SCMerlodeQuillset::getSnapProviderUnitProperties(SSSourceList* srcList,
 
 // --- the frame's bodies of the technology operations -------------------------
 
-#define SCQ_NOT_A_TECHNOLOGY(name)                                                      \
+#define SCQ_NOT_A_TECHNOLOGY(name)                                                              \
     m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_OP_UNSUPPORTED, "%s: Invalid Quillset Version", \
                 "SCMerlodeQuillset::" name)
 
-SSError* SCMerlodeQuillset::privateValidate(void*) { return SCQ_NOT_A_TECHNOLOGY("privateValidate"); }
+SSError* SCMerlodeQuillset::privateValidate(void*) {
+    return SCQ_NOT_A_TECHNOLOGY("privateValidate");
+}
 
 SSError* SCMerlodeQuillset::privateGetSnapshotCapabilities(SCSnapshotCapability*&) {
     return SCQ_NOT_A_TECHNOLOGY("privateGetSnapshotCapabilities");
@@ -416,7 +421,9 @@ SSError* SCMerlodeQuillset::privateDeleteSnapshot() {
     return SCQ_NOT_A_TECHNOLOGY("privateDeleteSnapshot");
 }
 
-SSError* SCMerlodeQuillset::privateMount(SSSourceList*) { return SCQ_NOT_A_TECHNOLOGY("privateMount"); }
+SSError* SCMerlodeQuillset::privateMount(SSSourceList*) {
+    return SCQ_NOT_A_TECHNOLOGY("privateMount");
+}
 
 SSError* SCMerlodeQuillset::privateUnmount(SSSourceList*) {
     return SCQ_NOT_A_TECHNOLOGY("privateUnmount");
@@ -443,8 +450,14 @@ SSError* SCMerlodeQuillset::privateGetCurrentTask(SSTaskId&) {
 
 void SCMerlodeQuillset::privateCleanup() {}
 
-std::list<snapdevice> SCMerlodeQuillset::getSnapdevlist() { return m_snapdevlist; }
+std::list<snapdevice> SCMerlodeQuillset::getSnapdevlist() {
+    return m_snapdevlist;
+}
 
-int SCMerlodeQuillset::getIsMountDone() { return m_isMountDone; }
+int SCMerlodeQuillset::getIsMountDone() {
+    return m_isMountDone;
+}
 
-void SCMerlodeQuillset::setIsMountDone(int done) { m_isMountDone = done; }
+void SCMerlodeQuillset::setIsMountDone(int done) {
+    m_isMountDone = done;
+}

@@ -95,8 +95,8 @@ public:
     SSError* getProviderAttribute(attrlist* in, attrlist*& out) override;
     SSError* getProviderAttribute(const char* name, attrlist* in, attrlist*& out) override;
     const char* getModuleName() override;
-    SSError* getSnapProviderUnitProperties(SSSourceList* srcList, attrlist* attrs,
-                                           attrlist* props, attrlist*& result) override;
+    SSError* getSnapProviderUnitProperties(SSSourceList* srcList, attrlist* attrs, attrlist* props,
+                                           attrlist*& result) override;
 
     // --- what each technology provides ---
     virtual SSError* privateValidate(void* arg);

@@ -37,7 +37,8 @@ int SCQuillsetCow::privateIsSnappable(std::string src) {
 SSError* SCQuillsetCow::privatePrepareForSnapshot(void*, attrlist*, SSTaskId&) {
     static const char* const fname = "SCMerlodeQuillset::privatePrepareForSnapshot";
     m_e.logprintf(7, kFile, __LINE__, "%s: Entering", fname);
-    if (m_state != SSHOT_STATE_INIT && !m_instanceIsProduction) return illegalState(fname, __LINE__);
+    if (m_state != SSHOT_STATE_INIT && !m_instanceIsProduction)
+        return illegalState(fname, __LINE__);
 
     m_handle.guid_str = newSnapshotIdentity();
     std::string base = m_handle.guid_str + "-" + sessionTimeStamp();
@@ -147,8 +148,9 @@ SSError* SCQuillsetCow::privateMount(SSSourceList* srcList) {
         if (found->dstName.empty()) {
             m_e.logprintf(9, kFile, __LINE__, "%s: Session: [%s], Src: [%s]", fname,
                           found->sessionId.c_str(), found->srcName.c_str());
-            err = m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_SNAP_PROVIDER_ERROR,
-                              "%s: Unable to activate session(%s)", fname, found->sessionId.c_str());
+            err =
+                m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_SNAP_PROVIDER_ERROR,
+                            "%s: Unable to activate session(%s)", fname, found->sessionId.c_str());
         } else {
             m_e.logprintf(5, kFile, __LINE__, "%s: Session %s(%s) mounted on device: %s", fname,
                           found->sessionId.c_str(), found->srcName.c_str(), found->dstName.c_str());
@@ -161,8 +163,8 @@ SSError* SCQuillsetCow::privateMount(SSSourceList* srcList) {
     if (err == nullptr) {
         m_state = SSHOT_STATE_READY;
         m_isMountDone = 1;
-        m_e.logprintf(9, kFile, __LINE__, "mount : ISnapshot(%p) State : %d", static_cast<void*>(this),
-                      static_cast<int>(m_state));
+        m_e.logprintf(9, kFile, __LINE__, "mount : ISnapshot(%p) State : %d",
+                      static_cast<void*>(this), static_cast<int>(m_state));
         return nullptr;
     }
     for (snapdevice* sd : mounted) delete m_quillsetContext->deactivatesession(*sd);
@@ -280,7 +282,8 @@ SSError* SCQuillsetCow::privateGetDeviceSnapshotCapabilities(SSSourceList* srcLi
     SCSnapshotCapabilityList** tail = &head;
     for (SSSourceList* s = srcList; s != nullptr; s = s->next) {
         SCSnapshotCapabilityList* node = new (std::nothrow) SCSnapshotCapabilityList();
-        SCSnapshotCapability* c = node != nullptr ? new (std::nothrow) SCSnapshotCapability() : nullptr;
+        SCSnapshotCapability* c =
+            node != nullptr ? new (std::nothrow) SCSnapshotCapability() : nullptr;
         if (c == nullptr) {
             delete node;
             delete head;

@@ -23,7 +23,9 @@ const char* first_value(attrlist* a) {
 }
 
 // Frees a list built here when an error stops the building.
-void free_list(SSSourceList* head) { delete head; }
+void free_list(SSSourceList* head) {
+    delete head;
+}
 
 }  // namespace
 
@@ -42,8 +44,8 @@ std::string SCMerlodeQuillset::sessionTimeStamp() {
     localtime_r(&now, &tmv);
     char buf[64];
     // The month stays zero-based: the session age survey reads it that way.
-    kv_snprintf(buf, sizeof(buf), "%04d%02d%02d%02d%02d", tmv.tm_year + 1900, tmv.tm_mon, tmv.tm_mday,
-             tmv.tm_hour, tmv.tm_min);
+    kv_snprintf(buf, sizeof(buf), "%04d%02d%02d%02d%02d", tmv.tm_year + 1900, tmv.tm_mon,
+                tmv.tm_mday, tmv.tm_hour, tmv.tm_min);
     return buf;
 }
 
@@ -220,9 +222,11 @@ SSError* SCMerlodeQuillset::privateGetSnapshotHandle(SCSnapshotHandle*& handle) 
     if (h != nullptr) {
         h->m_pguid = reinterpret_cast<unsigned char*>(strdup(m_handle.guid_str.c_str()));
         std::string details = std::string("KVTv1") + ";" + m_handle.details_str;
-        m_e.logprintf(9, kFile, __LINE__, "%s : (TP3) Snapshot handle : %s", fname, details.c_str());
+        m_e.logprintf(9, kFile, __LINE__, "%s : (TP3) Snapshot handle : %s", fname,
+                      details.c_str());
         h->m_pdetails = reinterpret_cast<unsigned char*>(strdup(details.c_str()));
-        m_e.logprintf(9, kFile, __LINE__, "%s : (TP4) Snapshot handle : %s", fname, details.c_str());
+        m_e.logprintf(9, kFile, __LINE__, "%s : (TP4) Snapshot handle : %s", fname,
+                      details.c_str());
         if (h->m_pguid != nullptr && h->m_pdetails != nullptr) {
             h->m_guidLen = strlen(reinterpret_cast<char*>(h->m_pguid));
             h->m_detailLen = strlen(reinterpret_cast<char*>(h->m_pdetails));
@@ -284,7 +288,8 @@ SSError* SCMerlodeQuillset::privateGetSnapProviderUnitProperties(SSSourceList* s
 SSError* SCMerlodeQuillset::privateAddComponent(SSSourceList* srcList) {
     static const char* const fname = "SCMerlodeQuillset::privateAddComponent";
     m_e.logprintf(9, kFile, __LINE__, "Entering: %s", fname);
-    if (m_state != SSHOT_STATE_INIT && !m_instanceIsProduction) return illegalState(fname, __LINE__);
+    if (m_state != SSHOT_STATE_INIT && !m_instanceIsProduction)
+        return illegalState(fname, __LINE__);
     // A production object whose init failed half-way may still be asked.
     SSError* err = ensureQuillsetContext(fname);
     if (err != nullptr) return err;
@@ -329,7 +334,8 @@ SSError* SCMerlodeQuillset::privateAddComponent(SSSourceList* srcList) {
 SSError* SCMerlodeQuillset::privateAddComponentWWN(std::vector<std::string> wwns) {
     static const char* const fname = "SCMerlodeQuillset::privateAddComponentWWN";
     m_e.logprintf(7, kFile, __LINE__, "Entering: %s", fname);
-    if (m_state != SSHOT_STATE_INIT && !m_instanceIsProduction) return illegalState(fname, __LINE__);
+    if (m_state != SSHOT_STATE_INIT && !m_instanceIsProduction)
+        return illegalState(fname, __LINE__);
     SSError* err = ensureQuillsetContext(fname);
     if (err != nullptr) return err;
 

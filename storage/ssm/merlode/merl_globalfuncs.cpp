@@ -16,8 +16,8 @@ validRevisions vrInfo[3] = {
 KVMutex mtxMerlode = nullptr;
 
 void snapLog(int, const char* fileName, int lineNum, const char* message, void*) {
-    msg_print(0, 0, 2, "%s:%d : %s\n", 0, fileName != nullptr ? fileName : "", 1,
-              inttostr(lineNum), 0, message != nullptr ? message : "");
+    msg_print(0, 0, 2, "%s:%d : %s\n", 0, fileName != nullptr ? fileName : "", 1, inttostr(lineNum),
+              0, message != nullptr ? message : "");
 }
 
 SSError* setError(SSError* ep_old, SSErrCode code, const char* msg) {

@@ -45,8 +45,7 @@ extern validRevisions vrInfo[3];
 // while a snapshot's unique identifier is made.
 extern KVMutex mtxMerlode;
 
-void snapLog(int debugLevel, const char* fileName, int lineNum, const char* message,
-             void* context);
+void snapLog(int debugLevel, const char* fileName, int lineNum, const char* message, void* context);
 SSError* setError(SSError* ep_old, SSErrCode code, const char* msg);
 SSError* blderr(SSError* ep_old, SSErrCode code, const char* format, ...)
     __attribute__((format(printf, 3, 4)));

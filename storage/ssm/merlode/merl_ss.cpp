@@ -32,7 +32,9 @@ SSError* merlStorageSubsystem::init(attrlist*, SSLOG_FUNC_POINTER log, void* con
     return nullptr;
 }
 
-void merlStorageSubsystem::deInit() { log(9, __LINE__, "END: merlStorageSubsystem::deInit"); }
+void merlStorageSubsystem::deInit() {
+    log(9, __LINE__, "END: merlStorageSubsystem::deInit");
+}
 
 void merlStorageSubsystem::getAPIVersion(SSAPIVersion& apiVersion) {
     apiVersion.m_majorVersion = 1;

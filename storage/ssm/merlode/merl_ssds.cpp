@@ -119,8 +119,7 @@ bool merlDirectoryService::isKnownSubType(const char* serviceSubType) const {
            strcasecmp(serviceSubType, "KVT-SNAP") == 0;
 }
 
-SSError* merlDirectoryService::getAPIVersion(const char* serviceSubType,
-                                             SSAPIVersion& apiVersion) {
+SSError* merlDirectoryService::getAPIVersion(const char* serviceSubType, SSAPIVersion& apiVersion) {
     // The small p is the form this operation has always logged under.
     static const char* const fname = "merlDirectoryService::getApiVersion";
     if (!isKnownSubType(serviceSubType))
@@ -196,7 +195,8 @@ SSError* merlDirectoryService::isServiceSupported(SSSource ssSource, const char*
         std::string devName;
         SSError* err = m_quillsetContext->normalizeSrc(source, devName);
         if (err != nullptr) {
-            m_e.logprintf(3, kFile, __LINE__, "%s: normalizeSrc failed: %s", fname, err->getErrMsg());
+            m_e.logprintf(3, kFile, __LINE__, "%s: normalizeSrc failed: %s", fname,
+                          err->getErrMsg());
             return err;
         }
         if (strcasecmp(serviceSubType, "COW") == 0) {

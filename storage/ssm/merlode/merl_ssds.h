@@ -34,8 +34,8 @@ public:
     SSError* getStorageStackLevel(const char* serviceSubType, SSStorageStackLevel& level) override;
     SSError* querySupportedServiceSubType(char**& subServices, int& num) override;
     SSError* getServiceInstance(const char* serviceSubType, IService*& serviceObj) override;
-    SSError* isServiceSupported(SSSource ssSource, const char* serviceSubType,
-                                attrlist* inAttrList, int& isSupported) override;
+    SSError* isServiceSupported(SSSource ssSource, const char* serviceSubType, attrlist* inAttrList,
+                                int& isSupported) override;
 
 private:
     bool isKnownSubType(const char* serviceSubType) const;

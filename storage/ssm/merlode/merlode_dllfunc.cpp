@@ -19,7 +19,9 @@ ZOV_EXPORT SSError* instantiateSS(StorageSubsystem*& storageSS) {
     return err;
 }
 
-ZOV_EXPORT void freeSSObject(SSObject* pObj) { delete pObj; }
+ZOV_EXPORT void freeSSObject(SSObject* pObj) {
+    delete pObj;
+}
 
 ZOV_EXPORT SSAPIVersion getSSAPIVersion() {
     SSAPIVersion v;
@@ -28,4 +30,6 @@ ZOV_EXPORT SSAPIVersion getSSAPIVersion() {
     return v;
 }
 
-ZOV_EXPORT void freeSSAttrlist(attrlist* attr) { attrlist_free(attr); }
+ZOV_EXPORT void freeSSAttrlist(attrlist* attr) {
+    attrlist_free(attr);
+}

@@ -15,24 +15,24 @@ using namespace arraysim;
 namespace {
 
 class LazyState : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/arraysim-lazy-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(tmpl));
-    dir_ = tmpl;
-  }
-  void TearDown() override {
-    if (!dir_.empty()) {
-      ASSERT_EQ(0, system(("rm -rf '" + dir_ + "'").c_str()));
+protected:
+    void SetUp() override {
+        char tmpl[] = "/tmp/arraysim-lazy-XXXXXX";
+        ASSERT_NE(nullptr, mkdtemp(tmpl));
+        dir_ = tmpl;
     }
-  }
-  void put(const std::string& text) { ASSERT_TRUE(write_file_atomic(state_file(dir_), text)); }
-  std::string text() {
-    std::string s;
-    read_file(state_file(dir_), s);
-    return s;
-  }
-  std::string dir_;
+    void TearDown() override {
+        if (!dir_.empty()) {
+            ASSERT_EQ(0, system(("rm -rf '" + dir_ + "'").c_str()));
+        }
+    }
+    void put(const std::string& text) { ASSERT_TRUE(write_file_atomic(state_file(dir_), text)); }
+    std::string text() {
+        std::string s;
+        read_file(state_file(dir_), s);
+        return s;
+    }
+    std::string dir_;
 };
 
 // Written by hand: odd spacing and a comment inside a record, keys after the
@@ -52,197 +52,207 @@ const char* kHandMade =
     "lun frame=0 num=7 name=seven wwn=60:07";
 
 TEST_F(LazyState, UntouchedRecordsGoBackAsTheyWereRead) {
-  put(kHandMade);
-  State st;
-  std::string err;
-  ASSERT_TRUE(load_state_lazy(dir_, st, err)) << err;
-  ASSERT_EQ(5u, st.luns.size());
-  st.sessions.clear();
-  ASSERT_TRUE(save_state(dir_, st, err)) << err;
-  std::string out = text();
-  EXPECT_NE(std::string::npos,
-            out.find("lun frame=0 num=4 wwn=60:00%3A04 name=four   blocks=8\n# the device of four\n  dev host=0 paths=sdb\n"
-                     "lun frame=0 num=2 name=two wwn=60:02 blocks=8\ndev host=0 pseudo=zp paths=sdc,sdd\n"))
-      << out;
-  EXPECT_NE(std::string::npos, out.find("lun frame=0 num=7 name=seven wwn=60:07\n")) << out;
-  EXPECT_EQ(std::string::npos, out.find("session"));
+    put(kHandMade);
+    State st;
+    std::string err;
+    ASSERT_TRUE(load_state_lazy(dir_, st, err)) << err;
+    ASSERT_EQ(5u, st.luns.size());
+    st.sessions.clear();
+    ASSERT_TRUE(save_state(dir_, st, err)) << err;
+    std::string out = text();
+    EXPECT_NE(
+        std::string::npos,
+        out.find(
+            "lun frame=0 num=4 wwn=60:00%3A04 name=four   blocks=8\n# the device of four\n  dev "
+            "host=0 paths=sdb\n"
+            "lun frame=0 num=2 name=two wwn=60:02 blocks=8\ndev host=0 pseudo=zp paths=sdc,sdd\n"))
+        << out;
+    EXPECT_NE(std::string::npos, out.find("lun frame=0 num=7 name=seven wwn=60:07\n")) << out;
+    EXPECT_EQ(std::string::npos, out.find("session"));
 
-  // The text written means what the hand-made one meant.
-  State eager, back;
-  ASSERT_TRUE(parse_state(kHandMade, strlen(kHandMade), eager, err)) << err;
-  ASSERT_TRUE(load_state(dir_, back, err)) << err;
-  ASSERT_EQ(eager.luns.size(), back.luns.size());
-  for (size_t i = 0; i < eager.luns.size(); ++i) {
-    EXPECT_EQ(eager.luns[i].num, back.luns[i].num);
-    EXPECT_EQ(eager.luns[i].name, back.luns[i].name);
-    EXPECT_EQ(eager.luns[i].wwn, back.luns[i].wwn);
-    EXPECT_EQ(eager.luns[i].devs.size(), back.luns[i].devs.size());
-  }
-  EXPECT_EQ("60:00:04", back.luns[0].wwn);
-  EXPECT_EQ("LUN 8", back.luns[2].name);  // what follows from the number
-  EXPECT_EQ(default_lun_wwn(0, 8), back.luns[2].wwn);
-  EXPECT_EQ((std::vector<std::string>{"sdc", "sdd"}), back.luns[1].devs[0].paths);
+    // The text written means what the hand-made one meant.
+    State eager, back;
+    ASSERT_TRUE(parse_state(kHandMade, strlen(kHandMade), eager, err)) << err;
+    ASSERT_TRUE(load_state(dir_, back, err)) << err;
+    ASSERT_EQ(eager.luns.size(), back.luns.size());
+    for (size_t i = 0; i < eager.luns.size(); ++i) {
+        EXPECT_EQ(eager.luns[i].num, back.luns[i].num);
+        EXPECT_EQ(eager.luns[i].name, back.luns[i].name);
+        EXPECT_EQ(eager.luns[i].wwn, back.luns[i].wwn);
+        EXPECT_EQ(eager.luns[i].devs.size(), back.luns[i].devs.size());
+    }
+    EXPECT_EQ("60:00:04", back.luns[0].wwn);
+    EXPECT_EQ("LUN 8", back.luns[2].name);  // what follows from the number
+    EXPECT_EQ(default_lun_wwn(0, 8), back.luns[2].wwn);
+    EXPECT_EQ((std::vector<std::string>{"sdc", "sdd"}), back.luns[1].devs[0].paths);
 }
 
 TEST_F(LazyState, ARecordUsedIsWrittenAfreshAndTheRestStays) {
-  put(kHandMade);
-  State st;
-  std::string err;
-  ASSERT_TRUE(load_state_lazy(dir_, st, err)) << err;
-  Lun* l = st.lun(0, 2);
-  ASSERT_NE(nullptr, l);
-  l->trespassed = true;
-  l->devs[0].paths.push_back("sde");
-  ASSERT_TRUE(save_state(dir_, st, err)) << err;
-  std::string out = text();
-  EXPECT_NE(std::string::npos, out.find("lun frame=0 num=2 name=two wwn=60:02 blocks=8 trespassed=1\n"
-                                        "dev host=0 pseudo=zp paths=sdc,sdd,sde\n"))
-      << out;
-  EXPECT_NE(std::string::npos, out.find("# the device of four\n"));
-  State back;
-  ASSERT_TRUE(load_state(dir_, back, err)) << err;
-  EXPECT_TRUE(back.lun(0, 2)->trespassed);
-  EXPECT_FALSE(back.lun(0, 4)->trespassed);
+    put(kHandMade);
+    State st;
+    std::string err;
+    ASSERT_TRUE(load_state_lazy(dir_, st, err)) << err;
+    Lun* l = st.lun(0, 2);
+    ASSERT_NE(nullptr, l);
+    l->trespassed = true;
+    l->devs[0].paths.push_back("sde");
+    ASSERT_TRUE(save_state(dir_, st, err)) << err;
+    std::string out = text();
+    EXPECT_NE(std::string::npos,
+              out.find("lun frame=0 num=2 name=two wwn=60:02 blocks=8 trespassed=1\n"
+                       "dev host=0 pseudo=zp paths=sdc,sdd,sde\n"))
+        << out;
+    EXPECT_NE(std::string::npos, out.find("# the device of four\n"));
+    State back;
+    ASSERT_TRUE(load_state(dir_, back, err)) << err;
+    EXPECT_TRUE(back.lun(0, 2)->trespassed);
+    EXPECT_FALSE(back.lun(0, 4)->trespassed);
 }
 
 TEST_F(LazyState, FieldsReadFromTheTextMatchTheParsedRecord) {
-  put(kHandMade);
-  State st;
-  std::string err;
-  ASSERT_TRUE(load_state_lazy(dir_, st, err)) << err;
-  const LunTable& luns = st.luns;
-  std::string w;
-  luns.append_wwn(0, w);
-  EXPECT_EQ("60:00:04", w);  // unescaped
-  for (size_t i = 0; i < luns.size(); ++i) {
-    std::string from_text;
-    luns.append_wwn(i, from_text);
-    EXPECT_EQ(luns[i].wwn, from_text);
-    EXPECT_EQ(luns[i].frame, luns.frame_at(i));
-    EXPECT_EQ(luns[i].num, luns.num_at(i));
-  }
+    put(kHandMade);
+    State st;
+    std::string err;
+    ASSERT_TRUE(load_state_lazy(dir_, st, err)) << err;
+    const LunTable& luns = st.luns;
+    std::string w;
+    luns.append_wwn(0, w);
+    EXPECT_EQ("60:00:04", w);  // unescaped
+    for (size_t i = 0; i < luns.size(); ++i) {
+        std::string from_text;
+        luns.append_wwn(i, from_text);
+        EXPECT_EQ(luns[i].wwn, from_text);
+        EXPECT_EQ(luns[i].frame, luns.frame_at(i));
+        EXPECT_EQ(luns[i].num, luns.num_at(i));
+    }
 }
 
 TEST_F(LazyState, AMalformedLunIsFoundWhenUsedAndEagerReadersStillRefuseIt) {
-  std::string bad =
-      "arraysim-state 1\nframe name=A addrs=10.0.0.1\nlun frame=0 num=1 name=ok\n"
-      "lun frame=0 num=2 name=bad bogus=1\ndev host=0 paths=sdb\nlun frame=0 num=3\ndev host=x\n";
-  put(bad);
-  State st;
-  std::string err;
-  ASSERT_TRUE(load_state_lazy(dir_, st, err)) << err;
-  EXPECT_EQ("ok", st.lun(0, 1)->name);
-  EXPECT_EQ(2, st.luns.num_at(1));
-  try {
-    (void)st.luns[1];
-    ADD_FAILURE() << "no error for a bad key";
-  } catch (const StateError& e) {
-    EXPECT_STREQ("malformed state line 4: lun frame=0 num=2 name=bad bogus=1", e.what());
-  }
-  EXPECT_THROW(st.lun(0, 3), StateError);  // its dev line, line 7
-  EXPECT_FALSE(st.luns.materialize_all(err));
-  EXPECT_NE(std::string::npos, err.find("line 4")) << err;
+    std::string bad =
+        "arraysim-state 1\nframe name=A addrs=10.0.0.1\nlun frame=0 num=1 name=ok\n"
+        "lun frame=0 num=2 name=bad bogus=1\ndev host=0 paths=sdb\nlun frame=0 num=3\ndev host=x\n";
+    put(bad);
+    State st;
+    std::string err;
+    ASSERT_TRUE(load_state_lazy(dir_, st, err)) << err;
+    EXPECT_EQ("ok", st.lun(0, 1)->name);
+    EXPECT_EQ(2, st.luns.num_at(1));
+    try {
+        (void)st.luns[1];
+        ADD_FAILURE() << "no error for a bad key";
+    } catch (const StateError& e) {
+        EXPECT_STREQ("malformed state line 4: lun frame=0 num=2 name=bad bogus=1", e.what());
+    }
+    EXPECT_THROW(st.lun(0, 3), StateError);  // its dev line, line 7
+    EXPECT_FALSE(st.luns.materialize_all(err));
+    EXPECT_NE(std::string::npos, err.find("line 4")) << err;
 
-  State eager;
-  EXPECT_FALSE(parse_state(bad.data(), bad.size(), eager, err));
-  EXPECT_NE(std::string::npos, err.find("line 4")) << err;
-  EXPECT_FALSE(load_state(dir_, eager, err));
+    State eager;
+    EXPECT_FALSE(parse_state(bad.data(), bad.size(), eager, err));
+    EXPECT_NE(std::string::npos, err.find("line 4")) << err;
+    EXPECT_FALSE(load_state(dir_, eager, err));
 
-  // A dev line with no LUN line above it is refused at once.
-  put("arraysim-state 1\ndev host=0 paths=sdb\n");
-  EXPECT_FALSE(load_state_lazy(dir_, st, err));
-  EXPECT_NE(std::string::npos, err.find("line 2")) << err;
+    // A dev line with no LUN line above it is refused at once.
+    put("arraysim-state 1\ndev host=0 paths=sdb\n");
+    EXPECT_FALSE(load_state_lazy(dir_, st, err));
+    EXPECT_NE(std::string::npos, err.find("line 2")) << err;
 }
 
 // Version 1 files are still read, with their meaning: a LUN line without a
 // name or WWN has none. Written again they become version 2 and say so.
 TEST_F(LazyState, AVersionOneFileKeepsItsMeaningWhenWrittenAgain) {
-  const char* v1 =
-      "arraysim-state 1\n"
-      "frame name=A addrs=10.0.0.1\n"
-      "lun frame=0 num=1 blocks=8 trespassed=0\n"
-      "lun frame=0 num=2 name=LUN%202 wwn=60:06:01:60:00:00:00:00:00:00:00:00:00:00:00:02 blocks=8 trespassed=0\n";
-  put(v1);
-  State st;
-  std::string err;
-  ASSERT_TRUE(load_state_lazy(dir_, st, err)) << err;
-  std::string w;
-  st.luns.append_wwn(0, w);
-  EXPECT_EQ("", w);
-  EXPECT_EQ("", st.luns[0].name);
-  ASSERT_TRUE(save_state(dir_, st, err)) << err;
-  EXPECT_EQ(
-      "lun frame=0 num=1 name= wwn= blocks=8 trespassed=0\n"
-      "lun frame=0 num=2 blocks=8 trespassed=0\n",
-      text().substr(text().find("lun ")));
-  EXPECT_EQ(0u, text().find("arraysim-state 2\n"));
-  State back;
-  ASSERT_TRUE(load_state(dir_, back, err)) << err;
-  EXPECT_EQ("", back.luns[0].wwn);
-  EXPECT_EQ("LUN 2", back.luns[1].name);
-  EXPECT_EQ("60:06:01:60:00:00:00:00:00:00:00:00:00:00:00:02", back.luns[1].wwn);
+    const char* v1 =
+        "arraysim-state 1\n"
+        "frame name=A addrs=10.0.0.1\n"
+        "lun frame=0 num=1 blocks=8 trespassed=0\n"
+        "lun frame=0 num=2 name=LUN%202 wwn=60:06:01:60:00:00:00:00:00:00:00:00:00:00:00:02 "
+        "blocks=8 trespassed=0\n";
+    put(v1);
+    State st;
+    std::string err;
+    ASSERT_TRUE(load_state_lazy(dir_, st, err)) << err;
+    std::string w;
+    st.luns.append_wwn(0, w);
+    EXPECT_EQ("", w);
+    EXPECT_EQ("", st.luns[0].name);
+    ASSERT_TRUE(save_state(dir_, st, err)) << err;
+    EXPECT_EQ(
+        "lun frame=0 num=1 name= wwn= blocks=8 trespassed=0\n"
+        "lun frame=0 num=2 blocks=8 trespassed=0\n",
+        text().substr(text().find("lun ")));
+    EXPECT_EQ(0u, text().find("arraysim-state 2\n"));
+    State back;
+    ASSERT_TRUE(load_state(dir_, back, err)) << err;
+    EXPECT_EQ("", back.luns[0].wwn);
+    EXPECT_EQ("LUN 2", back.luns[1].name);
+    EXPECT_EQ("60:06:01:60:00:00:00:00:00:00:00:00:00:00:00:02", back.luns[1].wwn);
 
-  put("arraysim-state 3\nframe name=A\n");
-  EXPECT_FALSE(load_state_lazy(dir_, st, err));
-  EXPECT_NE(std::string::npos, err.find("version 3 is not supported (this arraysim reads versions 1 to 2)")) << err;
+    put("arraysim-state 3\nframe name=A\n");
+    EXPECT_FALSE(load_state_lazy(dir_, st, err));
+    EXPECT_NE(std::string::npos,
+              err.find("version 3 is not supported (this arraysim reads versions 1 to 2)"))
+        << err;
 }
 
 // A WWN left out of the file must come back as the one init made.
 TEST(LunDefaults, DerivedWwnIsTheOneInitMakes) {
-  for (int f : {0, 1, 7, 255, 256, 70000})
-    for (int n : {0, 1, 255, 256, 65535, 1 << 24, 2147483647})
-      EXPECT_EQ(make_wwn("60060160", (static_cast<unsigned long long>(f) << 32) | static_cast<unsigned>(n)),
-                default_lun_wwn(f, n))
-          << f << " " << n;
-  EXPECT_EQ("LUN 12", default_lun_name(12));
+    for (int f : {0, 1, 7, 255, 256, 70000})
+        for (int n : {0, 1, 255, 256, 65535, 1 << 24, 2147483647})
+            EXPECT_EQ(make_wwn("60060160", (static_cast<unsigned long long>(f) << 32) |
+                                               static_cast<unsigned>(n)),
+                      default_lun_wwn(f, n))
+                << f << " " << n;
+    EXPECT_EQ("LUN 12", default_lun_name(12));
 }
 
 TEST(LunTableIndex, FindsTheFirstMatchAndFollowsChanges) {
-  LunTable t;
-  auto add = [&](int f, int n, const char* name) {
-    Lun l;
-    l.frame = f;
-    l.num = n;
-    l.name = name;
-    t.push_back(l);
-  };
-  add(1, 5, "a");
-  add(0, 9, "b");
-  add(0, 5, "c");
-  add(1, 5, "dup");
-  EXPECT_EQ(0, t.find(1, 5));  // the first of two, as a scan would find
-  EXPECT_EQ(2, t.find(0, 5));
-  EXPECT_EQ(-1, t.find(0, 6));
-  EXPECT_EQ(-1, t.find(-1, 5));
-  add(0, 6, "e");  // added after the index was made
-  EXPECT_EQ(4, t.find(0, 6));
-  t[1].num = 77;  // renumbered through a reference
-  EXPECT_EQ(1, t.find(0, 77));
-  EXPECT_EQ(-1, t.find(0, 9));
+    LunTable t;
+    auto add = [&](int f, int n, const char* name) {
+        Lun l;
+        l.frame = f;
+        l.num = n;
+        l.name = name;
+        t.push_back(l);
+    };
+    add(1, 5, "a");
+    add(0, 9, "b");
+    add(0, 5, "c");
+    add(1, 5, "dup");
+    EXPECT_EQ(0, t.find(1, 5));  // the first of two, as a scan would find
+    EXPECT_EQ(2, t.find(0, 5));
+    EXPECT_EQ(-1, t.find(0, 6));
+    EXPECT_EQ(-1, t.find(-1, 5));
+    add(0, 6, "e");  // added after the index was made
+    EXPECT_EQ(4, t.find(0, 6));
+    t[1].num = 77;  // renumbered through a reference
+    EXPECT_EQ(1, t.find(0, 77));
+    EXPECT_EQ(-1, t.find(0, 9));
 
-  LunTable copy = t;  // a deep copy: changing one leaves the other
-  copy[0].name = "changed";
-  EXPECT_EQ("a", t[0].name);
-  size_t n = 0;
-  for (const Lun& l : copy) n += l.frame == 0;
-  EXPECT_EQ(3u, n);
+    LunTable copy = t;  // a deep copy: changing one leaves the other
+    copy[0].name = "changed";
+    EXPECT_EQ("a", t[0].name);
+    size_t n = 0;
+    for (const Lun& l : copy) n += l.frame == 0;
+    EXPECT_EQ(3u, n);
 }
 
 TEST(StateLists, LongNumberListsAndPairsReadStrictly) {
-  State st;
-  std::string err;
-  const char* ok = "arraysim-state 1\ngroup frame=0 pairs=0:10,,1:-2,255:2147483647\ncg frame=0 luns=1,,2\n";
-  ASSERT_TRUE(parse_state(ok, strlen(ok), st, err)) << err;
-  ASSERT_EQ(3u, st.groups[0].pairs.size());
-  EXPECT_EQ(-2, st.groups[0].pairs[1].alu);
-  EXPECT_EQ(2147483647, st.groups[0].pairs[2].alu);
-  EXPECT_EQ((std::vector<int>{1, 2}), st.cgs[0].luns);
-  for (const char* bad : {"arraysim-state 1\ngroup pairs=1:2147483648\n", "arraysim-state 1\ngroup pairs=1:\n",
-                          "arraysim-state 1\ngroup pairs=:1\n", "arraysim-state 1\ngroup pairs=1:2x\n",
-                          "arraysim-state 1\ncg luns=1,a\n", "arraysim-state 1\nlun num=99999999999999999999\n",
-                          "arraysim-state 1\nlun num=-\n"}) {
-    EXPECT_FALSE(parse_state(bad, strlen(bad), st, err)) << bad;
-  }
+    State st;
+    std::string err;
+    const char* ok =
+        "arraysim-state 1\ngroup frame=0 pairs=0:10,,1:-2,255:2147483647\ncg frame=0 luns=1,,2\n";
+    ASSERT_TRUE(parse_state(ok, strlen(ok), st, err)) << err;
+    ASSERT_EQ(3u, st.groups[0].pairs.size());
+    EXPECT_EQ(-2, st.groups[0].pairs[1].alu);
+    EXPECT_EQ(2147483647, st.groups[0].pairs[2].alu);
+    EXPECT_EQ((std::vector<int>{1, 2}), st.cgs[0].luns);
+    for (const char* bad :
+         {"arraysim-state 1\ngroup pairs=1:2147483648\n", "arraysim-state 1\ngroup pairs=1:\n",
+          "arraysim-state 1\ngroup pairs=:1\n", "arraysim-state 1\ngroup pairs=1:2x\n",
+          "arraysim-state 1\ncg luns=1,a\n", "arraysim-state 1\nlun num=99999999999999999999\n",
+          "arraysim-state 1\nlun num=-\n"}) {
+        EXPECT_FALSE(parse_state(bad, strlen(bad), st, err)) << bad;
+    }
 }
 
 }  // namespace

@@ -16,7 +16,7 @@
 
 class CdiTest : public ::testing::Test {
 protected:
-    std::string root;   // short: generic node names must fit in 32 bytes
+    std::string root;  // short: generic node names must fit in 32 bytes
 
     void SetUp() override {
         char tmpl[] = "/tmp/cdiXXXXXX";

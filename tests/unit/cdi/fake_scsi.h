@@ -20,13 +20,13 @@
 #include "drivers/uscsi/uscsi.h"
 
 struct FakeDevice {
-    std::vector<unsigned char> standard;                 // standard INQUIRY data
-    std::map<int, std::vector<unsigned char>> vpd;       // VPD pages by code
-    std::vector<unsigned char> data;                     // answer to any other CDB
-    int ioctl_errno = 0;                                 // non-zero: the ioctl fails
+    std::vector<unsigned char> standard;            // standard INQUIRY data
+    std::map<int, std::vector<unsigned char>> vpd;  // VPD pages by code
+    std::vector<unsigned char> data;                // answer to any other CDB
+    int ioctl_errno = 0;                            // non-zero: the ioctl fails
     unsigned char status = 0, host = 0, driver = 0, msg = 0;
     std::vector<unsigned char> sense;
-    int old_ret = -1;                                    // old transport: forced return value
+    int old_ret = -1;  // old transport: forced return value
     // What arrived.
     int sg_calls = 0, st_calls = 0;
     std::vector<unsigned char> last_cdb, last_out;
@@ -38,7 +38,8 @@ struct FakeDevice {
 // frame's IPv4 address in 140-143.
 inline std::vector<unsigned char> make_inquiry(const char* vendor, const char* product,
                                                const char* rev, int type = 0, int lun = -1,
-                                               const unsigned char* ip = nullptr, size_t len = 144) {
+                                               const unsigned char* ip = nullptr,
+                                               size_t len = 144) {
     std::vector<unsigned char> d(len < 36 ? 36 : len, 0);
     d[0] = static_cast<unsigned char>(type);
     d[4] = static_cast<unsigned char>(d.size() - 5);
@@ -135,7 +136,8 @@ private:
             return -1;
         }
         if (request == SG_IO) return sg_io(*d, static_cast<sg_io_hdr_t*>(arg));
-        if (request == SCSI_IOCTL_SEND_COMMAND) return send_command(*d, static_cast<unsigned char*>(arg));
+        if (request == SCSI_IOCTL_SEND_COMMAND)
+            return send_command(*d, static_cast<unsigned char*>(arg));
         errno = ENOTTY;
         return -1;
     }
@@ -158,7 +160,7 @@ private:
         const std::vector<unsigned char>* a = answer(d, h->cmdp);
         const bool is_inquiry = h->cmdp[0] == 0x12;
         if (is_inquiry && !a) {
-            h->status = 2;   // no such page: check condition, illegal request
+            h->status = 2;  // no such page: check condition, illegal request
             static const unsigned char ill[] = {0x70, 0, 5, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0x24, 0};
             size_t n = sizeof ill < h->mx_sb_len ? sizeof ill : h->mx_sb_len;
             memcpy(h->sbp, ill, n);

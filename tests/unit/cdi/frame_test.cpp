@@ -17,7 +17,7 @@ TEST(CdiMessages, StatusAndDriveTablesHoldTheSystemTexts) {
     EXPECT_STREQ(map_cdiStatus2cdiMsg(22),
                  "an error occurred when setting a NDMP extension on the NDMP server");
     EXPECT_STREQ(map_cdiStatus2cdiMsg(25), "CDI error 20 occurred - no message yet");
-    EXPECT_STREQ(map_cdiStatus2cdiMsg(26), "");   // slots beyond the rows stay empty
+    EXPECT_STREQ(map_cdiStatus2cdiMsg(26), "");  // slots beyond the rows stay empty
     EXPECT_STREQ(cdi_drive_stat_messages[13], "The tape drive is resevered by another host");
     EXPECT_STREQ(cdi_drive_stat_messages[19], "Drive status is currently unknown");
     EXPECT_STREQ(cdi_drive_stat_messages[29], "DLT WORM creation error.");
@@ -62,7 +62,8 @@ TEST(CdiInfo, BuildSetsClosedDefaultsAndCreateCopiesTheName) {
 
 TEST(CdiErrno, MapsToTheDocumentedStatuses) {
     EXPECT_EQ(cdi_errno_to_status(ENOENT), 7);
-    for (int e : {EIO, ENOMEM, EACCES, ENFILE, EMFILE, ENOSPC}) EXPECT_EQ(cdi_errno_to_status(e), 16);
+    for (int e : {EIO, ENOMEM, EACCES, ENFILE, EMFILE, ENOSPC})
+        EXPECT_EQ(cdi_errno_to_status(e), 16);
     EXPECT_EQ(cdi_errno_to_status(EBADF), 9);
     EXPECT_EQ(cdi_errno_to_status(EBUSY), 10);
     EXPECT_EQ(cdi_errno_to_status(EINVAL), 13);
@@ -79,14 +80,14 @@ TEST(CdiInqMatch, PrefixesIgnoreCaseAndEmptyMatchesAll) {
     EXPECT_TRUE(cdi_inq_match(&ci, "quantum", "dlt-v"));
     EXPECT_TRUE(cdi_inq_match(&ci, nullptr, nullptr));
     EXPECT_FALSE(cdi_inq_match(&ci, "HP", ""));
-    EXPECT_FALSE(cdi_inq_match(&ci, "", "DLT-V40"));   // longer than the record's
+    EXPECT_FALSE(cdi_inq_match(&ci, "", "DLT-V40"));  // longer than the record's
 }
 
 TEST(CdiFields, BigEndianReadAndWriteWithBounds) {
     const unsigned char b[] = {0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08, 0x09};
     EXPECT_EQ(uint_from_scsi_data(b, 2), 0x0102u);
     EXPECT_EQ(uint_from_scsi_data(b, 8), 0x0102030405060708ull);
-    EXPECT_EQ(uint_from_scsi_data(b, 9), 0x0102030405060708ull);   // at most 8 bytes
+    EXPECT_EQ(uint_from_scsi_data(b, 9), 0x0102030405060708ull);  // at most 8 bytes
     EXPECT_EQ(uint_from_scsi_data(b, 0), 0u);
     unsigned char cdb[4] = {0xee, 0xee, 0xee, 0xee};
     EXPECT_EQ(fill_cdb_multibyte_field(cdb, 3, 0xffffff), 0);
@@ -94,7 +95,7 @@ TEST(CdiFields, BigEndianReadAndWriteWithBounds) {
     EXPECT_EQ(cdb[2], 0xff);
     EXPECT_EQ(cdb[3], 0xee);
     EXPECT_EQ(fill_cdb_multibyte_field(cdb, 3, 0x1000000), -1);
-    EXPECT_EQ(cdb[0], 0xff);   // untouched on overflow
+    EXPECT_EQ(cdb[0], 0xff);  // untouched on overflow
     EXPECT_EQ(fill_cdb_multibyte_field(cdb, 0, 0), -1);
 }
 
@@ -114,7 +115,7 @@ TEST_F(CdiOpen, GuardsComeBeforeAnyDeviceAccess) {
     EXPECT_EQ(ci.error.errnum, EACCES);
 
     ci.version = 1;
-    EXPECT_EQ(cdi_open(&ci), 7);   // no such file
+    EXPECT_EQ(cdi_open(&ci), 7);  // no such file
     EXPECT_EQ(ci.error.errnum, ENOENT);
     EXPECT_STREQ(ci.error.errstr, map_cdiStatus2cdiMsg(7));
     EXPECT_EQ(ci.path.handle, -1);
@@ -188,7 +189,7 @@ TEST_F(CdiOpen, VitalProductPagesAreSelectedByRequestNumber) {
     ASSERT_EQ(cdi_open(&ci), 0);
     const struct {
         int requested, evpd, page;
-    } rows[] = {{1, 1, 0x00}, {2, 1, 0x82}, {3, 1, 0x80}, {4, 1, 0x83},
+    } rows[] = {{1, 1, 0x00}, {2, 1, 0x82}, {3, 1, 0x80},  {4, 1, 0x83},
                 {5, 1, 0xc0}, {6, 0, 0x00}, {-1, 0, 0x00}, {0, 0, 0x00}};
     for (const auto& r : rows) {
         ci.command = CDI_INQUIRY_DATA;
@@ -207,7 +208,7 @@ TEST_F(CdiOpen, VitalProductPagesAreSelectedByRequestNumber) {
 TEST_F(CdiOpen, ShortOrBlankInquiryDataLeavesZerosOrBlanks) {
     FakeDevice& s = FakeScsi::get().add(dev("short"));
     s.standard = make_inquiry("QXR", "P", "1", 0, -1, nullptr, 36);
-    s.standard.resize(12);   // vendor cut after four bytes
+    s.standard.resize(12);  // vendor cut after four bytes
     FakeDevice& b = FakeScsi::get().add(dev("blank"));
     b.standard = make_inquiry("", "", "", 0, -1, nullptr, 36);
 
@@ -236,7 +237,7 @@ TEST_F(CdiOpen, FailedInquiryClosesWhatOpenOpened) {
     CDI_INFO ci;
     prepare(ci, dev("plain"));
     int st = cdi_open(&ci);
-    EXPECT_EQ(st, 8);   // ENOTTY from the ioctl
+    EXPECT_EQ(st, 8);  // ENOTTY from the ioctl
     EXPECT_EQ(ci.error.errnum, ENOTTY);
     EXPECT_EQ(ci.path.handle, -1);
     EXPECT_EQ(ci.path.aux_handle, -1);
@@ -278,7 +279,7 @@ TEST_F(CdiOpen, TapePathsGetStarsAndNoInquiry) {
     EXPECT_STREQ(ci.product, "****************");
     EXPECT_STREQ(ci.rev, "****");
     ci.command = CDI_INQUIRY_DATA;
-    EXPECT_EQ(cdi_cmd(&ci), 3);   // no inquiry on a tape path
+    EXPECT_EQ(cdi_cmd(&ci), 3);  // no inquiry on a tape path
     cdi_close(&ci);
 }
 
@@ -288,7 +289,7 @@ TEST_F(CdiCmd, GuardsAndUnreachableCommands) {
     CDI_INFO ci;
     prepare(ci, dev("x"));
     ci.command = CDI_INQUIRY;
-    EXPECT_EQ(cdi_cmd(&ci), 9);   // closed record: the device isn't touched
+    EXPECT_EQ(cdi_cmd(&ci), 9);  // closed record: the device isn't touched
     ci.command = CDI_GET_VERSION;
     ci.version = 0;
     EXPECT_EQ(cdi_cmd(&ci), 0);
@@ -348,7 +349,7 @@ TEST_F(CdiCmd, SendScsiCdbPassesTheCallersCommandUndigested) {
     ASSERT_EQ(cdi_cmd(&ci), 0);
     EXPECT_EQ(buf[7], 8);
     EXPECT_EQ(d.last_timeout, 7000u);
-    EXPECT_EQ(ci.drivestat.status, 19);   // not digested
+    EXPECT_EQ(ci.drivestat.status, 19);  // not digested
     EXPECT_EQ(ci.scmd.scmd_result, CDI_SCMD_DONE);
 
     d.status = 0x18;
@@ -367,7 +368,7 @@ TEST_F(CdiCmd, DigestionTurnsStatusIntoDriveStatus) {
         unsigned char scsi_status;
         bool sense;
         int status, drive;
-    } rows[] = {{0x00, false, 0, 0},  {0x02, true, 1, 19}, {0x02, false, 2, 18},
+    } rows[] = {{0x00, false, 0, 0},   {0x02, true, 1, 19},   {0x02, false, 2, 18},
                 {0x08, false, 11, 12}, {0x18, false, 12, 13}, {0x28, false, 15, 19}};
     for (const auto& r : rows) {
         d.status = r.scsi_status;
@@ -411,7 +412,7 @@ TEST_F(CdiCmd, CopyIsPrivateAndNeverClosesTheOriginal) {
     EXPECT_NE(fcntl(ci.path.handle, F_GETFD), -1);
     ci.command = CDI_INQUIRY;
     EXPECT_EQ(cdi_cmd(&ci), 0);
-    cdi_free_cdi_info(&ci, 0);   // closes the open record too
+    cdi_free_cdi_info(&ci, 0);  // closes the open record too
 }
 
 TEST_F(CdiCmd, TraceFollowsCdiDebugAndNeverTouchesStdout) {
@@ -429,7 +430,7 @@ TEST_F(CdiCmd, TraceFollowsCdiDebugAndNeverTouchesStdout) {
     ci.command = CDI_INQUIRY;
     cdi_cmd(&ci);
     fflush(mem);
-    EXPECT_EQ(len, 0u) << text;   // level 0: silent
+    EXPECT_EQ(len, 0u) << text;  // level 0: silent
 
     setenv("CDI_DEBUG", "4", 1);
     cdi_t_reset_thread();

@@ -20,7 +20,7 @@ protected:
         d->data = {9, 8, 7, 6};
         prepare(ci, dev("sdx"));
         ASSERT_EQ(cdi_os_open(&ci), 0);
-        ASSERT_EQ(ci.path.aux_handle, -1);   // no generic node: the transport is by kernel
+        ASSERT_EQ(ci.path.aux_handle, -1);  // no generic node: the transport is by kernel
     }
     int send(int cdblen, unsigned long buflen, int flags = 1) {
         vcdi_SetupDefaultScmd(&ci);
@@ -54,8 +54,10 @@ TEST_F(Passthru, OldKernelUsesTheStBlockWithItsLimits) {
     EXPECT_EQ(ci.error.errnum, 7);
     EXPECT_EQ(text(), "cdb (size:16) is too large for use via st driver");
     EXPECT_EQ(send(6, 3577), 13);
-    EXPECT_EQ(text(), "Requested transfer (size:xdf9) is too large for SCSI_IOCTL_SEND_COMMAND via st driver");
-    EXPECT_EQ(send(6, 3576, 0), 0);   // data out travels in wdata
+    EXPECT_EQ(
+        text(),
+        "Requested transfer (size:xdf9) is too large for SCSI_IOCTL_SEND_COMMAND via st driver");
+    EXPECT_EQ(send(6, 3576, 0), 0);  // data out travels in wdata
     EXPECT_EQ(d->last_out.size(), 3576u);
 }
 
@@ -68,11 +70,12 @@ TEST_F(Passthru, OldTransportStatusBytes) {
         const char* text;
     } rows[] = {
         {0x08000002, 1, CDI_SCMD_DONE, "SCSI error occurred - see sense data"},
-        {0x00000002, 2, CDI_SCMD_DONE | CDI_SCMD_NO_SENSE, "SCSI error occurred - no sense data returned"},
+        {0x00000002, 2, CDI_SCMD_DONE | CDI_SCMD_NO_SENSE,
+         "SCSI error occurred - no sense data returned"},
         {0x00000008, 11, CDI_SCMD_DONE, ""},
         {0x00000018, 12, CDI_SCMD_DONE, ""},
         {0x00000028, 15, CDI_SCMD_DONE, ""},
-        {0x000000c1, 0, CDI_SCMD_DONE, ""},   // bits outside the mask are ignored
+        {0x000000c1, 0, CDI_SCMD_DONE, ""},  // bits outside the mask are ignored
     };
     for (const auto& r : rows) {
         d->old_ret = r.ret;
@@ -91,7 +94,7 @@ TEST_F(Passthru, OldTransportStatusBytes) {
     EXPECT_EQ(ci.scmd.scmd_result & CDI_SCMD_FAILED, CDI_SCMD_FAILED);
 
     int fd = ci.path.handle;
-    ci.path.handle = -1;   // nothing to send on
+    ci.path.handle = -1;  // nothing to send on
     EXPECT_EQ(send(6, 8), 13);
     EXPECT_EQ(text(), "no valid device handles supplied.");
     ci.path.handle = fd;
@@ -99,7 +102,7 @@ TEST_F(Passthru, OldTransportStatusBytes) {
 
 TEST_F(Passthru, SgIoHeaderCarriesTheCommand) {
     open_device("5.10.0");
-    EXPECT_EQ(send(16, 4, 1), 0);   // no st limit on this transport
+    EXPECT_EQ(send(16, 4, 1), 0);  // no st limit on this transport
     EXPECT_EQ(d->last_cdb.size(), 16u);
     EXPECT_EQ(d->last_direction, SG_DXFER_FROM_DEV);
     EXPECT_EQ(d->last_timeout, 300000u);
@@ -120,7 +123,7 @@ TEST_F(Passthru, SgIoHeaderCarriesTheCommand) {
     vcdi_SetupDefaultScmd(&ci);
     ci.scmd.scmd_cdb = cdb;
     ci.scmd.scmd_cdblen = 6;
-    ci.scmd.scmd_buflen = 10;   // and no buffer
+    ci.scmd.scmd_buflen = 10;  // and no buffer
     EXPECT_EQ(cdi_os_cmd(&ci), 13);
 }
 
@@ -138,7 +141,8 @@ TEST_F(Passthru, SgIoStatusesAndAdapterErrors) {
         {0x02, 0, 0, 0, false, 2, 6, "command returns check condition - no sense data available"},
         {0x08, 0, 0, 0, false, 11, 2, "the device is busy"},
         {0x18, 0, 0, 0, false, 12, 2, "there was a reservation conflict on the device"},
-        {0x22, 0, 0, 0, false, 15, 2, "a SCSI error occurred - see SCSI sense data for more information"},
+        {0x22, 0, 0, 0, false, 15, 2,
+         "a SCSI error occurred - see SCSI sense data for more information"},
         {0, 0, 0x08, 0, true, 1, 2, "SCSI Driver Error: 0x08 (Sense:no suggestion)"},
         {0, 0, 0x80, 0, false, 2, 6, "SCSI Driver Error: 0x80 (OK:no suggestion)"},
         {0, 0, 0x24, 0, false, 16, 2, "SCSI Driver Error: 0x24 (Error:suggest abort)"},
@@ -146,10 +150,12 @@ TEST_F(Passthru, SgIoStatusesAndAdapterErrors) {
         {0, 0, 0x3f, 0, false, 16, 2, "SCSI Driver Error: 0x3f (Unknown:suggest remap)"},
         {0, 0, 0x41, 0, false, 16, 2, "SCSI Driver Error: 0x41 (Busy:suggest die)"},
         {0, 3, 0, 0, false, 16, 2, "Host Adaptor Error: 0x03 (TIMED OUT for other reason)"},
-        {0, 11, 0, 0, false, 16, 2, "Host Adaptor Error: 0x0b (The low level driver wants a retry)"},
+        {0, 11, 0, 0, false, 16, 2,
+         "Host Adaptor Error: 0x0b (The low level driver wants a retry)"},
         {0, 12, 0, 0, false, 16, 2, "Host Adaptor Error: 0x0c"},
         {0, 0, 0, 1, false, 16, 2, "Messaging Level Data: 0x01"},
-        {0, 5, 0x04, 1, false, 16, 2, "SCSI Driver Error: 0x04 (Error:no suggestion)"},   // driver first
+        {0, 5, 0x04, 1, false, 16, 2,
+         "SCSI Driver Error: 0x04 (Error:no suggestion)"},  // driver first
     };
     for (const auto& r : rows) {
         d->status = r.status;

@@ -35,18 +35,19 @@ std::vector<int> numbers(SNLP l) {
 }
 
 TEST(InquiryDecode, StandardDataFillsTypeAndFixedFields) {
-    std::vector<unsigned char> d = make_inquiry("QXR", "MERLODE DISK", "0815", 0x61, -1, nullptr, 36);
+    std::vector<unsigned char> d =
+        make_inquiry("QXR", "MERLODE DISK", "0815", 0x61, -1, nullptr, 36);
     INQ q;
     memset(&q, 0, sizeof q);
     inq_from_standard(&q, d.data(), 36);
-    EXPECT_EQ(q.iPerDevType, 1);   // qualifier bits dropped
+    EXPECT_EQ(q.iPerDevType, 1);  // qualifier bits dropped
     EXPECT_EQ(memcmp(q.vendor, "QXR     ", 8), 0);
     EXPECT_EQ(memcmp(q.product, "MERLODE DISK    ", 16), 0);
     EXPECT_EQ(memcmp(q.rev, "0815", 4), 0);
 
     INQ s;
     memset(&s, 0, sizeof s);
-    inq_from_standard(&s, d.data(), 10);   // short: vendor cut, the rest zero
+    inq_from_standard(&s, d.data(), 10);  // short: vendor cut, the rest zero
     EXPECT_EQ(memcmp(s.vendor, "QX\0\0\0\0\0\0", 8), 0);
     EXPECT_EQ(s.product[0], 0);
     inq_from_standard(&s, nullptr, 36);
@@ -58,11 +59,11 @@ TEST(InquiryDecode, PageListAndPayloadAreBoundedByWhatArrived) {
     EXPECT_TRUE(vpd_page_listed(list, sizeof list, 0x80));
     EXPECT_TRUE(vpd_page_listed(list, sizeof list, 0x83));
     EXPECT_FALSE(vpd_page_listed(list, sizeof list, 0xb0));
-    EXPECT_FALSE(vpd_page_listed(list, 6, 0x83));   // beyond the data received
+    EXPECT_FALSE(vpd_page_listed(list, 6, 0x83));  // beyond the data received
     const unsigned char lying[] = {0, 0x00, 0xff, 0xff, 0x80};
     EXPECT_TRUE(vpd_page_listed(lying, sizeof lying, 0x80));
     EXPECT_FALSE(vpd_page_listed(lying, sizeof lying, 0x83));
-    const unsigned char other[] = {0, 0x80, 0, 1, 0x83};   // not the page list
+    const unsigned char other[] = {0, 0x80, 0, 1, 0x83};  // not the page list
     EXPECT_FALSE(vpd_page_listed(other, sizeof other, 0x83));
     EXPECT_FALSE(vpd_page_listed(list, 3, 0x80));
 
@@ -70,7 +71,7 @@ TEST(InquiryDecode, PageListAndPayloadAreBoundedByWhatArrived) {
     char dst[32];
     memset(dst, 0, sizeof dst);
     EXPECT_TRUE(vpd_copy_payload(dst, sizeof dst, sn.data(), static_cast<int>(sn.size()), 0x80));
-    EXPECT_EQ(std::string(dst, 32), std::string(32, 'S'));   // capped at the field
+    EXPECT_EQ(std::string(dst, 32), std::string(32, 'S'));  // capped at the field
     EXPECT_FALSE(vpd_copy_payload(dst, sizeof dst, sn.data(), static_cast<int>(sn.size()), 0x83));
 }
 
@@ -82,7 +83,7 @@ TEST(InquiryDecode, ProcEntriesMatchOnAllFourFieldsAndCountFromZero) {
 
     INQ disk = identity("QXR", "MERLODE DISK", "0815", 0);
     SNLP l = find_matching_scsi_devs_in(text.c_str(), &disk);
-    EXPECT_EQ(numbers(l), (std::vector<int>{2, 5}));   // not the -ZBC entry
+    EXPECT_EQ(numbers(l), (std::vector<int>{2, 5}));  // not the -ZBC entry
     ASSERT_NE(l, nullptr);
     EXPECT_STREQ(l->sgname, "/dev/sg2");
     cdi_sg_list_free(l);
@@ -103,8 +104,9 @@ TEST(InquiryDecode, ProcEntriesMatchOnAllFourFieldsAndCountFromZero) {
     INQ wrong_rev = identity("QXR", "MERLODE DISK", "0816", 0);
     EXPECT_EQ(find_matching_scsi_devs_in(text.c_str(), &wrong_rev), nullptr);
 
-    const char* bad[] = {"", "garbage\n\n\n", "Host:\n", "Host: x\n  Vendor: QXR\n",
-                         "Vendor: QXR      Model: MERLODE DISK     Rev: 0815\nType: Direct-Access\n"};
+    const char* bad[] = {
+        "", "garbage\n\n\n", "Host:\n", "Host: x\n  Vendor: QXR\n",
+        "Vendor: QXR      Model: MERLODE DISK     Rev: 0815\nType: Direct-Access\n"};
     for (const char* b : bad) EXPECT_EQ(find_matching_scsi_devs_in(b, &disk), nullptr) << b;
     uscsi_set_hooks(nullptr);
 }
@@ -166,8 +168,8 @@ TEST_F(SgSearch, SymbolicLinksToTheTapeAreFollowed) {
     tape_device(dev("nst0"), "SN-TAPE-1");
     tape_device(sg(3), "SN-TAPE-1");
     sysfs_tape("nst0", "0:0:1:0", "21:3");
-    ASSERT_EQ(symlink("nst0", dev("tape").c_str()), 0);              // relative
-    ASSERT_EQ(symlink(dev("tape").c_str(), dev("backup").c_str()), 0);   // absolute, to a link
+    ASSERT_EQ(symlink("nst0", dev("tape").c_str()), 0);                 // relative
+    ASSERT_EQ(symlink(dev("tape").c_str(), dev("backup").c_str()), 0);  // absolute, to a link
     CDI_INFO ci;
     ASSERT_EQ(open_os(ci, dev("backup")), 0);
     EXPECT_STREQ(ci.path.aux_device_file, sg(3).c_str());
@@ -220,13 +222,13 @@ TEST_F(SgSearch, SysfsThatLiesIsCaughtAtEachStep) {
 
 TEST_F(SgSearch, NodeOfAnotherDeviceIsNotTakenButItsNameIs) {
     tape_device(dev("nst0"), "SN-TAPE-1");
-    tape_device(sg(4), "SN-OTHER");   // same inquiry data, another serial number
+    tape_device(sg(4), "SN-OTHER");  // same inquiry data, another serial number
     sysfs_tape("nst0", "0:0:1:0", "21:4");
     CDI_INFO ci;
     ASSERT_EQ(open_os(ci, dev("nst0")), 0);
-    EXPECT_EQ(ci.path.aux_handle, ci.path.handle);   // the device's own handle
+    EXPECT_EQ(ci.path.aux_handle, ci.path.handle);  // the device's own handle
     EXPECT_STREQ(ci.path.aux_device_file, sg(4).c_str());
-    close_os(ci);   // one descriptor, closed once
+    close_os(ci);  // one descriptor, closed once
 }
 
 TEST_F(SgSearch, DiskFallsThroughToProcAndSerialTellsTwinsApart) {
@@ -275,7 +277,7 @@ TEST_F(SgSearch, CacheServesTheNextOpenAndIsRebuiltWhenItsNodeIsGone) {
     prepare(ci, dev("sdb"));
     ASSERT_EQ(cdi_os_open(&ci), 0);
     EXPECT_STREQ(ci.path.aux_device_file, sg(2).c_str());
-    EXPECT_EQ(node.sg_calls, inquiries);   // a hit does not ask the node again
+    EXPECT_EQ(node.sg_calls, inquiries);  // a hit does not ask the node again
     close_os(ci);
 
     // The node disappears: the cache is dropped and nothing replaces it.
@@ -294,7 +296,7 @@ TEST_F(SgSearch, ReopenClosesThePreviousAuxiliaryNode) {
     CDI_INFO ci;
     ASSERT_EQ(open_os(ci, dev("nst0")), 0);
     int first_aux = ci.path.aux_handle;
-    ASSERT_EQ(cdi_os_open(&ci), 0);   // the handle stays, the node is reopened
+    ASSERT_EQ(cdi_os_open(&ci), 0);  // the handle stays, the node is reopened
     EXPECT_GE(ci.path.aux_handle, 0);
     if (ci.path.aux_handle != first_aux) {
         EXPECT_EQ(fcntl(first_aux, F_GETFD), -1);
@@ -305,7 +307,7 @@ TEST_F(SgSearch, ReopenClosesThePreviousAuxiliaryNode) {
 TEST_F(SgSearch, DeviceWithoutIdentityIsNotMatchedToAnything) {
     write_file(root + "/proc_scsi", fixture("proc_scsi_scsi.txt"));
     FakeDevice& d = FakeScsi::get().add(dev("dead"));
-    d.status = 0x02;   // every command a check condition
+    d.status = 0x02;  // every command a check condition
     FakeDevice& node = FakeScsi::get().add(sg(0));
     node.status = 0x02;
     CDI_INFO ci;

@@ -22,7 +22,7 @@ namespace fake_resolver {
 
 struct Line {
     std::string ip;
-    std::vector<std::string> names;   // first is the canonical name
+    std::vector<std::string> names;  // first is the canonical name
 };
 
 inline std::vector<Line>& table() {
@@ -129,21 +129,26 @@ inline int fake_getaddrinfo(const char* host, const char*, const addrinfo* hints
         for (const std::string& n : l.names) hit = hit || strcasecmp(n.c_str(), host) == 0;
         if (!hit) continue;
         if (canon.empty()) canon = l.names[0];
-        *tail = node(l.ip, tail == res && hints != nullptr && (hints->ai_flags & AI_CANONNAME) ? canon.c_str() : nullptr, hints);
+        *tail =
+            node(l.ip,
+                 tail == res && hints != nullptr && (hints->ai_flags & AI_CANONNAME) ? canon.c_str()
+                                                                                     : nullptr,
+                 hints);
         tail = &(*tail)->ai_next;
     }
     return *res != nullptr ? 0 : EAI_NONAME;
 }
 
-inline int fake_getnameinfo(const sockaddr* sa, socklen_t, char* node, socklen_t nodelen, char* serv,
-                            socklen_t servlen, int flags) {
+inline int fake_getnameinfo(const sockaddr* sa, socklen_t, char* node, socklen_t nodelen,
+                            char* serv, socklen_t servlen, int flags) {
     if (on_call() != nullptr) on_call()();
     gni_calls()++;
     char text[INET6_ADDRSTRLEN] = "";
     if (sa->sa_family == AF_INET)
         inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(sa)->sin_addr, text, sizeof text);
     else if (sa->sa_family == AF_INET6)
-        inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(sa)->sin6_addr, text, sizeof text);
+        inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(sa)->sin6_addr, text,
+                  sizeof text);
     else
         return EAI_FAMILY;
     if (serv != nullptr && servlen > 0) serv[0] = '\0';

@@ -127,11 +127,11 @@ TEST(AttrSetList, InsertsSortedAndReplacesValuesByCopy) {
 
     vallist* one = val_new("only");
     attrlist* e = attrlist_setlist(&al, "M", one);
-    EXPECT_STREQ(e->name, "m");   // the existing element keeps its spelling
+    EXPECT_STREQ(e->name, "m");  // the existing element keeps its spelling
     ASSERT_NE(e->values, nullptr);
     EXPECT_STREQ(e->values->value, "only");
     EXPECT_EQ(e->values->next, nullptr);
-    EXPECT_NE(e->values, one);    // a copy
+    EXPECT_NE(e->values, one);  // a copy
     EXPECT_EQ(names(al), "AB a_x m Z ");
     attrlist_free(al);
     vallist_free(vals);
@@ -162,9 +162,9 @@ TEST(AttrToBool, OnlyFalseNoAndLoneZeroAreFalse) {
     struct Case {
         const char* v;
         int want;
-    } cases[] = {{"False", 0}, {"FALSE", 0}, {"no", 0}, {"No", 0}, {"0", 0},
+    } cases[] = {{"False", 0}, {"FALSE", 0}, {"no", 0}, {"No", 0},  {"0", 0},
                  {"00", 1},    {"01", 1},    {"", 1},   {"off", 1}, {"Yes", 1},
-                 {"true", 1},  {"1", 1},     {"n", 1},  {"f", 1},  {"nope", 1}};
+                 {"true", 1},  {"1", 1},     {"n", 1},  {"f", 1},   {"nope", 1}};
     for (const Case& c : cases) {
         attrlist* a = attr_new("B", nullptr);
         a->values = val_new(c.v);

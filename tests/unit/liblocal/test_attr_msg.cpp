@@ -17,7 +17,7 @@ TEST(AttrLegal, NamesOfMoreThan63CharactersAreRefused) {
     EXPECT_EQ(attrlist_legal(al), nullptr);
     EXPECT_EQ(attrlist_legal(nullptr), nullptr);
 
-    attrlist_add(&al, n200.c_str(), "v");   // stored whole
+    attrlist_add(&al, n200.c_str(), "v");  // stored whole
     EXPECT_EQ(strlen(attrlist_find(al, n200.c_str())->name), 200u);
     errinfo* e = attrlist_legal(al);
     ASSERT_NE(e, nullptr);
@@ -45,7 +45,7 @@ TEST(AttrI18N, CompanionHoldsMessageBuffersThatRenderBack) {
     attrlist* c = attrlist_find(al, "comment_I18N");
     ASSERT_NE(c, nullptr);
     EXPECT_EQ(vallist_count(c->values), 2);
-    EXPECT_STRNE(c->values->value, "hello world");   // stored in buffer form
+    EXPECT_STRNE(c->values->value, "hello world");  // stored in buffer form
     // Printing renders the buffers back to the text.
     char buf[256];
     attr_sprintf(buf, sizeof buf, 80, c, 0, 0, ATTR_FLAG_NOPAD);
@@ -71,13 +71,13 @@ TEST(AttrI18N, NoValuesNoCompanionAndLongNamesAreCut) {
     attrlist_add(&al, n60.c_str(), "v");
     char* nn = attrlist_add_I18Nattr(&al, const_cast<char*>(n60.c_str()), 0);
     ASSERT_NE(nn, nullptr);
-    EXPECT_EQ(std::string(nn), n60 + "_I1");   // 63 characters in a buffer of 64
+    EXPECT_EQ(std::string(nn), n60 + "_I1");  // 63 characters in a buffer of 64
     std::string n70(70, 'y');
     attrlist_add(&al, n70.c_str(), "v");
     nn = attrlist_add_I18Nattr(&al, const_cast<char*>(n70.c_str()), 1);
     ASSERT_NE(nn, nullptr);
     EXPECT_EQ(std::string(nn), std::string(63, 'y'));
-    EXPECT_EQ(attrlist_find(al, n70.c_str()), nullptr);   // the old one was deleted
+    EXPECT_EQ(attrlist_find(al, n70.c_str()), nullptr);  // the old one was deleted
     // At 63 characters nothing of "_I18N" fits: the companion is the
     // attribute itself, which must survive the deletion of the old one.
     std::string n63(63, 'z');

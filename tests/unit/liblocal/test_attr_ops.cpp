@@ -47,7 +47,7 @@ TEST(AttrAdd, SortsByFoldedNameAndAppendsToExisting) {
     attrlist_add(&al, "zeta", "1");
     attrlist_add(&al, "Alpha", "a");
     attrlist_add(&al, "A_B", "x");
-    attrlist_add(&al, "ALPHA", "b");   // same name folded: appended
+    attrlist_add(&al, "ALPHA", "b");  // same name folded: appended
     attrlist_add(&al, "mid", nullptr);
     EXPECT_EQ(dump(al), "Alpha=[a][b] A_B=[x] mid= zeta=[1] ");
     attrlist_free(al);
@@ -61,7 +61,7 @@ TEST(AttrAdd, EmptyValueDiffersBetweenNewAndExistingAttribute) {
     attrlist_add(&al, "X", "");
     ASSERT_NE(al->values, nullptr);
     EXPECT_STREQ(al->values->value, "");
-    attrlist_add(&al, "X", nullptr);   // null adds nothing to an existing one
+    attrlist_add(&al, "X", nullptr);  // null adds nothing to an existing one
     EXPECT_EQ(vallist_count(al->values), 1);
     attrlist_free(al);
 }
@@ -80,11 +80,11 @@ TEST(AttrSet, ReplaceReportsOnlyRealChanges) {
     attrlist* al = build({{"A", "1"}, {"B", nullptr}});
     EXPECT_EQ(attrlist_replace(&al, (char*)"A", (char*)"1"), 0);
     EXPECT_EQ(attrlist_replace(&al, (char*)"B", nullptr), 0);
-    EXPECT_EQ(attrlist_replace(&al, (char*)"B", (char*)""), 1);   // empty on no values: a change
+    EXPECT_EQ(attrlist_replace(&al, (char*)"B", (char*)""), 1);  // empty on no values: a change
     EXPECT_EQ(attrlist_replace(&al, (char*)"a", (char*)"2"), 1);
     EXPECT_EQ(dump(al), "A=[2] B= ");
     attrlist_add(&al, "A", "3");
-    EXPECT_EQ(attrlist_replace(&al, (char*)"A", (char*)"2"), 1);   // two values -> one
+    EXPECT_EQ(attrlist_replace(&al, (char*)"A", (char*)"2"), 1);  // two values -> one
     EXPECT_EQ(dump(al), "A=[2] B= ");
     EXPECT_EQ(attrlist_replace(&al, (char*)"A", (char*)"2"), 0);
     attrlist_set(&al, (char*)"A", (char*)"");
@@ -102,8 +102,8 @@ TEST(AttrSet, DefaultOnlyFillsMissingOrEmpty) {
 }
 
 TEST(AttrBuild, NamesValuesAndValuelessNames) {
-    attrlist* al = attrlist_build((char*)"b", "1", "2", nullptr, (char*)"A", nullptr,
-                                  (char*)"c", "", nullptr, nullptr);
+    attrlist* al = attrlist_build((char*)"b", "1", "2", nullptr, (char*)"A", nullptr, (char*)"c",
+                                  "", nullptr, nullptr);
     EXPECT_EQ(dump(al), "A= b=[1][2] c= ");
     attrlist_free(al);
     vallist* vl = vallist_build((char*)"x", "y", nullptr);
@@ -117,7 +117,7 @@ TEST(AttrMerge, BaseKeepsItsElementNewStaysUntouched) {
     attrlist* a_base = attrlist_find(base, "a");
     attrlist_merge(&newl, &base);
     EXPECT_EQ(dump(base), "A=[base] b=[base] c=[new] e=[base] ");
-    EXPECT_EQ(attrlist_find(base, "a"), a_base);   // the very element, not a copy
+    EXPECT_EQ(attrlist_find(base, "a"), a_base);  // the very element, not a copy
     EXPECT_EQ(dump(newl), "a=[new] c=[new] e=[new] ");
     EXPECT_NE(attrlist_find(base, "c"), attrlist_find(newl, "c"));
     attrlist_free(newl);
@@ -188,7 +188,7 @@ TEST(AttrCompare, EqualSubsetAndNameMatch) {
     attrlist* b = build({{"X", "v1"}, {"X", "V2"}, {"Y", nullptr}});
     attrlist* c = build({{"X", "v2"}, {"X", "v1"}, {"Y", nullptr}});
     EXPECT_TRUE(attrlist_equal(a, b));
-    EXPECT_FALSE(attrlist_equal(a, c));   // value order counts
+    EXPECT_FALSE(attrlist_equal(a, c));  // value order counts
     EXPECT_TRUE(attrlist_exact_name_match(a, c));
     EXPECT_TRUE(attrlist_exact_name_match(nullptr, nullptr));
     EXPECT_FALSE(attrlist_exact_name_match(a, nullptr));
@@ -293,7 +293,7 @@ TEST(ValList, PositionsInsertAndGuardedRemove) {
     EXPECT_STREQ(vallist_pos_value(vl, 6), "z");
     EXPECT_EQ(vallist_pos_value(vl, 7), nullptr);
     EXPECT_EQ(vallist_pos_value(vl, 0), nullptr);
-    vallist_pos_remove(&vl, (char*)"nope", 3);   // guarded by the value
+    vallist_pos_remove(&vl, (char*)"nope", 3);  // guarded by the value
     EXPECT_EQ(vallist_count(vl), 6);
     vallist_pos_remove(&vl, (char*)"X", 3);
     vallist_pos_remove(&vl, nullptr, 1);
@@ -305,7 +305,7 @@ TEST(ValList, StaleOrEmptyTailHints) {
     vallist* h = nullptr;
     vallist* t = nullptr;
     vallist_add2(&h, &t, "a");
-    vallist_add(&h, "b");   // the hint is now stale
+    vallist_add(&h, "b");  // the hint is now stale
     vallist_add2(&h, &t, "c");
     EXPECT_EQ(dumpv(h), "[a][b][c]");
     EXPECT_STREQ(t->value, "c");
@@ -315,7 +315,7 @@ TEST(ValList, StaleOrEmptyTailHints) {
         traced = std::to_string(level) + "/" + std::to_string(mask) + ":" + text;
     });
     vallist* empty = nullptr;
-    vallist_add2(&empty, &t, "x");   // a tail hint with an empty head
+    vallist_add2(&empty, &t, "x");  // a tail hint with an empty head
     EXPECT_EQ(empty, nullptr);
     EXPECT_EQ(traced, "9/256:vallist_add2(): invalid input\n");
     attrlist_set_trace_hook(old);
@@ -336,14 +336,14 @@ TEST(ValList, SortWithAndWithoutDuplicates) {
 TEST(ValList, MergeIntersectAndDiff) {
     vallist* base = vals({"a"});
     vallist* add = vals({"A", "a", "b"});
-    vallist_merge(add, &base);   // exact comparison: "A" is new
+    vallist_merge(add, &base);  // exact comparison: "A" is new
     EXPECT_EQ(dumpv(base), "[a][A][b]");
     vallist* empty = nullptr;
     vallist_merge(add, &empty);
     EXPECT_EQ(dumpv(empty), "[A][a][b]");
 
     vallist* keep = vals({"x", "B", "a"});
-    vallist_intersect(keep, &base);   // reversed order of `keep`
+    vallist_intersect(keep, &base);  // reversed order of `keep`
     EXPECT_EQ(dumpv(base), "[a][B]");
 
     vallist* old = vals({"1", "2"});
@@ -352,10 +352,10 @@ TEST(ValList, MergeIntersectAndDiff) {
     EXPECT_EQ(vallist_diff_apply(old, nw, &change, 0), 1);
     EXPECT_EQ(dumpv(change), "[9][3]");
     vallist* c1 = vals({"1"});
-    vallist_diff_apply(old, nw, &c1, 1);   // only additions
+    vallist_diff_apply(old, nw, &c1, 1);  // only additions
     EXPECT_EQ(dumpv(c1), "[1][3]");
     vallist* c2 = vals({"1"});
-    vallist_diff_apply(old, nw, &c2, 2);   // only removals
+    vallist_diff_apply(old, nw, &c2, 2);  // only removals
     EXPECT_EQ(dumpv(c2), "");
     EXPECT_EQ(vallist_diff_apply(old, nw, nullptr, 0), 0);
     for (vallist* v : {base, add, empty, keep, old, nw, change, c1, c2}) vallist_free(v);
@@ -404,10 +404,10 @@ TEST(ValCsv, JoinWithLimitAndSplitWithTrim) {
     s = vallist_to_csv(vl, 0);
     EXPECT_STREQ(s, "alpha, beta, gamma");
     free(s);
-    s = vallist_to_csv(vl, 11);   // "alpha, beta" is 11
+    s = vallist_to_csv(vl, 11);  // "alpha, beta" is 11
     EXPECT_STREQ(s, "alpha, beta, ...");
     free(s);
-    s = vallist_to_csv(vl, 3);   // the first value stays even when too long
+    s = vallist_to_csv(vl, 3);  // the first value stays even when too long
     EXPECT_STREQ(s, "alpha, ...");
     free(s);
     vallist_free(vl);

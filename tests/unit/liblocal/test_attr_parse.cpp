@@ -16,7 +16,9 @@ struct Tok {
     std::string text;
     bool operator==(const Tok& o) const { return kind == o.kind && text == o.text; }
 };
-std::ostream& operator<<(std::ostream& os, const Tok& t) { return os << t.kind << ":'" << t.text << "'"; }
+std::ostream& operator<<(std::ostream& os, const Tok& t) {
+    return os << t.kind << ":'" << t.text << "'";
+}
 
 // Feeds `text` in chunks of `chunk` bytes and collects the tokens.
 std::vector<Tok> lex(const std::string& text, size_t chunk) {
@@ -47,19 +49,21 @@ std::vector<Tok> lex(const std::string& text, size_t chunk) {
 }
 
 TEST(Lexer, TokensOfOneAttributeLine) {
-    std::vector<Tok> want = {{TOK_STRING, "name"}, {TOK_COLON, ""},   {TOK_STRING, "a b"},
-                             {TOK_COMMA, ""},      {TOK_STRING, "x,y: \"q\""}, {TOK_SEMICOLON, ""}};
+    std::vector<Tok> want = {{TOK_STRING, "name"},       {TOK_COLON, ""},
+                             {TOK_STRING, "a b"},        {TOK_COMMA, ""},
+                             {TOK_STRING, "x,y: \"q\""}, {TOK_SEMICOLON, ""}};
     std::string text = "   name : a b  , \"x,y: \\\"q\\\"\";\n";
     EXPECT_EQ(lex(text, 1000), want);
     // Any cut of the input gives the same tokens.
-    for (size_t chunk = 1; chunk < 8; chunk++) EXPECT_EQ(lex(text, chunk), want) << "chunk " << chunk;
+    for (size_t chunk = 1; chunk < 8; chunk++)
+        EXPECT_EQ(lex(text, chunk), want) << "chunk " << chunk;
 }
 
 TEST(Lexer, CommentsContinuationsAndNewlines) {
     std::string text = "# whole line\nn: one\\\ntwo\n\nm: \"in\nquote\"  \t\r;\n";
-    std::vector<Tok> want = {{TOK_STRING, "n"},      {TOK_COLON, ""},  {TOK_STRING, "onetwo"},
-                             {TOK_NEWLINE, ""},      {TOK_NEWLINE, ""}, {TOK_STRING, "m"},
-                             {TOK_COLON, ""},        {TOK_STRING, "in\nquote"}, {TOK_SEMICOLON, ""}};
+    std::vector<Tok> want = {{TOK_STRING, "n"}, {TOK_COLON, ""},           {TOK_STRING, "onetwo"},
+                             {TOK_NEWLINE, ""}, {TOK_NEWLINE, ""},         {TOK_STRING, "m"},
+                             {TOK_COLON, ""},   {TOK_STRING, "in\nquote"}, {TOK_SEMICOLON, ""}};
     EXPECT_EQ(lex(text, 1000), want);
     EXPECT_EQ(lex(text, 3), want);
 }
@@ -117,7 +121,7 @@ TEST(ParseText, RoundTripWithTheWriter) {
     attrlist* back = attrlist_parse_text(buf.c_str());
     EXPECT_TRUE(attrlist_equal(al, back)) << buf;
     // Exactly, not only folded.
-    for (attrlist* a = al, *b = back; a != nullptr && b != nullptr; a = a->next, b = b->next)
+    for (attrlist *a = al, *b = back; a != nullptr && b != nullptr; a = a->next, b = b->next)
         EXPECT_EQ(vallist_cmp_exact(a->values, b->values), 0) << a->name;
     attrlist_free(al);
     attrlist_free(back);

@@ -9,7 +9,9 @@
 
 namespace {
 
-std::string vs(const char* v, int needquote = 0) { return val_str(const_cast<char*>(v), needquote); }
+std::string vs(const char* v, int needquote = 0) {
+    return val_str(const_cast<char*>(v), needquote);
+}
 
 TEST(ValStr, QuotesOnlyWhenNeeded) {
     EXPECT_EQ(vs(""), "\"\"");
@@ -26,7 +28,7 @@ TEST(ValStr, EscapesQuotesAndBackslashesAndHandlesNewlines) {
     EXPECT_EQ(vs("say \"hi\""), "\"say \\\"hi\\\"\"");
     EXPECT_EQ(vs("C:\\dir"), "\"C:\\\\dir\"");
     EXPECT_EQ(vs("line1\nline2"), "\"line1\nline2\"");
-    EXPECT_EQ(vs("ends\n"), "\"ends\"");   // the final newline is dropped
+    EXPECT_EQ(vs("ends\n"), "\"ends\"");  // the final newline is dropped
     EXPECT_EQ(vs("\n"), "\"\"");
 }
 
@@ -36,7 +38,7 @@ TEST(ValStr, LongValuesAreQuotedAndWrapped) {
     ASSERT_EQ(out.front(), '"');
     size_t br = out.find("\\\n");
     ASSERT_NE(br, std::string::npos);
-    EXPECT_EQ(br, 2044u);   // column reached 2048 - 4
+    EXPECT_EQ(br, 2044u);  // column reached 2048 - 4
     std::string nowrap = val_str_nowrap(const_cast<char*>(longv.c_str()), 0);
     EXPECT_EQ(nowrap, longv);
     // A newline resets the column: no break within the second short line.
@@ -67,7 +69,7 @@ TEST(AttrSprintf, PadsNameAndSeparatesValues) {
 
 TEST(AttrSprintf, WrapsToIndentedLines) {
     attrlist* al = nullptr;
-    for (int i = 0; i < 6; i++) attrlist_add(&al, "n", "value_of_ten");   // 12 columns each
+    for (int i = 0; i < 6; i++) attrlist_add(&al, "n", "value_of_ten");  // 12 columns each
     std::string out = fmt(al);
     // Column 30 + 12, then +14 each: the fourth would reach 30+12+14*3+14 = 98 > 80.
     std::string head = std::string(27, ' ') + "n: ";
@@ -77,11 +79,12 @@ TEST(AttrSprintf, WrapsToIndentedLines) {
     attrlist_free(al);
     // Wide characters take two columns each, not their three bytes: six of
     // them wrap exactly as twelve narrow ones.
-    const std::string wide = "\xe5\x80\xa4\xe5\x80\xa4\xe5\x80\xa4\xe5\x80\xa4\xe5\x80\xa4\xe5\x80\xa4";
+    const std::string wide =
+        "\xe5\x80\xa4\xe5\x80\xa4\xe5\x80\xa4\xe5\x80\xa4\xe5\x80\xa4\xe5\x80\xa4";
     al = nullptr;
     for (int i = 0; i < 6; i++) attrlist_add(&al, "n", wide.c_str());
-    EXPECT_EQ(fmt(al), head + wide + ", " + wide + ", " + wide + ",\n" + indent + wide + ", " + wide +
-                           ", " + wide + ";\n");
+    EXPECT_EQ(fmt(al), head + wide + ", " + wide + ", " + wide + ",\n" + indent + wide + ", " +
+                           wide + ", " + wide + ";\n");
     attrlist_free(al);
 }
 
@@ -90,8 +93,8 @@ TEST(AttrSprintf, FoldsLongValues) {
     attrlist* al = attr_new("long", longv.c_str());
     attrlist_add(&al, "long", "short");
     std::string out = fmt(al, ATTR_FLAG_NOPAD);
-    EXPECT_EQ(out, "long: \\\n" + std::string(78, 'y') + "\\\n" + std::string(22, 'y') +
-                       ",\n" + std::string(30, ' ') + "short;\n");
+    EXPECT_EQ(out, "long: \\\n" + std::string(78, 'y') + "\\\n" + std::string(22, 'y') + ",\n" +
+                       std::string(30, ' ') + "short;\n");
     attrlist_free(al);
 }
 
@@ -124,13 +127,14 @@ std::string capture(void (*fn)(FILE*, void*), void* arg) {
 }
 
 TEST(AttrPrint, NopaddingHeaderAndMaskedPhrases) {
-    attrlist* al = attrlist_build((char*)"VMR_ENCRYPTION_PHRASES", "secret", nullptr, (char*)"a", "1",
-                                  nullptr, nullptr);
+    attrlist* al = attrlist_build((char*)"VMR_ENCRYPTION_PHRASES", "secret", nullptr, (char*)"a",
+                                  "1", nullptr, nullptr);
     // "nopadding" counts only as the very first element.
     attrlist* np = attr_new("nopadding", nullptr);
     np->next = al;
     al = np;
-    std::string out = capture([](FILE* fp, void* a) { attrlist_print(fp, static_cast<attrlist*>(a)); }, al);
+    std::string out =
+        capture([](FILE* fp, void* a) { attrlist_print(fp, static_cast<attrlist*>(a)); }, al);
     EXPECT_EQ(out, "a: 1;\nVMR_ENCRYPTION_PHRASES: *******;\n");
     attrlist_free(al);
 }

@@ -111,7 +111,7 @@ TEST_F(CluFixture, LcBackEndFindsLocalVirtualHostsAndPathOwners) {
     EXPECT_EQ(Clu_cluster_type, 2);
     EXPECT_EQ(clu_is_cluster_host(), 1);
     EXPECT_EQ(clu_is_localvirthost("vip.example.test"), 1);
-    EXPECT_EQ(clu_is_localvirthost("VIP"), 1);   // short form of the qualified name
+    EXPECT_EQ(clu_is_localvirthost("VIP"), 1);  // short form of the qualified name
     EXPECT_EQ(clu_is_localvirthost("far.example.test"), 0);
     EXPECT_EQ(clu_is_localvirthost(""), 0);
     char* first = clu_get_local_vhost_list(1);
@@ -131,7 +131,7 @@ TEST_F(CluFixture, LcCacheFileServesLaterProbes) {
     clu_init();
     ASSERT_EQ(access(cache.c_str(), R_OK), 0);
     unlink(marker.c_str());
-    script(kcmap, "exit 1\n");   // a broken tool: the cache still answers
+    script(kcmap, "exit 1\n");  // a broken tool: the cache still answers
     clu_reset_for_test();
     clu_init();
     EXPECT_FALSE(tool_ran());
@@ -151,11 +151,13 @@ TEST_F(CluFixture, NativeBackEndNeedsItsConfFileAndReadsPackages) {
     gethostname(node, sizeof node);
     std::string n = node;
     n = n.substr(0, n.find('.'));
-    script(bin + "/cmviewcl",
-           "if [ \"$2\" = node ]; then echo 'NODE STATUS STATE'; echo '" + n + " up running'; exit 0; fi\n"
-           "echo 'PACKAGE STATUS STATE AUTO_RUN NODE'\n"
-           "echo 'pkgA up running enabled " + n + "'\n"
-           "echo 'pkgB up running enabled othernode'\n");
+    script(bin + "/cmviewcl", "if [ \"$2\" = node ]; then echo 'NODE STATUS STATE'; echo '" + n +
+                                  " up running'; exit 0; fi\n"
+                                  "echo 'PACKAGE STATUS STATE AUTO_RUN NODE'\n"
+                                  "echo 'pkgA up running enabled " +
+                                  n +
+                                  "'\n"
+                                  "echo 'pkgB up running enabled othernode'\n");
     mkdir((conf + "/pkgA").c_str(), 0755);
     write(conf + "/pkgA/pkgA.conf", "ip_address 127.0.3.1\nfs_directory /data/a\n");
     write(mtab, "/dev/sda1 /data/a ext4 rw 0 0\n");
@@ -199,20 +201,20 @@ TEST_F(CluFixture, PathListNormalizesDropsRepeatsAndPicksTheLongestOwner) {
     EXPECT_STREQ(clu_pathl_normalize("//a/./b/../c/", out, sizeof out), "/a/c");
     EXPECT_STREQ(clu_pathl_normalize("/../..", out, sizeof out), "/");
     EXPECT_STREQ(clu_pathl_normalize("/a/b", out, 5), "/a/b");
-    EXPECT_EQ(clu_pathl_normalize("/a/bc", out, 5), nullptr);   // no room for the terminator
+    EXPECT_EQ(clu_pathl_normalize("/a/bc", out, 5), nullptr);  // no room for the terminator
     EXPECT_EQ(clu_pathl_normalize("rel/x", out, sizeof out), nullptr);
     EXPECT_EQ(clu_pathl_normalize("", out, sizeof out), nullptr);
 
     clu_pathl_addpath("/srv", "h2");
     clu_pathl_addpath("/srv//x/", "h1");
-    clu_pathl_addpath("/srv/x", "h1");   // the same pair once normalized
+    clu_pathl_addpath("/srv/x", "h1");  // the same pair once normalized
     clu_pathl_addpath("relative", "h3");
     EXPECT_EQ(clu_pathl_finalize(), 2);
     char host[64];
     EXPECT_STREQ(clu_pathl_gethost("/srv/x/y", host, sizeof host), "h1");
     EXPECT_EQ(clu_pathl_hostpath_match("h1", "/srv/x/y"), 1);
     EXPECT_EQ(clu_pathl_hostpath_match("H1.example.test", "/srv/x"), 1);
-    EXPECT_EQ(clu_pathl_hostpath_match("h2", "/srv/x/y"), 0);   // a longer prefix is h1's
+    EXPECT_EQ(clu_pathl_hostpath_match("h2", "/srv/x/y"), 0);  // a longer prefix is h1's
     EXPECT_EQ(clu_pathl_hostpath_match("h2", "/srv/xy"), 1);
     EXPECT_EQ(clu_pathl_hostpath_match("h3", "relative"), 0);
     EXPECT_EQ(clu_pathl_hostpath_match("h2", "/home"), 0);
@@ -238,7 +240,7 @@ TEST_F(CluFixture, LcClusterFactsMountsAndVirtualHostPaths) {
     EXPECT_STREQ(m->mnt_dir, "/srv/vip/deep/m");
     EXPECT_STREQ(m->mnt_fsname, "/dev/a");
     EXPECT_STREQ(m->mnt_vhost, "vip.example.test");
-    m = clu_get_vhost_mntent(&pos);   // /home belongs to no virtual host
+    m = clu_get_vhost_mntent(&pos);  // /home belongs to no virtual host
     ASSERT_NE(m, nullptr);
     EXPECT_STREQ(m->mnt_dir, "/srv/shared");
     EXPECT_STREQ(m->mnt_type, "gfs2");
@@ -249,14 +251,16 @@ TEST_F(CluFixture, LcClusterFactsMountsAndVirtualHostPaths) {
 
     EXPECT_EQ(clu_has_cfs(), 1);
     write(mtab, "/dev/c /home gfs2 rw 0 0\n/dev/a /srv/vip ext4 rw 0 0\n");
-    EXPECT_EQ(clu_has_cfs(), 0);   // a shared type outside the cluster's paths doesn't count
+    EXPECT_EQ(clu_has_cfs(), 0);  // a shared type outside the cluster's paths doesn't count
 
     // Only the virtual host active here brings its paths; twice adds nothing.
     EXPECT_EQ(clu_pathl_addvirthosts(), 2);
     EXPECT_EQ(clu_pathl_addvirthosts(), 0);
     EXPECT_EQ(clu_pathl_hostpath_match("vip", "/srv/vip/deep/f"), 1);
-    write(mtab, "/dev/a /srv/vip ext4 rw 0 0\n/dev/b /srv/vip/deep/m ext4 rw 0 0\n/dev/c /home ext4 rw 0 0\n");
-    EXPECT_EQ(clu_pathl_getmounts(), 1);   // /srv/vip is already listed, /home is nobody's
+    write(mtab,
+          "/dev/a /srv/vip ext4 rw 0 0\n/dev/b /srv/vip/deep/m ext4 rw 0 0\n/dev/c /home ext4 rw 0 "
+          "0\n");
+    EXPECT_EQ(clu_pathl_getmounts(), 1);  // /srv/vip is already listed, /home is nobody's
     char host[64];
     EXPECT_STREQ(clu_pathl_gethost("/srv/vip/deep/m/f", host, sizeof host), "vip.example.test");
     EXPECT_EQ(clu_pathl_getmounts(), 0);
@@ -273,7 +277,7 @@ TEST_F(CluFixture, LcClusterFactsMountsAndVirtualHostPaths) {
 TEST(CluMatch, ShortNameEqualsQualifiedName) {
     EXPECT_EQ(clu_hosts_matchbyname("vm", "vm.example.test", nullptr), 1);
     EXPECT_EQ(clu_hosts_matchbyname("VM.example.test", "vm", nullptr), 1);
-    EXPECT_EQ(clu_hosts_matchbyname("vm.a.test", "vm.b.test", nullptr), 0);   // both qualified
+    EXPECT_EQ(clu_hosts_matchbyname("vm.a.test", "vm.b.test", nullptr), 0);  // both qualified
     EXPECT_EQ(clu_hosts_matchbyname("vm", "vmx.example.test", nullptr), 0);
     EXPECT_EQ(clu_hosts_matchbyname("", "", nullptr), 0);
     EXPECT_EQ(clu_hosts_matchbyname(nullptr, nullptr, nullptr), 0);

@@ -13,7 +13,9 @@
 namespace {
 
 kv_time64_t g_now = 1000000;
-kv_time64_t fake_clock() { return g_now; }
+kv_time64_t fake_clock() {
+    return g_now;
+}
 
 class HostCache : public ::testing::Test {
 protected:
@@ -67,11 +69,11 @@ TEST_F(HostCache, ShortAndFullNameOfThisMachineAreOneHost) {
 
 TEST_F(HostCache, OtherHostsGroupByMachine) {
     EXPECT_EQ(samehost("db", "dbalias"), 1);
-    EXPECT_EQ(samehost("db.example.test", "127.0.2.11"), 1);   // second address of db
+    EXPECT_EQ(samehost("db.example.test", "127.0.2.11"), 1);  // second address of db
     EXPECT_EQ(samehost("db", "web"), 0);
     EXPECT_EQ(samehost("db", "nosuch"), 0);
     EXPECT_EQ(samehost("nosuch", "nosuch.too"), 0);
-    EXPECT_EQ(samehost("Same", "sAME"), 1);   // equal names need no lookup
+    EXPECT_EQ(samehost("Same", "sAME"), 1);  // equal names need no lookup
     EXPECT_EQ(samehost(nullptr, nullptr), 1);
     const char* p = "x";
     EXPECT_EQ(samehost(p, p), 1);
@@ -131,7 +133,7 @@ TEST_F(HostCache, DebugFlushForgetsAnswers) {
     kv_host_request_flush(1);
     EXPECT_EQ(sameclient("c1", "C1"), 1);
     char* p = get_primaryclientname("c1");
-    EXPECT_STREQ(p, "c1");   // level 1 keeps the clients
+    EXPECT_STREQ(p, "c1");  // level 1 keeps the clients
     free(p);
     kv_host_request_flush(9);
     EXPECT_EQ(get_primaryclientname("c1"), nullptr);
@@ -144,7 +146,7 @@ TEST_F(HostCache, ClientListMatchesOnlyConfiguredNames) {
     EXPECT_EQ(sameclient("10.0.0.1", "c1-backup"), 1);
     EXPECT_EQ(sameclient("client1", "other"), 0);
     EXPECT_EQ(sameclient(nullptr, nullptr), 0);
-    EXPECT_EQ(fake_resolver::total_gai(), 0);   // no DNS for clients
+    EXPECT_EQ(fake_resolver::total_gai(), 0);  // no DNS for clients
     char* p = get_primaryclientname("c1-backup");
     EXPECT_STREQ(p, "client1");
     free(p);
@@ -174,9 +176,11 @@ TEST_F(HostCache, PrintNamesEveryEntryWithItsStatus) {
     std::string out(data, size);
     free(data);
     EXPECT_EQ(out.find("DNS cache:\n"), 0u);
-    EXPECT_NE(out.find("host: nosuch, status: STATUS_UNKNOWN_HOST, head: nosuch\n"), std::string::npos);
+    EXPECT_NE(out.find("host: nosuch, status: STATUS_UNKNOWN_HOST, head: nosuch\n"),
+              std::string::npos);
     EXPECT_NE(out.find("host: vm, status: STATUS_OK, head: vm.example.test\n"), std::string::npos);
-    EXPECT_NE(out.find("Clients cache:\nhost: cl, status: STATUS_OK, head: cl\n"), std::string::npos);
+    EXPECT_NE(out.find("Clients cache:\nhost: cl, status: STATUS_OK, head: cl\n"),
+              std::string::npos);
 }
 
 TEST_F(HostCache, AddrinfoCachesSuccessAndFailure) {
@@ -188,8 +192,9 @@ TEST_F(HostCache, AddrinfoCachesSuccessAndFailure) {
     ASSERT_EQ(kv_getaddrinfo("db.example.test", "80", &hints, &res), 0);
     ASSERT_NE(res, nullptr);
     EXPECT_STREQ(res->ai_canonname, "db.example.test");
-    EXPECT_NE(res->ai_next, nullptr);   // both addresses
-    EXPECT_EQ(ntohs(reinterpret_cast<sockaddr_in*>(res->ai_addr)->sin_port), 0);   // the fake sets none
+    EXPECT_NE(res->ai_next, nullptr);  // both addresses
+    EXPECT_EQ(ntohs(reinterpret_cast<sockaddr_in*>(res->ai_addr)->sin_port),
+              0);  // the fake sets none
     kv_freeaddrinfo(res);
     ASSERT_EQ(kv_getaddrinfo("db.example.test", "80", &hints, &res), 0);
     kv_freeaddrinfo(res);
@@ -226,11 +231,13 @@ TEST_F(HostCache, NameinfoIsCached) {
     inet_pton(AF_INET, "127.0.2.20", &sa.sin_addr);
     char node[256];
     int before = fake_resolver::gni_calls().load();
-    ASSERT_EQ(kv_getnameinfo(reinterpret_cast<sockaddr*>(&sa), sizeof sa, node, sizeof node, nullptr, 0,
-                             NI_NAMEREQD), 0);
+    ASSERT_EQ(kv_getnameinfo(reinterpret_cast<sockaddr*>(&sa), sizeof sa, node, sizeof node,
+                             nullptr, 0, NI_NAMEREQD),
+              0);
     EXPECT_STREQ(node, "web.example.test");
-    ASSERT_EQ(kv_getnameinfo(reinterpret_cast<sockaddr*>(&sa), sizeof sa, node, sizeof node, nullptr, 0,
-                             NI_NAMEREQD), 0);
+    ASSERT_EQ(kv_getnameinfo(reinterpret_cast<sockaddr*>(&sa), sizeof sa, node, sizeof node,
+                             nullptr, 0, NI_NAMEREQD),
+              0);
     EXPECT_EQ(fake_resolver::gni_calls().load(), before + 1);
 }
 
@@ -255,8 +262,9 @@ TEST(HostSystemResolver, LoopbackResolvesAndReverses) {
     sa.sin_family = AF_INET;
     sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     char node[256];
-    ASSERT_EQ(kv_getnameinfo(reinterpret_cast<sockaddr*>(&sa), sizeof sa, node, sizeof node, nullptr, 0,
-                             NI_NUMERICHOST), 0);
+    ASSERT_EQ(kv_getnameinfo(reinterpret_cast<sockaddr*>(&sa), sizeof sa, node, sizeof node,
+                             nullptr, 0, NI_NUMERICHOST),
+              0);
     EXPECT_STREQ(node, "127.0.0.1");
     char name[256];
     EXPECT_EQ(kv_gethostname(name, sizeof name), 0);

@@ -71,7 +71,8 @@ TEST(MsgFree, ReleasesStringsMarksSlotFreeAndIsSafeTwice) {
 }
 
 TEST(ErrDup2, CopySurvivesFreeOfSourceAndRingReuse) {
-    errinfo* src = msg_create(7, 35021, "Attribute '%s' too long [%d]", ARG_ATTRNAME, "NAME", ARG_INT, "63");
+    errinfo* src =
+        msg_create(7, 35021, "Attribute '%s' too long [%d]", ARG_ATTRNAME, "NAME", ARG_INT, "63");
     errinfo copy;
     memset(&copy, 0, sizeof(copy));
     err_dup2(src, &copy);
@@ -82,7 +83,8 @@ TEST(ErrDup2, CopySurvivesFreeOfSourceAndRingReuse) {
     EXPECT_EQ(copy.MsgId, 7);
     ASSERT_EQ(copy.argcount, 2);
     EXPECT_STREQ(copy.arglist[0]->arg, "NAME");
-    EXPECT_STREQ(render_structext(nullptr, errinfo_structext(&copy)), "Attribute 'NAME' too long [63]");
+    EXPECT_STREQ(render_structext(nullptr, errinfo_structext(&copy)),
+                 "Attribute 'NAME' too long [63]");
     msg_free(&copy);
 }
 
@@ -109,14 +111,16 @@ TEST(ErrDup, RestoreCopiesIntoTheRingAndFreesTheSource) {
 
 TEST(MsgCreate, NestedErrinfoBecomesAnStbufAndRendersRecursively) {
     errinfo* inner = msg_create(5, 0, "disk %s failed", ARG_PATH, "/dev/sda");
-    errinfo* outer = msg_create(6, 0, "backup stopped: %s", ARG_NESTED_ERRINFO, reinterpret_cast<char*>(inner));
+    errinfo* outer =
+        msg_create(6, 0, "backup stopped: %s", ARG_NESTED_ERRINFO, reinterpret_cast<char*>(inner));
     ASSERT_EQ(outer->argcount, 1);
     EXPECT_EQ(outer->arglist[0]->argdesc, ARG_NESTED_STBUF);
     EXPECT_STREQ(outer->arglist[0]->arg, "5 14 disk %s failed 1 23 8 /dev/sda");
     EXPECT_STREQ(outer->errstr, "backup stopped: disk /dev/sda failed");
     // The nested text no longer depends on the inner record.
     msg_free(inner);
-    EXPECT_STREQ(render_structext(nullptr, errinfo_structext(outer)), "backup stopped: disk /dev/sda failed");
+    EXPECT_STREQ(render_structext(nullptr, errinfo_structext(outer)),
+                 "backup stopped: disk /dev/sda failed");
 }
 
 TEST(MsgCreate, NullArgumentBecomesTheWordNull) {
@@ -125,7 +129,8 @@ TEST(MsgCreate, NullArgumentBecomesTheWordNull) {
     std::string err = testing::internal::GetCapturedStderr();
     EXPECT_STREQ(e->errstr, "value null");
     EXPECT_EQ(e->arglist[0]->argdesc, ARG_TEXT);
-    EXPECT_NE(err.find("passing null into one of the msg creation calls with msg id 77"), std::string::npos);
+    EXPECT_NE(err.find("passing null into one of the msg creation calls with msg id 77"),
+              std::string::npos);
 }
 
 TEST(MsgCreate, ArgumentTextIsNeverAFormat) {
@@ -134,9 +139,9 @@ TEST(MsgCreate, ArgumentTextIsNeverAFormat) {
 }
 
 TEST(MsgCreate, ErrorCodeGetsTheTypesDefaultSeverity) {
-    EXPECT_EQ(msg_create(0, 10000 + 5, "x")->errnum, 15005);   // errno 5: critical
-    EXPECT_EQ(msg_create(0, 10000 + 4, "x")->errnum, 13004);   // EINTR: error
-    EXPECT_EQ(msg_create(0, 12005, "x")->errnum, 12005);       // given severity kept
+    EXPECT_EQ(msg_create(0, 10000 + 5, "x")->errnum, 15005);  // errno 5: critical
+    EXPECT_EQ(msg_create(0, 10000 + 4, "x")->errnum, 13004);  // EINTR: error
+    EXPECT_EQ(msg_create(0, 12005, "x")->errnum, 12005);      // given severity kept
     EXPECT_EQ(msg_create(0, -10001, "x")->errnum, -10001);
 }
 
@@ -158,7 +163,7 @@ TEST(LiteralPool, BufferLastsThrough199UsesAcrossThreads) {
             for (int i = 0; i < 66; ++i) inttostr(i);
         });
     for (auto& t : ts) t.join();
-    EXPECT_STREQ(mine, "4242");   // 198 uses since
+    EXPECT_STREQ(mine, "4242");    // 198 uses since
     EXPECT_NE(inttostr(1), mine);  // 199th
     EXPECT_EQ(inttostr(2), mine);  // 200th: the ring came round
 }

@@ -85,7 +85,7 @@ TEST(ErrSetall, FillsThePerThreadRecordWithoutAMessage) {
 
 TEST(ErrAccrue, CollectsNewestFirstOnceSwitchedOn) {
     EXPECT_EQ(err_accrue("ignored while off"), nullptr);
-    EXPECT_EQ(blow_err(1), nullptr);   // switches it on; nothing collected yet
+    EXPECT_EQ(blow_err(1), nullptr);  // switches it on; nothing collected yet
     err_accrue("first");
     err_accrue("second");
     errinfo* e = blow_err(1);
@@ -94,7 +94,7 @@ TEST(ErrAccrue, CollectsNewestFirstOnceSwitchedOn) {
     EXPECT_EQ(e->errnum, -10001);
     EXPECT_EQ(blow_err(1), nullptr);
     std::string huge(20000, 'h');
-    err_accrue(huge.c_str());   // dropped
+    err_accrue(huge.c_str());  // dropped
     EXPECT_EQ(blow_err(1), nullptr);
 }
 

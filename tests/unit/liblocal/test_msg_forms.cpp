@@ -18,7 +18,8 @@ std::string take(char* s) {
 }
 
 structext* sample() {
-    return msg_structext_create(4321, "copy %s to %s: %d\n", ARG_PATH, "/a b/c", ARG_HOSTNAME, "h1", ARG_INT, "-5");
+    return msg_structext_create(4321, "copy %s to %s: %d\n", ARG_PATH, "/a b/c", ARG_HOSTNAME, "h1",
+                                ARG_INT, "-5");
 }
 
 void expect_same(const structext* a, const structext* b) {
@@ -54,16 +55,16 @@ TEST(Stbuf, RawBytesAndNoArguments) {
 TEST(Stbuf, MalformedGivesNull) {
     const char* bad[] = {
         "",
-        "x 5 hello",                 // first token not a number
-        "1 6 hello",                 // form shorter than its length
-        "1 5 helloX",                // byte after the form neither NUL nor blank
+        "x 5 hello",   // first token not a number
+        "1 6 hello",   // form shorter than its length
+        "1 5 helloX",  // byte after the form neither NUL nor blank
         "1 -5 hello",
-        "1 2 %s 1 0 9 abc",          // argument shorter than its length
-        "1 2 %s 2 0 1 a",            // second argument missing
-        "1 2 %s 1 0 1 a trailing",   // junk after the last argument
-        "1 2 %s 1 x 1 a",            // kind not a number
-        "1 2 %s 99999999 0 1 a",     // count larger than the text could hold
-        "99999999999 1 a",           // number out of range
+        "1 2 %s 1 0 9 abc",         // argument shorter than its length
+        "1 2 %s 2 0 1 a",           // second argument missing
+        "1 2 %s 1 0 1 a trailing",  // junk after the last argument
+        "1 2 %s 1 x 1 a",           // kind not a number
+        "1 2 %s 99999999 0 1 a",    // count larger than the text could hold
+        "99999999999 1 a",          // number out of range
     };
     // A failed parse takes no ring record: one made before outlives many
     // more failures than the ring holds.
@@ -93,7 +94,7 @@ TEST(Stbuf, LongArgumentStoredAs2047Bytes) {
     structext* back = msg_stbuf_to_structext(take(msg_structext_to_stbuf(st)).c_str());
     ASSERT_NE(back, nullptr);
     EXPECT_EQ(strlen(back->arglist[0]->arg), 2047u);
-    EXPECT_EQ(strlen(st->arglist[0]->arg), 3000u);   // the source is untouched
+    EXPECT_EQ(strlen(st->arglist[0]->arg), 3000u);  // the source is untouched
 }
 
 TEST(Stbuf, ParsedKind52IsTextNotAPointer) {
@@ -106,7 +107,8 @@ TEST(Stbuf, CreationHelpers) {
     EXPECT_EQ(take(msg_stbuf_create(8, "n=%d", ARG_INT, "3")), "8 4 n=%d 1 1 1 3");
     EXPECT_EQ(take(msg_string_to_stbuf(const_cast<char*>("plain text"))), "0 10 plain text");
     std::string big(3000, 'z');
-    EXPECT_EQ(take(msg_string_to_stbuf(const_cast<char*>(big.c_str()))), "0 2047 " + std::string(2047, 'z'));
+    EXPECT_EQ(take(msg_string_to_stbuf(const_cast<char*>(big.c_str()))),
+              "0 2047 " + std::string(2047, 'z'));
     EXPECT_EQ(take(msg_idlit_to_stbuf(const_cast<char*>("512:Disk full"))), "512 9 Disk full");
     EXPECT_EQ(msg_idlit_to_stbuf(const_cast<char*>("no colon")), nullptr);
     structext* s = msg_string_to_structext("50% of %s");
@@ -127,8 +129,9 @@ TEST(Stbuf, PopulateOverflowGivesAParsableSubstitute) {
 TEST(Xml, LayoutRoundTripAndEntities) {
     structext* st = msg_structext_create(3, "a<b> & \"%s\"", ARG_TEXT, "it's <x>&amp;");
     std::string x = take(msg_structext_to_xml(st));
-    EXPECT_EQ(x, "<MSG id=\"3\" form=\"a&lt;b&gt; &amp; &quot;%s&quot;\" argcount=\"1\"> <MSGARGS> "
-                 "<MSGARG arg=\"it&apos;s &lt;x&gt;&amp;amp;\" argdesc=\"0\"/> </MSGARGS> </MSG>");
+    EXPECT_EQ(x,
+              "<MSG id=\"3\" form=\"a&lt;b&gt; &amp; &quot;%s&quot;\" argcount=\"1\"> <MSGARGS> "
+              "<MSGARG arg=\"it&apos;s &lt;x&gt;&amp;amp;\" argdesc=\"0\"/> </MSGARGS> </MSG>");
     EXPECT_TRUE(is_structext_xml(x.c_str()));
     expect_same(st, msg_xml_to_structext(x.c_str()));
     structext* empty = msg_structext_create(0, "none");
@@ -137,7 +140,7 @@ TEST(Xml, LayoutRoundTripAndEntities) {
 
 TEST(Xml, MalformedGivesNull) {
     const char* bad[] = {
-        "<MSG id=\"1\" form=\"x\" argcount=\"1\"> <MSGARGS> </MSGARGS> </MSG>",   // count mismatch
+        "<MSG id=\"1\" form=\"x\" argcount=\"1\"> <MSGARGS> </MSGARGS> </MSG>",  // count mismatch
         "<MSG id=\"x\" form=\"x\"> </MSG>",
         "<MSG form=\"x\"> </MSG>",
         "<MSG id=\"1\" form=\"x> </MSG>",

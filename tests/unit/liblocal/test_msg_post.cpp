@@ -82,7 +82,7 @@ TEST_F(Post, HookGetsTheRecordWithSeverityFromAShortErrnum) {
     ASSERT_EQ(g_hooked.size(), 3u);
     EXPECT_EQ(g_hooked[0].errnum, 3000);
     EXPECT_EQ(g_hooked[1].errnum, 15000 + EIO);
-    EXPECT_EQ(g_hooked[2].errnum, 15000 + EIO);   // errno defaults to critical
+    EXPECT_EQ(g_hooked[2].errnum, 15000 + EIO);  // errno defaults to critical
     // Console-only posts never reach the hook.
     CaptureStderr();
     msg_print(4, 0, MSG_DEST_STDERR, "console\n");
@@ -96,8 +96,8 @@ TEST_F(Post, LogLineLayoutAndRenderedFormRoundTrip) {
     msg_printbuf(e, buf, sizeof(buf), nullptr, 0);
     char expect_head[512];
     snprintf(expect_head, sizeof(expect_head), "42 %lu 3 2 5 %u %d %d %s %s RPC error ",
-             static_cast<unsigned long>(e->timestamp), static_cast<unsigned>(e->threadID), e->processID,
-             e->activityID, e->hostName, prog_.c_str());
+             static_cast<unsigned long>(e->timestamp), static_cast<unsigned>(e->threadID),
+             e->processID, e->activityID, e->hostName, prog_.c_str());
     std::string line = buf;
     ASSERT_EQ(line.compare(0, strlen(expect_head), expect_head), 0) << line;
     EXPECT_EQ(line.substr(strlen(expect_head)), "16 two\\nlines %s|%s 2 0 2 ab 23 3 p q\n");
@@ -158,7 +158,8 @@ TEST_F(LogFile, LinesOfSeveralProcessesStayWhole) {
         if (pid == 0) {
             // Longer than a stdio buffer, so each line takes several writes.
             std::string body(6000, static_cast<char>('a' + p));
-            for (int i = 0; i < kLines; ++i) msg_post(MSG_DEST_CUSTLOG, msg_create(100 + p, 0, "%s", ARG_PATH, body.c_str()));
+            for (int i = 0; i < kLines; ++i)
+                msg_post(MSG_DEST_CUSTLOG, msg_create(100 + p, 0, "%s", ARG_PATH, body.c_str()));
             _exit(0);
         }
         kids.push_back(pid);

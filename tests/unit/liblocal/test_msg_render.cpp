@@ -22,13 +22,15 @@ std::string sprint(const char* fmt, ...) {
 }
 
 TEST(Render, PositionalArgumentsReorder) {
-    EXPECT_STREQ(render_string(0, nullptr, "%2$s then %1$s", ARG_TEXT, "a", ARG_TEXT, "b"), "b then a");
+    EXPECT_STREQ(render_string(0, nullptr, "%2$s then %1$s", ARG_TEXT, "a", ARG_TEXT, "b"),
+                 "b then a");
     EXPECT_STREQ(render_string(0, nullptr, "%2$d/%1$s/%2$d", ARG_TEXT, "x", ARG_INT, "7"), "7/x/7");
     EXPECT_EQ(sprint("%2$s-%1$d", 5, "five"), "five-5");
 }
 
 TEST(Render, PrecisionCountsColumnsAndNeverSplitsACharacter) {
-    const char* wide = "\xe6\xbc\xa2\xe5\xad\x97\xe6\xbc\xa2\xe5\xad\x97\xe6\xbc\xa2\xe5\xad\x97";  // 6 wide
+    const char* wide =
+        "\xe6\xbc\xa2\xe5\xad\x97\xe6\xbc\xa2\xe5\xad\x97\xe6\xbc\xa2\xe5\xad\x97";  // 6 wide
     // 10 columns: five wide characters; 9 columns: only four fit.
     EXPECT_EQ(std::string(render_string(0, nullptr, "[%.10s]", ARG_TEXT, wide)),
               "[" + std::string(wide, 15) + "]");
@@ -47,14 +49,17 @@ TEST(Render, WidthCountsColumns) {
 }
 
 TEST(Render, NullTextPrintsNullMarker) {
-    EXPECT_EQ(sprint("%s|%5s", static_cast<char*>(nullptr), static_cast<char*>(nullptr)), "<null>|<null>");
+    EXPECT_EQ(sprint("%s|%5s", static_cast<char*>(nullptr), static_cast<char*>(nullptr)),
+              "<null>|<null>");
 }
 
 TEST(Render, NumbersFromText) {
-    EXPECT_STREQ(render_string(0, nullptr, "%d %u %x %05.1f %c %e", ARG_INT, "-3", ARG_UINT, "4000000000",
-                               ARG_INT, "255", ARG_TEXT, "2.25", ARG_CHAR, "zed", ARG_TEXT, "1e3"),
-                 "-3 4000000000 ff 002.2 z 1.000000e+03");
-    EXPECT_STREQ(render_string(0, nullptr, "%ld %lu", ARG_INT, "-9000000000", ARG_ULONG, "18446744073709551615"),
+    EXPECT_STREQ(
+        render_string(0, nullptr, "%d %u %x %05.1f %c %e", ARG_INT, "-3", ARG_UINT, "4000000000",
+                      ARG_INT, "255", ARG_TEXT, "2.25", ARG_CHAR, "zed", ARG_TEXT, "1e3"),
+        "-3 4000000000 ff 002.2 z 1.000000e+03");
+    EXPECT_STREQ(render_string(0, nullptr, "%ld %lu", ARG_INT, "-9000000000", ARG_ULONG,
+                               "18446744073709551615"),
                  "-9000000000 18446744073709551615");
     EXPECT_STREQ(render_string(0, nullptr, "%d", ARG_INT, "garbage"), "0");
 }
@@ -62,7 +67,8 @@ TEST(Render, NumbersFromText) {
 TEST(Render, FormatFromDataCannotWriteOrRead) {
     // A stored form is data: %n and letters the renderer cannot make from
     // text abort the rendering instead of reaching memory.
-    EXPECT_STREQ(render_stbuf(nullptr, "0 4 a%nb 1 0 1 x"), "\nFormat string a%nb cannot be rendered correctly\n");
+    EXPECT_STREQ(render_stbuf(nullptr, "0 4 a%nb 1 0 1 x"),
+                 "\nFormat string a%nb cannot be rendered correctly\n");
     EXPECT_STREQ(render_string(0, nullptr, "%s %q", ARG_TEXT, "a", ARG_TEXT, "b"),
                  "\nFormat string %s %q cannot be rendered correctly\n");
     // More conversions than arguments: the missing ones are empty, not garbage.
@@ -79,7 +85,8 @@ TEST(Render, ArgumentlessFormatIsCopiedUnchanged) {
 }
 
 TEST(Render, PositionsBeyondTheTableAbort) {
-    EXPECT_STREQ(render_stbuf(nullptr, "0 6 %255$s 1 0 1 x"), "\nFormat string %255$s cannot be rendered correctly\n");
+    EXPECT_STREQ(render_stbuf(nullptr, "0 6 %255$s 1 0 1 x"),
+                 "\nFormat string %255$s cannot be rendered correctly\n");
 }
 
 TEST(Render, NullFormGivesNull) {
@@ -87,8 +94,10 @@ TEST(Render, NullFormGivesNull) {
 }
 
 TEST(Render, LiteralByIdIsResolved) {
-    EXPECT_STREQ(render_string(0, nullptr, "<%s>", ARG_LITERAL_ID, "71005:Timed out"), "<Timed out>");
-    EXPECT_STREQ(render_string(0, nullptr, "<%s>", ARG_TEXT, "71005:Timed out"), "<71005:Timed out>");
+    EXPECT_STREQ(render_string(0, nullptr, "<%s>", ARG_LITERAL_ID, "71005:Timed out"),
+                 "<Timed out>");
+    EXPECT_STREQ(render_string(0, nullptr, "<%s>", ARG_TEXT, "71005:Timed out"),
+                 "<71005:Timed out>");
     EXPECT_STREQ(render_string(0, nullptr, "<%s>", ARG_LITERAL_ID, "Note: x"), "<Note: x>");
 }
 
@@ -96,7 +105,7 @@ TEST(Render, NestedStbufDeeplyNestedStaysBounded) {
     std::string sb = "0 2 %s 1 0 4 leaf";
     for (int i = 0; i < 40; ++i) sb = "0 2 %s 1 49 " + std::to_string(sb.size()) + " " + sb;
     const char* r = render_stbuf(nullptr, sb.c_str());
-    EXPECT_NE(r, nullptr);   // bounded depth: no crash, some text
+    EXPECT_NE(r, nullptr);  // bounded depth: no crash, some text
 }
 
 TEST(Render, FixedBufferTruncatesAtAWholeConversion) {
@@ -134,9 +143,9 @@ TEST(PrintfFamily, I18nSnprintfFixedBufferAndTypes) {
     i18n_snprintf(b, sizeof(b), nullptr, "%s", static_cast<char*>(nullptr));
     EXPECT_STREQ(b, "<null>");
     i18n_snprintf(b, sizeof(b), nullptr, "abc%s", "defghij");
-    EXPECT_STREQ(b, "abc");   // the conversion does not fit: output ends before it
-    EXPECT_EQ(sprint("%lld %hhu %zu %5.2f %Lf %c %lc %%", -1LL, 300, static_cast<size_t>(9), 3.14159,
-                     static_cast<long double>(1.5), 'x', static_cast<wint_t>(0x00e9)),
+    EXPECT_STREQ(b, "abc");  // the conversion does not fit: output ends before it
+    EXPECT_EQ(sprint("%lld %hhu %zu %5.2f %Lf %c %lc %%", -1LL, 300, static_cast<size_t>(9),
+                     3.14159, static_cast<long double>(1.5), 'x', static_cast<wint_t>(0x00e9)),
               "-1 44 9  3.14 1.500000 x \xc3\xa9 %");
     EXPECT_EQ(sprint("%u %x", -1, 255u), "4294967295 ff");
     EXPECT_EQ(sprint("%ls", L"\u00e9t\u00e9"), "\xc3\xa9t\xc3\xa9");

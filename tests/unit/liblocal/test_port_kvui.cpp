@@ -75,14 +75,14 @@ TEST(PortKvui, CreateLaysOutFiveNetworkOrderWords) {
     kvui_create(&u, KVUI_MERLODE, 777);
     EXPECT_EQ(10u, word(u, 0));
     EXPECT_EQ(777u, word(u, 1));
-    EXPECT_NE(0u, word(u, 2));   // the time
+    EXPECT_NE(0u, word(u, 2));  // the time
     EXPECT_EQ(KVUI_MERLODE, kvui_get_idtype(&u));
     EXPECT_EQ(777u, kvui_get_private(&u));
     // The counter in the top half of ctime_hi tells two ids of one second apart.
     kvui_t v;
     kvui_create(&v, KVUI_MERLODE, 777);
     EXPECT_NE(0, kvui_cmp(&u, &v));
-    EXPECT_EQ(word(u, 3) & 0xFFFFu, word(v, 3) & 0xFFFFu);   // same hardware address
+    EXPECT_EQ(word(u, 3) & 0xFFFFu, word(v, 3) & 0xFFFFu);  // same hardware address
     EXPECT_EQ(word(u, 4), word(v, 4));
 
     kvui_create(&u, KVUI_SHORTID, 99);

@@ -21,7 +21,7 @@
 namespace {
 std::atomic<int> g_sleeps{0};
 std::atomic<uint32_t> g_slept_ms{0};
-std::vector<uint32_t> g_sleep_log;   // written only from one thread per test
+std::vector<uint32_t> g_sleep_log;  // written only from one thread per test
 
 KVError count_sleep(uint32_t ms) {
     ++g_sleeps;
@@ -138,7 +138,7 @@ TEST_F(PortLock, OtherProcessIsRefusedAfterFourTriesWithOneSecondWaits) {
         if (g_sleeps != 0) return 13;
         if (kv_lockfile(fd2, KV_LOCK_SHARED) != -1) return 14;
         if (g_sleep_log != std::vector<uint32_t>{1000, 1000, 1000}) return 15;
-        if (kv_lockfile_users(fd2) != 0) return 16;   // in-process layer released
+        if (kv_lockfile_users(fd2) != 0) return 16;  // in-process layer released
         return 0;
     });
     EXPECT_EQ(0, st);

@@ -118,10 +118,10 @@ TEST(PortCommandString, BufferMustHoldTheWholeLine) {
     char** a = const_cast<char**>(args);
     char buf[16];
     memset(buf, 'x', sizeof(buf));
-    EXPECT_EQ(nullptr, command_string(a, 0, buf, 4));   // needs 5 with the NUL
+    EXPECT_EQ(nullptr, command_string(a, 0, buf, 4));  // needs 5 with the NUL
     EXPECT_EQ(buf, command_string(a, 0, buf, 5));
     EXPECT_STREQ("ab c", buf);
-    EXPECT_EQ(nullptr, command_string(a, 1, buf, 8));   // "\"ab\" \"c\"" is 8 + NUL
+    EXPECT_EQ(nullptr, command_string(a, 1, buf, 8));  // "\"ab\" \"c\"" is 8 + NUL
     EXPECT_EQ(buf, command_string(a, 1, buf, 9));
     EXPECT_EQ(buf, command_string(nullptr, 1, buf, 1));
     EXPECT_STREQ("", buf);

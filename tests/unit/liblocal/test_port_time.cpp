@@ -35,7 +35,7 @@ TEST(PortTime, TimeStoresThroughPointerAndCtimeFitsItsBuffer) {
     EXPECT_EQ(r, t);
     char* text = kv_ctime(0);
     EXPECT_LT(strlen(text), 26u);
-    EXPECT_NE(nullptr, strstr(text, "19"));   // 1969 or 1970 by time zone
+    EXPECT_NE(nullptr, strstr(text, "19"));  // 1969 or 1970 by time zone
     // Years beyond four digits cannot be shown in 26 bytes.
     EXPECT_STREQ("", kv_ctime(static_cast<kv_time64_t>(1) << 50));
 }

@@ -27,20 +27,21 @@ TEST(PortUtf8, ColumnsOfCharacters) {
 }
 
 TEST(PortUtf8, BrokenSequencesCountOneColumnPerByte) {
-    EXPECT_EQ(1, utf8_charlen("\xE6\x97"));   // cut short before the NUL
+    EXPECT_EQ(1, utf8_charlen("\xE6\x97"));  // cut short before the NUL
     EXPECT_EQ(1, utf8_ttywidth("\x80"));
     EXPECT_EQ(1, utf8_ttywidth("\xFF"));
     EXPECT_EQ(2u, utf8_ttystrlen("\xE6\x97"));
-    EXPECT_EQ(3u, utf8_ttystrlen("a\xC3(")); // a lead byte followed by ASCII
+    EXPECT_EQ(3u, utf8_ttystrlen("a\xC3("));  // a lead byte followed by ASCII
 }
 
 TEST(PortUtf8, ColumnsOfTexts) {
     EXPECT_EQ(0u, utf8_ttystrlen(nullptr));
     EXPECT_EQ(0u, utf8_ttystrlen(""));
     EXPECT_EQ(5u, utf8_ttystrlen("hello"));
-    EXPECT_EQ(6u, utf8_ttystrlen("\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E"));   // 日本語
-    EXPECT_EQ(4u, utf8_ttystrlen("cafe\xCC\x81"));                        // e + combining
-    EXPECT_EQ(5u, utf8_ttystrlen("ab\xE6\x97\xA5" "c"));
+    EXPECT_EQ(6u, utf8_ttystrlen("\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E"));  // 日本語
+    EXPECT_EQ(4u, utf8_ttystrlen("cafe\xCC\x81"));                          // e + combining
+    EXPECT_EQ(5u, utf8_ttystrlen("ab\xE6\x97\xA5"
+                                 "c"));
 }
 
 TEST(PortUtf8, ConversionsLeaveUtf8AloneInUtf8Locale) {
@@ -49,7 +50,7 @@ TEST(PortUtf8, ConversionsLeaveUtf8AloneInUtf8Locale) {
     if (kv_locale_is_utf8()) {
         EXPECT_EQ(text, out);
     }
-    EXPECT_STREQ(text, out);   // also when the locale cannot show it
+    EXPECT_STREQ(text, out);  // also when the locale cannot show it
     kv_conv_free(text, out);
     const char* ascii = "plain";
     EXPECT_EQ(ascii, kv_syscalls_mbs_to_utf8s(ascii));

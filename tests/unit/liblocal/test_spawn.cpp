@@ -135,8 +135,9 @@ protected:
 };
 
 TEST_F(SpawnTest, Arguments_ReachChildAsTheyStand) {
-    std::vector<std::string> w = {probe_, "args", "100%", "%s%n%d", "two words", "",
-                                  "\xc3\xa9t\xc3\xa9", "tab\there", "\\\"quoted\""};
+    std::vector<std::string> w = {
+        probe_,      "args",        "100%", "%s%n%d", "two words", "", "\xc3\xa9t\xc3\xa9",
+        "tab\there", "\\\"quoted\""};
     Result r = run(w);
     ASSERT_TRUE(WIFEXITED(r.status));
     EXPECT_EQ(0, WEXITSTATUS(r.status));
@@ -322,7 +323,8 @@ TEST_F(SpawnTest, WorkingDirectory_CoreDirectoryPerProgram) {
 }
 
 TEST_F(SpawnTest, Signals_ChildStartsUnblockedWithDefaults) {
-    struct sigaction handler {}, ign {}, old_usr1, old_int, old_pipe;
+    struct sigaction handler {
+    }, ign{}, old_usr1, old_int, old_pipe;
     handler.sa_handler = [](int) {};
     ign.sa_handler = SIG_IGN;
     sigaction(SIGUSR1, &handler, &old_usr1);
@@ -340,9 +342,10 @@ TEST_F(SpawnTest, Signals_ChildStartsUnblockedWithDefaults) {
     sigaction(SIGUSR1, &old_usr1, nullptr);
     sigaction(SIGINT, &old_int, nullptr);
     sigaction(SIGPIPE, &old_pipe, nullptr);
-    EXPECT_EQ("blocked 0\nINT default\nTERM default\nCHLD default\nUSR1 default\n"
-              "PIPE ignore\n",
-              r.out);
+    EXPECT_EQ(
+        "blocked 0\nINT default\nTERM default\nCHLD default\nUSR1 default\n"
+        "PIPE ignore\n",
+        r.out);
     // The host's handler stays in place.
     struct sigaction now;
     sigaction(SIGUSR1, nullptr, &now);
@@ -466,7 +469,8 @@ TEST_F(SpawnTest, Waitchild_NoHangAndInterruptedWaitResumes) {
     int st = 0;
     EXPECT_EQ(0, waitchild(pid, &st, WNOHANG));
 
-    struct sigaction sa {}, old;
+    struct sigaction sa {
+    }, old;
     sa.sa_handler = [](int) {};  // no SA_RESTART: waitpid sees EINTR
     sigaction(SIGUSR1, &sa, &old);
     pthread_t waiter = pthread_self();
@@ -503,7 +507,8 @@ TEST_F(SpawnTest, Threads_ConcurrentSpawnsSeeOnlyTheirOwnPipes) {
 TEST_F(SpawnTest, Threads_EnvironmentChangesWhileSpawning) {
     // Assignments land while other threads copy the saved ones: each child
     // sees one whole value of the variable, never a torn or missing one.
-    static char values[2][64] = {"ZOV_SPAWN_RACE=aaaaaaaaaaaaaaaa", "ZOV_SPAWN_RACE=bbbbbbbbbbbbbbbb"};
+    static char values[2][64] = {"ZOV_SPAWN_RACE=aaaaaaaaaaaaaaaa",
+                                 "ZOV_SPAWN_RACE=bbbbbbbbbbbbbbbb"};
     ASSERT_EQ(0, kv_putenv(values[0]));
     std::atomic<bool> stop{false};
     std::thread writer([&] {

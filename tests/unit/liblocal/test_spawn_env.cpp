@@ -129,10 +129,13 @@ TEST(KvEnv, GetenvUlongValueForms) {
         {"99999999999999999999999", "ZOV_T=1", 10, 18446744073709551615ul},
     };
     for (const Case& c : cases) {
-        if (c.value) setenv("ZOV_T", c.value, 1);
-        else unsetenv("ZOV_T");
+        if (c.value)
+            setenv("ZOV_T", c.value, 1);
+        else
+            unsetenv("ZOV_T");
         std::string desc = c.desc;
-        EXPECT_EQ(c.want, kv_getenv_ulong(&desc[0], c.defval)) << c.desc << " " << (c.value ? c.value : "-");
+        EXPECT_EQ(c.want, kv_getenv_ulong(&desc[0], c.defval))
+            << c.desc << " " << (c.value ? c.value : "-");
     }
     unsetenv("ZOV_T");
 
@@ -143,9 +146,10 @@ TEST(KvEnv, GetenvUlongValueForms) {
     EXPECT_EQ(33u, kv_getenv_ulong(nullptr, 33));
     kv_spawn_set_trace(old);
     ASSERT_EQ(5u, g_reports.size());
-    EXPECT_EQ("Unable to get the value of environment variable 'ZOV_T': the string is "
-              "improperly formatted.\n",
-              g_reports[0]);
+    EXPECT_EQ(
+        "Unable to get the value of environment variable 'ZOV_T': the string is "
+        "improperly formatted.\n",
+        g_reports[0]);
 }
 
 // A scratch installation: <root>/bin/prog as the running binary, and tools
@@ -248,9 +252,8 @@ void close_all_but_listed() {
         if (dup2(base, fd) != fd) _exit(10);
     struct pollfd keep[] = {{700, 0, 0}, {-1, 0, 0}};
     kv_closenstdfiles(keep, 2);
-    bool ok = fcntl(700, F_GETFD) >= 0 && fcntl(10, F_GETFD) < 0 &&
-              fcntl(top - 1, F_GETFD) < 0 && fcntl(top, F_GETFD) < 0 &&
-              fcntl(base, F_GETFD) < 0 && fcntl(2, F_GETFD) >= 0;
+    bool ok = fcntl(700, F_GETFD) >= 0 && fcntl(10, F_GETFD) < 0 && fcntl(top - 1, F_GETFD) < 0 &&
+              fcntl(top, F_GETFD) < 0 && fcntl(base, F_GETFD) < 0 && fcntl(2, F_GETFD) >= 0;
     _exit(ok ? 0 : 1);
 }
 

@@ -124,8 +124,7 @@ public:
     ~TempDir() {
         if (!m_path.empty()) {
             std::string cmd = "rm -rf '" + m_path + "'";
-            if (system(cmd.c_str()) != 0) {
-            }
+            if (system(cmd.c_str()) != 0) {}
         }
     }
     const std::string& path() const { return m_path; }

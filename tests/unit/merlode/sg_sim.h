@@ -23,7 +23,9 @@
 namespace sgsim {
 
 // This machine's name as the simulator and the module see it.
-inline std::string host() { return sgtest::this_host(); }
+inline std::string host() {
+    return sgtest::this_host();
+}
 
 // The key=value fields of the state records of `kind` ("group", "lun", ...),
 // in file order. Values are left escaped.
@@ -162,8 +164,8 @@ private:
 
 }  // namespace sgsim
 
-#define SKIP_WITHOUT_SIM_OR_FAIL(sim)                         \
-    do {                                                      \
-        SKIP_WITHOUT_SIM();                                   \
-        ASSERT_TRUE((sim).ok()) << "arraysim init failed";    \
+#define SKIP_WITHOUT_SIM_OR_FAIL(sim)                      \
+    do {                                                   \
+        SKIP_WITHOUT_SIM();                                \
+        ASSERT_TRUE((sim).ok()) << "arraysim init failed"; \
     } while (0)

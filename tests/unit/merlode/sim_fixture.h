@@ -82,7 +82,7 @@ private:
     std::unique_ptr<ScopedEnv> m_state;
 };
 
-#define SKIP_WITHOUT_SIM()                                                         \
-    do {                                                                           \
-        if (!SimArray::available()) GTEST_SKIP() << "simulator not built";         \
+#define SKIP_WITHOUT_SIM()                                                 \
+    do {                                                                   \
+        if (!SimArray::available()) GTEST_SKIP() << "simulator not built"; \
     } while (0)

@@ -18,7 +18,8 @@ struct CapSim : ::testing::Test {
     std::unique_ptr<Sim> sim;
     void SetUp() override {
         SKIP_WITHOUT_SIM();
-        sim.reset(new Sim({"--frames", "2", "--luns", "2", "--clone-groups", "1", "--clones", "1"}));
+        sim.reset(
+            new Sim({"--frames", "2", "--luns", "2", "--clone-groups", "1", "--clones", "1"}));
         ASSERT_TRUE(sim->ok());
         sim->array.clear_commands();
     }
@@ -37,8 +38,8 @@ TEST_F(CapSim, IsSnappableByNumberAsksEachFrameUntilOneListsIt) {
     ASSERT_FALSE(luns(1, true).empty());
     ASSERT_FALSE(luns(0, false).empty());
     EXPECT_EQ(q->isSnappable("0"), 1);
-    EXPECT_EQ(sim->array.commands(),
-              std::vector<std::string>{"tilloseccli -h " + kFrame0 + " quillset -listsnapshots -lun 0"});
+    EXPECT_EQ(sim->array.commands(), std::vector<std::string>{"tilloseccli -h " + kFrame0 +
+                                                              " quillset -listsnapshots -lun 0"});
     std::string on_second = std::to_string(luns(1, true)[0]);
     EXPECT_EQ(q->isSnappable(on_second), 1);
     EXPECT_EQ(sim->array.commands().size(), 3u);

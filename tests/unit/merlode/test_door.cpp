@@ -104,9 +104,10 @@ TEST(MerlSpace, SetErrorDeletesOldAndBuildsNew) {
     // The old error is always consumed; no error code means no object.
     EXPECT_EQ(merl_space::setError(old, SS_EC_NO_ERROR, "ignored"), nullptr);
 
-    SSError* e = merl_space::blderr(nullptr, SS_EC_SNAPSHOT_NOT_SUPPORTED,
-                                    "%s: Specified Directory Service Type (%d) for Merlode is not supported:",
-                                    "merlStorageSubsystem::getDirectoryService", 3);
+    SSError* e = merl_space::blderr(
+        nullptr, SS_EC_SNAPSHOT_NOT_SUPPORTED,
+        "%s: Specified Directory Service Type (%d) for Merlode is not supported:",
+        "merlStorageSubsystem::getDirectoryService", 3);
     ASSERT_NE(e, nullptr);
     EXPECT_STREQ(e->getErrMsg(),
                  "merlStorageSubsystem::getDirectoryService: Specified Directory Service Type (3) "
@@ -220,13 +221,15 @@ TEST_F(DirectoryServiceTest, NullAttributesKnowNoFrames) {
     SSError* e = ds.isServiceSupported(const_cast<char*>("/dev/sdb"), "cow", nullptr, supported);
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->getErrCode(), SS_EC_INVALID_CONFIGURATION);
-    EXPECT_STREQ(e->getErrMsg(),
-                 "merlDirectoryService::isServiceSupported: Frame IP address(s) missing from environment");
+    EXPECT_STREQ(
+        e->getErrMsg(),
+        "merlDirectoryService::isServiceSupported: Frame IP address(s) missing from environment");
     EXPECT_EQ(supported, 0);
     delete e;
     // An unknown subtype is a plain no, tested before the configuration.
     supported = 7;
-    EXPECT_EQ(ds.isServiceSupported(const_cast<char*>("/dev/sdb"), "BCV", nullptr, supported), nullptr);
+    EXPECT_EQ(ds.isServiceSupported(const_cast<char*>("/dev/sdb"), "BCV", nullptr, supported),
+              nullptr);
     EXPECT_EQ(supported, 0);
 }
 
@@ -244,7 +247,8 @@ TEST_F(DirectoryServiceTest, SubtypeQuestionsIgnoreCaseAndNameTheOperation) {
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->getErrCode(), SS_EC_SNAPSHOT_NOT_SUPPORTED);
     EXPECT_STREQ(e->getErrMsg(),
-                 "merlDirectoryService::getApiVersion: Specified storage subsystem type (CLONE) is not supported");
+                 "merlDirectoryService::getApiVersion: Specified storage subsystem type (CLONE) is "
+                 "not supported");
     EXPECT_EQ(lines.back().level, 3);
     delete e;
     lvl = SS_LEVEL_VOLUME;
@@ -278,7 +282,8 @@ TEST_F(DirectoryServiceTest, SubtypeQuestionsIgnoreCaseAndNameTheOperation) {
     e = ds.getSourceAttributes("/dev/sda", nullptr, out);
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->getErrCode(), SS_EC_SNAP_PROVIDER_ERROR);
-    EXPECT_STREQ(e->getErrMsg(), "Snap Provider Error : No source attributes supported for this vendor.");
+    EXPECT_STREQ(e->getErrMsg(),
+                 "Snap Provider Error : No source attributes supported for this vendor.");
     delete e;
 }
 

@@ -6,9 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include "liblocal/kv_spawn.h"
 #include "storage/ssm/merlode/cli/cmd_pipe.h"
 #include "storage/ssm/merlode/cli/zov_quillset.h"
-#include "liblocal/kv_spawn.h"
 #include "tests/unit/merlode/gw_test_util.h"
 
 namespace {
@@ -107,7 +107,8 @@ protected:
         EXPECT_EQ(p.init(), nullptr);
         int pid = -1;
         SSError* err = q.esv_spawn(&p, &pid, "%s", line.c_str());
-        if (errp != nullptr) *errp = err;
+        if (errp != nullptr)
+            *errp = err;
         else {
             EXPECT_EQ(err, nullptr) << err->getErrMsg();
             delete err;
@@ -128,7 +129,8 @@ protected:
 TEST_F(GwSpawn, CutsAtBlanksWithoutQuoting) {
     zov_quillset q(&LogCapture::fn, &log);
     std::string out = run(q, dumper + "  -h   198.18.0.1 \"a b\" x%y");
-    EXPECT_NE(out.find("argc=6\n[-h]\n[198.18.0.1]\n[\"a]\n[b\"]\n[x%y]\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("argc=6\n[-h]\n[198.18.0.1]\n[\"a]\n[b\"]\n[x%y]\n"), std::string::npos)
+        << out;
     // Standard error arrives in the same stream.
     EXPECT_NE(out.find("stderr line\r\n"), std::string::npos);
     // One trailing blank adds nothing; two or more add one empty argument.
@@ -223,7 +225,8 @@ TEST_F(GwSpawn, EmptyCommandLineStartsNoChild) {
         if (*line == '\0') {
             // Nothing to run: refused before any fork.
             ASSERT_NE(err, nullptr);
-            EXPECT_STREQ(err->getErrMsg(), "zov_quillset::esv_spawn: Spawn of external command failed");
+            EXPECT_STREQ(err->getErrMsg(),
+                         "zov_quillset::esv_spawn: Spawn of external command failed");
             EXPECT_EQ(err->getErrCode(), SS_EC_INTERNAL_ERROR);
             EXPECT_LT(pid, 0);
             EXPECT_TRUE(log.has("zov_quillset::esv_spawn: Failed spawn of \"\", err: ", 1));

@@ -26,7 +26,9 @@ namespace {
 // Set in the environment of the preloaded run only.
 const char* const kPreloadedMark = "GW_DEVID_PRELOADED";
 
-std::string preload_library() { return SimArray::bin_dir() + "/libarraysim_scsi.so"; }
+std::string preload_library() {
+    return SimArray::bin_dir() + "/libarraysim_scsi.so";
+}
 
 // Runs the tests matching `filter` of this very binary with the fake device
 // layer preloaded; returns the exit status and leaves the output in `out`.
@@ -36,9 +38,12 @@ int run_preloaded(const std::string& filter, std::string& out) {
     std::string asan = "verify_asan_link_order=0";
     for (char** e = environ; *e != nullptr; e++) {
         std::string v(*e);
-        if (v.compare(0, 11, "LD_PRELOAD=") == 0) preload += ":" + v.substr(11);
-        else if (v.compare(0, 13, "ASAN_OPTIONS=") == 0) asan = v.substr(13) + ":" + asan;
-        else env.push_back(v);
+        if (v.compare(0, 11, "LD_PRELOAD=") == 0)
+            preload += ":" + v.substr(11);
+        else if (v.compare(0, 13, "ASAN_OPTIONS=") == 0)
+            asan = v.substr(13) + ":" + asan;
+        else
+            env.push_back(v);
     }
     env.push_back("LD_PRELOAD=" + preload);
     // The library is built without the sanitizer on purpose: it must not be
@@ -153,9 +158,9 @@ protected:
         ASSERT_FALSE(devs.foreign.path.empty());
         // A trespassed LUN answers with its frame's second address.
         std::string out;
-        ASSERT_EQ(sim->admin({"set", "lun", "1", std::to_string(devs.pseudo.lun), "trespassed=1"},
-                             &out),
-                  0)
+        ASSERT_EQ(
+            sim->admin({"set", "lun", "1", std::to_string(devs.pseudo.lun), "trespassed=1"}, &out),
+            0)
             << out;
         devs.pseudo.frame_ip = SimArray::addr(1, 2);
         q.reset(new zov_quillset(&LogCapture::fn, &log));
@@ -190,7 +195,8 @@ TEST_F(GwDevIdPreloaded, ArrayDevicesGiveLunAndOwningFrame) {
         EXPECT_EQ(q->getSrcLun(d->path), d->lun);
     }
     EXPECT_TRUE(log.has("is control by frameIP [" + devs.path.frame_ip + "], and has LUN ID [" +
-                        std::to_string(devs.path.lun) + "]", 5));
+                            std::to_string(devs.path.lun) + "]",
+                        5));
     // Both kinds of device lie on frame 1, of which one LUN is trespassed.
     EXPECT_NE(devs.path.frame_ip, devs.pseudo.frame_ip);
 

@@ -207,26 +207,39 @@ TEST_F(GwFrames, MissingToolIsReportedAsEachOperationSays) {
     snapdevice sd;
     sd.sessionId = "S1";
     const std::vector<Case> cases = {
-        {"startsession", [&](zov_quillset& z) { return z.startsession(sd); }, "tillocli", {3},
+        {"startsession",
+         [&](zov_quillset& z) { return z.startsession(sd); },
+         "tillocli",
+         {3},
          true},
         // The secure tool is the one missing; the message names the host tool.
         {"stopsession", [&](zov_quillset& z) { return z.stopsession(sd); }, "gelmot", {3}, true},
-        {"deactivatesession", [&](zov_quillset& z) { return z.deactivatesession(sd); },
-         "gelmot", {3}, true},
-        {"rollbacksession", [&](zov_quillset& z) { return z.rollbacksession(sd); }, "tillocli",
-         {0, 3}, true},
+        {"deactivatesession",
+         [&](zov_quillset& z) { return z.deactivatesession(sd); },
+         "gelmot",
+         {3},
+         true},
+        {"rollbacksession",
+         [&](zov_quillset& z) { return z.rollbacksession(sd); },
+         "tillocli",
+         {0, 3},
+         true},
         {"getStorageGroupUID",
          [&](zov_quillset& z) {
              std::string uid;
              return z.getStorageGroupUID("h", uid);
          },
-         "tillocli", {0, 3}, true},
+         "tillocli",
+         {0, 3},
+         true},
         {"isSnappable",
          [&](zov_quillset& z) {
              EXPECT_EQ(z.isSnappable("17"), -1);
              return static_cast<SSError*>(nullptr);
          },
-         "tillocli", {3}, false},
+         "tillocli",
+         {3},
+         false},
         {"convertWWNToLun",
          [&](zov_quillset& z) {
              ArrayLunUID known;
@@ -235,7 +248,9 @@ TEST_F(GwFrames, MissingToolIsReportedAsEachOperationSays) {
              EXPECT_EQ(z.convertWWNToLun(known.lunUID), "");
              return static_cast<SSError*>(nullptr);
          },
-         "tillocli", {0}, false},
+         "tillocli",
+         {0},
+         false},
     };
     for (const Case& c : cases) {
         LogCapture caught;
@@ -272,9 +287,9 @@ TEST_F(GwFrames, EmptyFrameAddressStillGivesWholeCommandLines) {
     std::vector<std::string> ndu;
     for (const std::string& c : sim->commands())
         if (c.find("ndu -list") != std::string::npos) ndu.push_back(c);
-    EXPECT_EQ(ndu, (std::vector<std::string>{"tilloseccli -h ndu -list",
-                                             "tilloseccli -h " + SimArray::addr(1) +
-                                                 " ndu -list"}));
+    EXPECT_EQ(ndu,
+              (std::vector<std::string>{"tilloseccli -h ndu -list",
+                                        "tilloseccli -h " + SimArray::addr(1) + " ndu -list"}));
 }
 
 }  // namespace

@@ -41,13 +41,15 @@ TEST(ServiceFrame, OperationsOutsideTheirStatesNameTheState) {
     SSError* e = cow.getSnapshotHandle(h);
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->getErrCode(), SS_EC_ILLEGAL_STATE);
-    EXPECT_EQ(take_text(e),
-              "SCMerlodeQuillset::privateGetSnapshotHandle: Function called with illegal state = 1");
+    EXPECT_EQ(
+        take_text(e),
+        "SCMerlodeQuillset::privateGetSnapshotHandle: Function called with illegal state = 1");
     EXPECT_EQ(h, nullptr);
 
     SSTaskId task = 42;
     e = cow.snapshot(nullptr, task);
-    EXPECT_EQ(take_text(e), "SCMerlodeQuillset::privateSnapshot: Function called with illegal state = 1");
+    EXPECT_EQ(take_text(e),
+              "SCMerlodeQuillset::privateSnapshot: Function called with illegal state = 1");
     e = cow.deleteSnapshot();
     EXPECT_EQ(e->getErrCode(), SS_EC_ILLEGAL_STATE);
     delete e;
@@ -65,7 +67,8 @@ TEST(ServiceFrame, UnsupportedOperationsAndTasks) {
     SSExtentList* ext = nullptr;
     SSError* e = cow.getChangedExtents("/dev/sda", ext);
     EXPECT_EQ(e->getErrCode(), SS_EC_OP_UNSUPPORTED);
-    EXPECT_EQ(take_text(e), "SCMerlodeQuillset::getChangedExtents: Method not supported for this class");
+    EXPECT_EQ(take_text(e),
+              "SCMerlodeQuillset::getChangedExtents: Method not supported for this class");
     SSTaskId t = 0;
     e = cow.restoreTo(nullptr, nullptr, nullptr, nullptr, t);
     EXPECT_EQ(take_text(e), "SCMerlodeQuillset::restoreTo: Method not supported for this class");
@@ -76,7 +79,8 @@ TEST(ServiceFrame, UnsupportedOperationsAndTasks) {
         e = cow.cancelTask(id);
         ASSERT_NE(e, nullptr);
         EXPECT_EQ(e->getErrCode(), SS_EC_INVALID_PARAMETER);
-        EXPECT_EQ(take_text(e), "SCMerlodeQuillset::cancelTask: No such task: " + std::to_string(id));
+        EXPECT_EQ(take_text(e),
+                  "SCMerlodeQuillset::cancelTask: No such task: " + std::to_string(id));
     }
     SSTaskStatus st = SS_TASK_ERROR;
     SSError* taskErr = reinterpret_cast<SSError*>(&st);
@@ -113,7 +117,8 @@ TEST(ServiceFrame, ProviderAttributesAcceptOnlyTheListForm) {
     attrlist* al = attr_new("FOO", "bar");
     SSError* e = cow.setProviderAttribute("FOO", al);
     EXPECT_EQ(e->getErrCode(), SS_EC_INVALID_PARAMETER);
-    EXPECT_EQ(take_text(e), "SCMerlodeQuillset::setProviderAttribute: Attribute not supported: bar");
+    EXPECT_EQ(take_text(e),
+              "SCMerlodeQuillset::setProviderAttribute: Attribute not supported: bar");
     EXPECT_EQ(cow.setProviderAttribute(al), nullptr);
     ASSERT_NE(cow.m_attributes, nullptr);
     EXPECT_NE(cow.m_attributes, al);
@@ -122,11 +127,13 @@ TEST(ServiceFrame, ProviderAttributesAcceptOnlyTheListForm) {
     attrlist* res = al;
     e = cow.getProviderAttribute(bare, res);
     EXPECT_EQ(res, nullptr);
-    EXPECT_EQ(take_text(e), "SCMerlodeQuillset::getProviderAttribute: Attribute not supported: unknown");
+    EXPECT_EQ(take_text(e),
+              "SCMerlodeQuillset::getProviderAttribute: Attribute not supported: unknown");
     res = al;
     e = cow.getProviderAttribute("FOO", al, res);
     EXPECT_EQ(res, al);
-    EXPECT_EQ(take_text(e), "SCMerlodeQuillset::getSCProviderAttribute: Attribute not supported: bar");
+    EXPECT_EQ(take_text(e),
+              "SCMerlodeQuillset::getSCProviderAttribute: Attribute not supported: bar");
     attrlist_free(al);
     attrlist_free(bare);
 }
@@ -167,7 +174,8 @@ TEST(ServiceFrame, VersionAndCapabilitiesOfCow) {
     SCSnapshotCapability* cap = nullptr;
     SSError* e = cow.getSnapshotCapabilities(cap);
     EXPECT_EQ(take_text(e),
-              "SCMerlodeQuillset::privateGetSnapshotCapabilities(1): Function called with illegal state = 1");
+              "SCMerlodeQuillset::privateGetSnapshotCapabilities(1): Function called with illegal "
+              "state = 1");
 }
 
 TEST(ServiceFrame, EndLeavesTheObjectFinished) {
@@ -208,7 +216,10 @@ TEST(ServiceFrame, ExceptionInAddComponentWWNBecomesInternalErrorAndFreesTheLock
     EXPECT_EQ(p.m_usingWWN, 1);
     // The lock was released: another thread can take it at once.
     bool got = false;
-    std::thread t([&] { got = kv_mutex_trylock(p.m_mtx.m_mtx) == 0; if (got) kv_mutex_unlock(p.m_mtx.m_mtx); });
+    std::thread t([&] {
+        got = kv_mutex_trylock(p.m_mtx.m_mtx) == 0;
+        if (got) kv_mutex_unlock(p.m_mtx.m_mtx);
+    });
     t.join();
     EXPECT_TRUE(got);
 }
@@ -230,7 +241,8 @@ TEST(ServiceFrame, InitWithoutStructOrMoverFails) {
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->getErrCode(), SS_EC_INVALID_CONFIGURATION);
     EXPECT_EQ(take_text(e),
-              "SCMerlodeQuillset::privateInit, Vaultmere Mount Host designation missing from environment");
+              "SCMerlodeQuillset::privateInit, Vaultmere Mount Host designation missing from "
+              "environment");
     EXPECT_EQ(prod.m_state, SSHOT_STATE_UNINIT);
     EXPECT_EQ(prod.m_retainOnDelete, "Release");
     std::vector<std::string> want{"10.0.0.1", "10.0.0.2"};
@@ -249,7 +261,8 @@ TEST(ServiceFrame, HandleWithOnlyTheTagHasNoFrames) {
     SSError* e = mh.init(&is);
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->getErrCode(), SS_EC_INVALID_CONFIGURATION);
-    EXPECT_EQ(take_text(e), "SCMerlodeQuillset::privateInit: Frame IP address(s) missing from environment");
+    EXPECT_EQ(take_text(e),
+              "SCMerlodeQuillset::privateInit: Frame IP address(s) missing from environment");
     EXPECT_EQ(mh.m_instanceIsProduction, 0);
     EXPECT_EQ(mh.m_handleVersion, "KVTv1");
 }
@@ -268,7 +281,8 @@ TEST(ServiceFrame, HandleReaderCutsSourcesAtTheFirstDash) {
     EXPECT_EQ(mh.m_snapdevlist.front().sessionId, "aa-2013041215300000");
     EXPECT_EQ(mh.m_snapdevlist.front().srcName, "/dev/mapper/vg");
     EXPECT_EQ(mh.m_snapdevlist.back().srcName, "/dev/sdc");
-    EXPECT_EQ(mh.m_handle.details_str, "10.1.1.1:10.1.1.2;aa-2013041215300000|/dev/mapper/vg-lv;bb-0001|/dev/sdc");
+    EXPECT_EQ(mh.m_handle.details_str,
+              "10.1.1.1:10.1.1.2;aa-2013041215300000|/dev/mapper/vg-lv;bb-0001|/dev/sdc");
     std::vector<std::string> want{"10.1.1.1", "10.1.1.2"};
     EXPECT_EQ(mh.m_ipaddrlist, want);
 

@@ -219,7 +219,7 @@ TEST(SessSimMultipath, ActivateMapsTheDeviceThroughTheVolumeMap) {
         const char* device;
         const char* access;
     } cases[] = {
-        {"/dev/rdsk/zovhadrixs", "zovhadrixd"},     // folder and slice letters dropped
+        {"/dev/rdsk/zovhadrixs", "zovhadrixd"},              // folder and slice letters dropped
         {"/dev/rdsk/zovhadrixXs", "/dev/rdsk/zovhadrixXs"},  // one letter too many
         {"/dev/dsk/zovhadrixs", "/dev/dsk/zovhadrixs"},      // a 9-character folder
     };

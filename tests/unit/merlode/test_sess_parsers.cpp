@@ -19,8 +19,8 @@ std::string session_name(int days_ago, const char* prefix = "zovmerl-age-cow-") 
     struct tm tm;
     localtime_r(&t, &tm);
     char stamp[32];
-    snprintf(stamp, sizeof(stamp), "%04d%02d%02d%02d%02d", tm.tm_year + 1900, tm.tm_mon,
-             tm.tm_mday, tm.tm_hour, tm.tm_min);
+    snprintf(stamp, sizeof(stamp), "%04d%02d%02d%02d%02d", tm.tm_year + 1900, tm.tm_mon, tm.tm_mday,
+             tm.tm_hour, tm.tm_min);
     std::string name = prefix;
     name.resize(54, '-');
     return name + stamp + "0001";
@@ -38,9 +38,9 @@ TEST(SessNames, NamesAreCollectedAndNonConformingOnesKeptAndVerifiable) {
     EXPECT_EQ(q->verifySession(short69), 1);
     EXPECT_EQ(q->verifySession(short69 + "x"), 0);
     // The 2001 session is very old.
-    EXPECT_EQ(q.log.count("INFO - Found session (" + q->m_sessionList[0] + ") on frame (10.1.1.1)",
-                          0),
-              1);
+    EXPECT_EQ(
+        q.log.count("INFO - Found session (" + q->m_sessionList[0] + ") on frame (10.1.1.1)", 0),
+        1);
 }
 
 TEST(SessNames, ThirtyOneDaysIsOldAndTwentyNineIsNot) {
@@ -72,9 +72,10 @@ TEST(SessStart, OnlyTheActivateHintMeansStarted) {
     SSError* err = q->processStart(bad.get(), "10.1.1.1");
     ASSERT_NE(err, nullptr);
     EXPECT_EQ(err->getErrCode(), SS_EC_UNABLE_TO_CREATE_SNAPSHOT);
-    EXPECT_EQ(std::string(err->getErrMsg())
-                  .find("zov_quillset::processStart: Unable to 'tillocli quillset -startsession' for"),
-              0u);
+    EXPECT_EQ(
+        std::string(err->getErrMsg())
+            .find("zov_quillset::processStart: Unable to 'tillocli quillset -startsession' for"),
+        0u);
     delete err;
     // The refusal is logged line by line without the line feed.
     EXPECT_EQ(q.log.count("[LUN 17 is not configured for snapshots.]", -1), 1);

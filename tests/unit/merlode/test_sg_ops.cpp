@@ -21,7 +21,9 @@ namespace {
 const std::string kFrame0 = SimArray::addr(0);
 const std::string kFrame1 = SimArray::addr(1);
 
-std::string my_group() { return "SG_" + sgsim::host(); }
+std::string my_group() {
+    return "SG_" + sgsim::host();
+}
 
 // Lock files go to a private folder: /vmr/tmp may not exist or be shared.
 struct LockDir {
@@ -173,9 +175,10 @@ TEST_F(SgMove, WithoutVxdiskNothingIsRunAndTheMoveSucceeds) {
     EXPECT_EQ(q->addCloneToStorageGroup(my_group(), 5), nullptr);
     EXPECT_EQ(q->removeCloneFromStorageGroup(my_group(), 0), nullptr);
     EXPECT_TRUE(sim->array.commands().empty());
-    EXPECT_EQ(q.log.count("Veritas is not installed.  Not moving clone LUN into storage group", 3), 1);
-    EXPECT_EQ(q.log.count("Veritas is not installed.  Not moving clone LUN out of storage group", 3),
+    EXPECT_EQ(q.log.count("Veritas is not installed.  Not moving clone LUN into storage group", 3),
               1);
+    EXPECT_EQ(
+        q.log.count("Veritas is not installed.  Not moving clone LUN out of storage group", 3), 1);
 }
 
 TEST_F(SgMove, LockThatCannotBeTakenIsAnInternalErrorAndNothingIsAdded) {
@@ -243,9 +246,10 @@ TEST(SgSim, MoverUidComesFromTheGroupListingThisHost) {
     EXPECT_EQ(groups[2]["frame"] + " " + groups[2]["name"], "1 " + my_group());
     EXPECT_EQ(uid, groups[2]["uid"]);
     EXPECT_EQ(q->m_MoverSTGName, my_group());
-    EXPECT_EQ(sim.array.commands(),
-              (std::vector<std::string>{"tilloseccli -h " + kFrame0 + " storagegroup -list -host",
-                                        "tilloseccli -h " + kFrame1 + " storagegroup -list -host"}));
+    EXPECT_EQ(
+        sim.array.commands(),
+        (std::vector<std::string>{"tilloseccli -h " + kFrame0 + " storagegroup -list -host",
+                                  "tilloseccli -h " + kFrame1 + " storagegroup -list -host"}));
     // The mount host's lookup fills the rows only, never the list.
     std::vector<std::string> list;
     delete q->ncli_portlist();
@@ -277,8 +281,10 @@ int add_clones(const std::vector<int>& alus, bool own_process = true) {
             SSError* err = q->addCloneToStorageGroup(my_group(), alu);
             int code = err != nullptr ? (int)err->getErrCode() : 0;
             delete err;
-            if (code == 0) done = true;
-            else if (code != SS_EC_INTERNAL_ERROR) return 2;  // lock busy: anything else is a fault
+            if (code == 0)
+                done = true;
+            else if (code != SS_EC_INTERNAL_ERROR)
+                return 2;  // lock busy: anything else is a fault
         }
         if (!done) return 3;
     }
@@ -366,7 +372,9 @@ TEST_F(SgMove, ThreadsAddingAtOnceNeverPickTheSameHlu) {
     EXPECT_EQ(seen_hlu.size(), pairs.size());
 }
 
-KVError no_sleep(uint32_t) { return 0; }
+KVError no_sleep(uint32_t) {
+    return 0;
+}
 
 // A child forked while a thread of its parent holds the host lock inherits
 // neither the file lock nor that thread: it must go to the file and find the

@@ -52,7 +52,8 @@ struct VolMapSim : ::testing::Test {
     std::unique_ptr<Sim> sim;
     void SetUp() override {
         SKIP_WITHOUT_SIM();
-        sim.reset(new Sim({"--frames", "2", "--luns", "1", "--clone-groups", "1", "--clones", "1"}));
+        sim.reset(
+            new Sim({"--frames", "2", "--luns", "1", "--clone-groups", "1", "--clones", "1"}));
         ASSERT_TRUE(sim->ok());
         sim->array.clear_commands();
     }
@@ -61,7 +62,8 @@ struct VolMapSim : ::testing::Test {
         bool in_lun = false;
         std::ifstream in(sim->array.dir() + "/state");
         for (std::string l; std::getline(in, l);) {
-            if (l.compare(0, 4, "lun ") == 0) in_lun = l.find(" num=" + lun + " ") != std::string::npos;
+            if (l.compare(0, 4, "lun ") == 0)
+                in_lun = l.find(" num=" + lun + " ") != std::string::npos;
             if (in_lun && l.compare(0, 17, "dev host=0 paths=") == 0) return l.substr(17);
         }
         return "";
@@ -133,8 +135,9 @@ TEST_F(VolMapSim, DeviceOnNoFrameIsNotSupported) {
     SSError* err = q->initVolMap("/dev/nosuchdev");
     ASSERT_NE(err, nullptr);
     EXPECT_EQ(err->getErrCode(), SS_EC_SNAPSHOT_NOT_SUPPORTED);
-    EXPECT_NE(std::string(err->getErrMsg()).find("zov_quillset backup object is not on a Merlode LUN."),
-              std::string::npos);
+    EXPECT_NE(
+        std::string(err->getErrMsg()).find("zov_quillset backup object is not on a Merlode LUN."),
+        std::string::npos);
     delete err;
     EXPECT_EQ(sgsim::commands_with(sim->array, "server -volmap").size(), 2u);
 }

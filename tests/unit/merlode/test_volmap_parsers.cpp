@@ -9,7 +9,9 @@ using sgtest::Quillset;
 
 namespace {
 
-std::string volmap(const char* name) { return fixture("server_volmap", name); }
+std::string volmap(const char* name) {
+    return fixture("server_volmap", name);
+}
 
 TEST(VolMapParse, MatchingDeviceIsStoredWithItsPathWwnAndSize) {
     Quillset q;
@@ -51,8 +53,9 @@ TEST(VolMapParse, DeviceNameIsComparedWithTheLastPathComponent) {
 
 TEST(VolMapParse, KnownWwnGivesTheNumberBeforeTheNumberLine) {
     Quillset q;
-    Feed f("Device Id:   /dev/sdb\nDevice Name:  sdb\nDevice Mapping: /m\n"
-           "LOGICAL UNIT WWN:  60:06:01:60:3B:40:2D:00:A2:6B:8C:11:9E:41:E6:11\n");
+    Feed f(
+        "Device Id:   /dev/sdb\nDevice Name:  sdb\nDevice Mapping: /m\n"
+        "LOGICAL UNIT WWN:  60:06:01:60:3B:40:2D:00:A2:6B:8C:11:9E:41:E6:11\n");
     ArrayLunUID known;
     known.lunUID = "600601603B402D00A26B8C119E41E611";
     known.lunID = 17;
@@ -99,9 +102,12 @@ TEST(VolMapParse, OnceTheListHoldsADeviceEveryLaterRunReportsSuccess) {
 }
 
 TEST(VolMapParse, GarbageNeverCrashes) {
-    const std::string inputs[] = {"", "Device Id:\n", "Device Id:   \nDevice Name:\n",
+    const std::string inputs[] = {"",
+                                  "Device Id:\n",
+                                  "Device Id:   \nDevice Name:\n",
                                   "LOGICAL UNIT NUMBER: 99999999999999999999\n",
-                                  std::string(5000, ':') + "\n", "Device Name: x\n"};
+                                  std::string(5000, ':') + "\n",
+                                  "Device Name: x\n"};
     for (const std::string& in : inputs) {
         Quillset q;
         Feed f(in);

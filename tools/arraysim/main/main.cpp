@@ -17,80 +17,80 @@
 namespace {
 
 std::string self_exe() {
-  char buf[PATH_MAX];
-  ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
-  if (n <= 0) return std::string();
-  buf[n] = 0;
-  return buf;
+    char buf[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+    if (n <= 0) return std::string();
+    buf[n] = 0;
+    return buf;
 }
 
 void put(FILE* f, const std::string& s) {
-  if (!s.empty()) fwrite(s.data(), 1, s.size(), f);
+    if (!s.empty()) fwrite(s.data(), 1, s.size(), f);
 }
 
 int run_as_tool(const std::string& tool, const std::vector<std::string>& args) {
-  using namespace arraysim;
-  std::string dir = state_dir_from_env();
-  if (dir.empty()) {
-    fprintf(stderr, "%s: %s is not set; make a state with \"arraysim init\" and export it\n", tool.c_str(), kStateEnv);
-    return 2;
-  }
-  ToolResult r;
-  {
-    FolderLock lock(dir);
-    if (!lock.held()) {
-      fprintf(stderr, "%s: cannot lock the state folder %s\n", tool.c_str(), dir.c_str());
-      return 2;
-    }
-    append_log(dir, args.empty() ? tool : tool + " " + join(args, " "));
-    State st;
-    std::string err;
-    if (!load_state_lazy(dir, st, err)) {
-      fprintf(stderr, "%s: %s\n", tool.c_str(), err.c_str());
-      return 2;
-    }
-    try {
-      r = run_tool(st, dir, tool, args);
-      if (r.changed && !save_state(dir, st, err)) {
-        fprintf(stderr, "%s: %s\n", tool.c_str(), err.c_str());
+    using namespace arraysim;
+    std::string dir = state_dir_from_env();
+    if (dir.empty()) {
+        fprintf(stderr, "%s: %s is not set; make a state with \"arraysim init\" and export it\n",
+                tool.c_str(), kStateEnv);
         return 2;
-      }
-    } catch (const StateError& e) {
-      // A LUN record is read when first used: a bad one stops the command
-      // before anything is written or printed.
-      fprintf(stderr, "%s: %s\n", tool.c_str(), e.what());
-      return 2;
     }
-  }
-  // A slow answer is slow outside the lock, so that others are not held up.
-  if (r.delay_ms > 0) {
-    struct timespec ts = {r.delay_ms / 1000, (r.delay_ms % 1000) * 1000000L};
-    while (nanosleep(&ts, &ts) != 0) {
+    ToolResult r;
+    {
+        FolderLock lock(dir);
+        if (!lock.held()) {
+            fprintf(stderr, "%s: cannot lock the state folder %s\n", tool.c_str(), dir.c_str());
+            return 2;
+        }
+        append_log(dir, args.empty() ? tool : tool + " " + join(args, " "));
+        State st;
+        std::string err;
+        if (!load_state_lazy(dir, st, err)) {
+            fprintf(stderr, "%s: %s\n", tool.c_str(), err.c_str());
+            return 2;
+        }
+        try {
+            r = run_tool(st, dir, tool, args);
+            if (r.changed && !save_state(dir, st, err)) {
+                fprintf(stderr, "%s: %s\n", tool.c_str(), err.c_str());
+                return 2;
+            }
+        } catch (const StateError& e) {
+            // A LUN record is read when first used: a bad one stops the command
+            // before anything is written or printed.
+            fprintf(stderr, "%s: %s\n", tool.c_str(), e.what());
+            return 2;
+        }
     }
-  }
-  // Standard error goes to the same place as standard output in every caller
-  // that matters; one stream keeps the order of the lines.
-  put(stdout, r.out);
-  fflush(stdout);
-  return r.status;
+    // A slow answer is slow outside the lock, so that others are not held up.
+    if (r.delay_ms > 0) {
+        struct timespec ts = {r.delay_ms / 1000, (r.delay_ms % 1000) * 1000000L};
+        while (nanosleep(&ts, &ts) != 0) {}
+    }
+    // Standard error goes to the same place as standard output in every caller
+    // that matters; one stream keeps the order of the lines.
+    put(stdout, r.out);
+    fflush(stdout);
+    return r.status;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string name = argc > 0 && argv[0] ? argv[0] : "arraysim";
-  size_t slash = name.rfind('/');
-  if (slash != std::string::npos) name = name.substr(slash + 1);
-  std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + argc);
-  if (arraysim::is_tool_name(name)) return run_as_tool(name, args);
-  if (!args.empty() && arraysim::is_tool_name(args[0])) {
-    std::string tool = args[0];
-    args.erase(args.begin());
-    return run_as_tool(tool, args);
-  }
-  std::string out, err;
-  int rc = arraysim::run_admin(args, self_exe(), out, err);
-  put(stdout, out);
-  put(stderr, err);
-  return rc;
+    std::string name = argc > 0 && argv[0] ? argv[0] : "arraysim";
+    size_t slash = name.rfind('/');
+    if (slash != std::string::npos) name = name.substr(slash + 1);
+    std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + argc);
+    if (arraysim::is_tool_name(name)) return run_as_tool(name, args);
+    if (!args.empty() && arraysim::is_tool_name(args[0])) {
+        std::string tool = args[0];
+        args.erase(args.begin());
+        return run_as_tool(tool, args);
+    }
+    std::string out, err;
+    int rc = arraysim::run_admin(args, self_exe(), out, err);
+    put(stdout, out);
+    put(stderr, err);
+    return rc;
 }

@@ -81,16 +81,18 @@ int zov_quillset::isSnappable(std::string src) {
         waitchild(pid, &status, 0);
         if (hit) return 1;
     }
-    m_e.logprintf(0, kFile, __LINE__,
-                  "%s: Exiting: [%s] is not configured as a snapshot capable source LUN.  Verify it "
-                  "is configured for snapshot backup with your Merlode Array Administrator.",
-                  fname, src.c_str());
+    m_e.logprintf(
+        0, kFile, __LINE__,
+        "%s: Exiting: [%s] is not configured as a snapshot capable source LUN.  Verify it "
+        "is configured for snapshot backup with your Merlode Array Administrator.",
+        fname, src.c_str());
     return 0;
 }
 
 SSError* zov_quillset::ncli_getSnapshotList() {
     const char* fname = "zov_quillset::ncli_getSnapshotList";
-    return listFromEachFrame(kFile, __LINE__, fname, &zov_quillset::processGetSnapshotList, " quillset -listsnapshots -lun");
+    return listFromEachFrame(kFile, __LINE__, fname, &zov_quillset::processGetSnapshotList,
+                             " quillset -listsnapshots -lun");
 }
 
 SSError* zov_quillset::processGetSnapshotList(FILE* stream, const std::string& ipaddr) {
@@ -314,8 +316,7 @@ SSError* zov_quillset::processVersions(FILE* stream, int index, pkgRevision* pkg
                 }
             }
             break;
-        default:
-            break;
+        default: break;
         }
     }
     if (lines < 5)

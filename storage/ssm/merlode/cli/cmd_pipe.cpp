@@ -48,7 +48,9 @@ void CMD::AddDirectories(const char* dirs) {
     free(copy);
 }
 
-void CMD::AddSystemPath() { AddDirectories(kv_getenv("PATH")); }
+void CMD::AddSystemPath() {
+    AddDirectories(kv_getenv("PATH"));
+}
 
 std::string CMD::findCmdPath(std::string cmd) {
     for (const fcmd& f : m_foundCmds)
@@ -118,8 +120,8 @@ static std::vector<std::string> split_colons(const std::string& text) {
     size_t start = 0;
     while (true) {
         size_t colon = text.find(':', start);
-        out.push_back(text.substr(start, colon == std::string::npos ? std::string::npos
-                                                                      : colon - start));
+        out.push_back(
+            text.substr(start, colon == std::string::npos ? std::string::npos : colon - start));
         if (colon == std::string::npos) break;
         start = colon + 1;
     }
@@ -195,8 +197,8 @@ SSError* spawn_command_line(MerlError& log, std::string& pathEnv, Pipe* pp, int*
     // one runs with its first 1024.
     if (count == kMaxArgs - 1) {
         free(envp[0]);
-        return log.generr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
-                          "%s:: too many arguments", fname);
+        return log.generr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR, "%s:: too many arguments",
+                          fname);
     }
     std::vector<char*> argv(kMaxArgs + 1, nullptr);
     for (int i = 0; i < count; i++) argv[i] = &arg[i][0];

@@ -56,22 +56,22 @@ bool gw_decode_array_inquiry(const unsigned char* data, size_t len, unsigned int
     if (frameIp != nullptr) {
         char ipbuf[100];
         kv_snprintf(ipbuf, sizeof(ipbuf), "%u.%u.%u.%u", inq[kInqFrameIpOffset],
-                 inq[kInqFrameIpOffset + 1], inq[kInqFrameIpOffset + 2],
-                 inq[kInqFrameIpOffset + 3]);
+                    inq[kInqFrameIpOffset + 1], inq[kInqFrameIpOffset + 2],
+                    inq[kInqFrameIpOffset + 3]);
         *frameIp = ipbuf;
     }
     return true;
 }
 
-SSError* zov_quillset::merlode_devpathname2lun(const char* given_devpathname,
-                                               unsigned int* lunID, char** frameIP) {
+SSError* zov_quillset::merlode_devpathname2lun(const char* given_devpathname, unsigned int* lunID,
+                                               char** frameIP) {
     static const char* const fname = "zov_quillset::merlode_devpathname2lun";
     if (given_devpathname == nullptr || *given_devpathname == '\0')
         return m_e.generr(kFile, __LINE__, nullptr, SS_EC_INVALID_ACCESS_PATH,
                           "[%s %d] NULL devpathname", kFile, __LINE__);
     if (lunID == nullptr)
-        return m_e.generr(kFile, __LINE__, nullptr, SS_EC_INVALID_ACCESS_PATH,
-                          "[%s %d] NULL lunID", kFile, __LINE__);
+        return m_e.generr(kFile, __LINE__, nullptr, SS_EC_INVALID_ACCESS_PATH, "[%s %d] NULL lunID",
+                          kFile, __LINE__);
 
     *lunID = 0;
     CDI_INFO cdi;
@@ -94,8 +94,7 @@ SSError* zov_quillset::merlode_devpathname2lun(const char* given_devpathname,
         if (cdi_cmd(&cdi) != CDI_STAT_SUCCESS) {
             err = m_e.generr(kFile, __LINE__, nullptr, SS_EC_INVALID_ACCESS_PATH,
                              "[%s %d] cdi_cmd(INQUIRY, \"%s\") failed, %s, %s", kFile, __LINE__,
-                             given_devpathname,
-                             cdi.error.errstr != nullptr ? cdi.error.errstr : "",
+                             given_devpathname, cdi.error.errstr != nullptr ? cdi.error.errstr : "",
                              kv_strerror(cdi.error.errnum));
         } else {
             // What arrived: a device may answer with less than was asked for.
@@ -154,8 +153,8 @@ int zov_quillset::getSrcLun(std::string device) {
     static const char* const fname = "zov_quillset::getSrcLun";
     m_e.logprintf(9, kFile, __LINE__, "%s: check [%s]", fname, device.c_str());
     if (!device.empty() && isdigit(static_cast<unsigned char>(device[0]))) {
-        m_e.logprintf(5, kFile, __LINE__, "%s: The source ID return by the Merlode is [%s]",
-                      fname, device.c_str());
+        m_e.logprintf(5, kFile, __LINE__, "%s: The source ID return by the Merlode is [%s]", fname,
+                      device.c_str());
         return static_cast<int>(strtol(device.c_str(), nullptr, 10));
     }
     unsigned int lunID = 0;
@@ -194,8 +193,7 @@ std::string zov_quillset::truncatePPSlice(std::string mountPath) {
     return mountPath;
 }
 
-int zov_quillset::ctd_ct_match(std::string& dev1, int& dev1_lun, std::string& dev2,
-                               int& dev2_lun) {
+int zov_quillset::ctd_ct_match(std::string& dev1, int& dev1_lun, std::string& dev2, int& dev2_lun) {
     static const char* const fname = "zov_quillset::ctd_ct_match";
     m_e.logprintf(9, kFile, __LINE__, "%s: Checking [%s] [%d] against [%s] [%d]", fname,
                   dev1.c_str(), dev1_lun, dev2.c_str(), dev2_lun);
@@ -227,7 +225,8 @@ void RemoveNonprntChars(std::string& str) {
 
 SSError* zov_quillset::ncli_initArrayLunUID() {
     static const char* const fname = "zov_quillset::ncli_initArrayLunUID";
-    return listFromEachFrame(kFile, __LINE__, fname, &zov_quillset::processInitArrayLunUID, " getlun -uid");
+    return listFromEachFrame(kFile, __LINE__, fname, &zov_quillset::processInitArrayLunUID,
+                             " getlun -uid");
 }
 
 SSError* zov_quillset::processInitArrayLunUID(FILE* stream, const std::string& ipaddr) {
@@ -431,7 +430,8 @@ std::string zov_quillset::getMerlSerialNumber(std::string device) {
         Pipe pipe(m_fpLog, m_logCtx);
         int pid = -1;
         SSError* err = pipe.init();
-        if (err == nullptr) err = esv_spawn(&pipe, &pid, "%s", gw_format_one(fullcmd, nullptr).c_str());
+        if (err == nullptr)
+            err = esv_spawn(&pipe, &pid, "%s", gw_format_one(fullcmd, nullptr).c_str());
         if (err != nullptr) {
             delete err;
             break;
@@ -483,8 +483,7 @@ std::string zov_quillset::getMerlSerialNumber(std::string device) {
 SSError* zov_quillset::getFrameSN(std::string& frameSN) {
     static const char* const fname = "zov_quillset::ncli_framSN";
     std::string tool;
-    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname))
-        return missing;
+    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname)) return missing;
     // A frame that prints no name must not hand back an earlier answer.
     m_utilStr.clear();
     SSError* err = perIpAddr(false, &zov_quillset::processFrameSN, tool, " arrayname",

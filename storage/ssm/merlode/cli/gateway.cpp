@@ -4,10 +4,10 @@
 #include "storage/ssm/merlode/cli/zov_quillset.h"
 
 #include <errno.h>
-#include <stdarg.h>
-#include <stdlib.h>
 #include <fcntl.h>
 #include <netdb.h>
+#include <stdarg.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -169,8 +169,8 @@ SSError* zov_quillset::init(std::vector<std::string>& ipaddrs, attrlist* attrs) 
             regerror(rc, &m_cp[i], reg_err, sizeof(reg_err));
             m_e.logprintf(1, kFile, __LINE__, "%s", reg_err);
             return m_e.generr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
-                              "%s: Failed to compile regular expression #%d, reg_err: %d", fname,
-                              i, rc);
+                              "%s: Failed to compile regular expression #%d, reg_err: %d", fname, i,
+                              rc);
         }
         m_cpCompiled = i + 1;
     }
@@ -376,8 +376,7 @@ void zov_quillset::reapPipeChildren() {
     m_pipeChildren.clear();
 }
 
-int zov_quillset::rxmatch(int index, const std::string& text, size_t nmatch,
-                          regmatch_t* pmatch) {
+int zov_quillset::rxmatch(int index, const std::string& text, size_t nmatch, regmatch_t* pmatch) {
     if (index < 0 || index >= m_cpCompiled) return REG_NOMATCH;
     return regexec(&m_cp[index], text.c_str(), nmatch, pmatch, 0);
 }
@@ -390,7 +389,9 @@ std::string rxgroup(const std::string& text, const regmatch_t& m) {
 
 // ---------------------------------------------------------------- lines
 
-int zov_quillset::lfgets(std::string& buf, FILE* stream) { return read_child_line(buf, stream); }
+int zov_quillset::lfgets(std::string& buf, FILE* stream) {
+    return read_child_line(buf, stream);
+}
 
 // ---------------------------------------------------------------- hosts
 
@@ -526,8 +527,9 @@ static int lock_file_at(MerlError& log, const std::string& path, int nonblocking
             log.logprintf(3, kFile, __LINE__, "set_file_lock : failed to open lock file [%s]",
                           path.c_str());
         int rc = -1;
-        if (fd >= 0) rc = nonblocking ? kv_trylockfile(fd, KV_LOCK_EXCLUSIVE)
-                                      : kv_lockfile(fd, KV_LOCK_EXCLUSIVE);
+        if (fd >= 0)
+            rc = nonblocking ? kv_trylockfile(fd, KV_LOCK_EXCLUSIVE)
+                             : kv_lockfile(fd, KV_LOCK_EXCLUSIVE);
         if (fd < 0 || rc != 0) {
             log.logprintf(3, kFile, __LINE__, "set_file_lock : cannot acquire lock");
             // A lock that failed leaves its descriptor open; the caller has no

@@ -39,20 +39,20 @@ static std::string chop_last(const std::string& s) {
 SSError* zov_quillset::startsession(snapdevice& sd) {
     const char* fname = "zov_quillset::startsession";
     std::string tool;
-    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname))
-        return missing;
+    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname)) return missing;
     std::vector<char> args(sd.sessionId.size() + 57);
     kv_snprintf(args.data(), args.size(), " quillset -startsession %s -lun %d -persistence",
-             sd.sessionId.c_str(), sd.srcDev.merllun);
-    SSError* err = perIpAddr(true, &zov_quillset::processStart, tool, args.data(),
-                             std::vector<std::string>());
+                sd.sessionId.c_str(), sd.srcDev.merllun);
+    SSError* err =
+        perIpAddr(true, &zov_quillset::processStart, tool, args.data(), std::vector<std::string>());
     if (err) {
         std::string why = err->getErrMsg();
         err = m_e.generr(kFile, __LINE__, err, SS_EC_UNABLE_TO_CREATE_SNAPSHOT,
                          "%s: Unable to 'tillocli quillset -startsession' for %s", fname,
                          sd.srcName.c_str());
-        m_e.logprintf(3, kFile, __LINE__, "%s.  Starting the sessions for [%s] returned error [%s].",
-                      fname, sd.srcName.c_str(), why.c_str());
+        m_e.logprintf(3, kFile, __LINE__,
+                      "%s.  Starting the sessions for [%s] returned error [%s].", fname,
+                      sd.srcName.c_str(), why.c_str());
     }
     m_e.logprintf(7, kFile, __LINE__, "%s: Exiting.", fname);
     return err;
@@ -80,8 +80,8 @@ SSError* zov_quillset::processStart(FILE* stream, const std::string& ipaddr) {
 SSError* zov_quillset::stopsession(snapdevice& sd) {
     const char* fname = "zov_quillset::stopsession";
     std::string tool;
-    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname,
-                                      ToolMiss().shown("gelmot")))
+    if (SSError* missing =
+            locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname, ToolMiss().shown("gelmot")))
         return missing;
     Pipe pipe(m_fpLog, m_logCtx);
     SSError* err = pipe.init();
@@ -106,8 +106,7 @@ SSError* zov_quillset::stopsession(snapdevice& sd) {
     // The text is not judged, but it is read off so that no child blocks on
     // a full pipe; end of file means every child has let go of it.
     std::string line;
-    while (lfgets(line, pipe.getread_strm())) {
-    }
+    while (lfgets(line, pipe.getread_strm())) {}
     int status = 0;
     if (!pids.empty()) {
         waitchild(pids.back(), &status, 0);
@@ -121,7 +120,8 @@ SSError* zov_quillset::stopsession(snapdevice& sd) {
 
 SSError* zov_quillset::refreshSessions() {
     const char* fname = "zov_quillset::refreshSessions";
-    return listFromEachFrame(kFile, __LINE__, fname, &zov_quillset::processSessionNames, " quillset -listsessions");
+    return listFromEachFrame(kFile, __LINE__, fname, &zov_quillset::processSessionNames,
+                             " quillset -listsessions");
 }
 
 SSError* zov_quillset::processSessionNames(FILE* stream, const std::string& ipaddr) {
@@ -153,8 +153,8 @@ SSError* zov_quillset::processSessionNames(FILE* stream, const std::string& ipad
             continue;
         }
         int year = 0, mon = 0, day = 0, hour = 0, min = 0;
-        if (sscanf(name.c_str() + kStampOffset, "%4d%2d%2d%2d%2d", &year, &mon, &day, &hour,
-                   &min) < 5) {
+        if (sscanf(name.c_str() + kStampOffset, "%4d%2d%2d%2d%2d", &year, &mon, &day, &hour, &min) <
+            5) {
             m_e.logprintf(7, kFile, __LINE__, "%s: found non-conforming session name [%s]", fname,
                           name.c_str());
             continue;
@@ -201,7 +201,8 @@ SSError* zov_quillset::activatesession(snapdevice& sd) {
     {
         Pipe pipe(m_fpLog, m_logCtx);
         SSError* err = pipe.init();
-        if (!err) err = esv_spawn(&pipe, &pid, "%s activate -s %s", cmd.c_str(), sd.sessionId.c_str());
+        if (!err)
+            err = esv_spawn(&pipe, &pid, "%s activate -s %s", cmd.c_str(), sd.sessionId.c_str());
         if (err) return err;
         pipe.pclose(pipe.getwrite_fd());
         processActivate(pipe.getread_strm(), sd);
@@ -228,8 +229,7 @@ SSError* zov_quillset::activatesession(snapdevice& sd) {
         if (dstCore != h.pseudoNm.substr(0, h.pseudoNm.size() - 1)) continue;
         for (const ArrayLun& p : h.patharray) {
             sd.dstName = p.pathname;
-            m_e.logprintf(9, kFile, __LINE__, "%s: Access path is [%s]", fname,
-                          sd.dstName.c_str());
+            m_e.logprintf(9, kFile, __LINE__, "%s: Access path is [%s]", fname, sd.dstName.c_str());
         }
     }
     return nullptr;
@@ -246,8 +246,10 @@ void zov_quillset::processActivate(FILE* stream, snapdevice& sd) {
         output.push_back(line);
         if (rx(m_cp[RX_ACTIVATED], line, pm, 2)) {
             sd.dstName = rx_group(line, pm[1]);
-            char so = (pm[1].rm_so >= 0 && (size_t)pm[1].rm_so < line.size()) ? line[pm[1].rm_so] : ' ';
-            char eo = (pm[1].rm_eo >= 0 && (size_t)pm[1].rm_eo < line.size()) ? line[pm[1].rm_eo] : ' ';
+            char so =
+                (pm[1].rm_so >= 0 && (size_t)pm[1].rm_so < line.size()) ? line[pm[1].rm_so] : ' ';
+            char eo =
+                (pm[1].rm_eo >= 0 && (size_t)pm[1].rm_eo < line.size()) ? line[pm[1].rm_eo] : ' ';
             m_e.logprintf(9, kFile, __LINE__, "%s: line:%s rm_so: %d (%c), rm_eo: %d (%c)", fname,
                           line.c_str(), (int)pm[1].rm_so, so, (int)pm[1].rm_eo, eo);
         }
@@ -261,8 +263,7 @@ void zov_quillset::processActivate(FILE* stream, snapdevice& sd) {
 SSError* zov_quillset::deactivatesession(snapdevice& sd) {
     const char* fname = "zov_quillset::deactivatesession";
     std::string cmd;
-    if (SSError* missing = locateTool(cmd, ZOV_TOOL_GELMOT, kFile, __LINE__, fname))
-        return missing;
+    if (SSError* missing = locateTool(cmd, ZOV_TOOL_GELMOT, kFile, __LINE__, fname)) return missing;
     for (int loop = 0; loop < kDeactivateTries; loop++) {
         int pid = -1, status = 0;
         SSError* err = nullptr;
@@ -304,9 +305,9 @@ SSError* zov_quillset::processDeactivate(FILE* stream, snapdevice& sd) {
                       sd.sessionId.c_str());
         return nullptr;
     }
-    SSError* err = m_e.generr(kFile, __LINE__, nullptr, SS_EC_SNAP_PROVIDER_ERROR,
-                              "%s: Unable to gelmot deactivate for %s", fname,
-                              sd.sessionId.c_str());
+    SSError* err =
+        m_e.generr(kFile, __LINE__, nullptr, SS_EC_SNAP_PROVIDER_ERROR,
+                   "%s: Unable to gelmot deactivate for %s", fname, sd.sessionId.c_str());
     for (const std::string& l : output)
         m_e.logprintf(9, kFile, __LINE__, "%s: line:%s", fname, chop_last(l).c_str());
     return err;
@@ -316,12 +317,12 @@ SSError* zov_quillset::rollbacksession(snapdevice& sd) {
     const char* fname = "zov_quillset::rollbacksession";
     m_e.logprintf(7, kFile, __LINE__, "Entering: %s", fname);
     std::string tool;
-    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname,
-                                      ToolMiss::lineThenError(0)))
+    if (SSError* missing =
+            locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname, ToolMiss::lineThenError(0)))
         return missing;
     std::vector<char> args(sd.sessionId.size() + 45);
     kv_snprintf(args.data(), args.size(), " quillset -startrollback %s -rate medium -o",
-             sd.sessionId.c_str());
+                sd.sessionId.c_str());
     SSError* err = perIpAddr(true, &zov_quillset::processRollback, tool, args.data(),
                              std::vector<std::string>());
     if (err)

@@ -26,12 +26,14 @@ static const int kMaxHlu = 256;
 
 SSError* zov_quillset::ncli_portlist() {
     const char* fname = "zov_quillset::ncli_portlist";
-    return listFromEachFrame(kFile, __LINE__, fname, &zov_quillset::processPortList, " port -list -hba");
+    return listFromEachFrame(kFile, __LINE__, fname, &zov_quillset::processPortList,
+                             " port -list -hba");
 }
 
 SSError* zov_quillset::ncli_storagegrouplist() {
     const char* fname = "zov_quillset::ncli_storagegrouplist";
-    return listFromEachFrame(kFile, __LINE__, fname, &zov_quillset::processStorageList, " storagegroup -list -host");
+    return listFromEachFrame(kFile, __LINE__, fname, &zov_quillset::processStorageList,
+                             " storagegroup -list -host");
 }
 
 void zov_quillset::add_storagegroup(const std::string& ipaddr, const std::string& deviceName,
@@ -254,14 +256,14 @@ SSError* zov_quillset::getStorageGroupLunList(std::string mover, std::vector<std
     const char* fname = "zov_quillset::getStorageGroupLunList";
     (void)list;  // the groups land in m_storagegrouplist; callers read them there
     std::string tool;
-    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname,
-                                      ToolMiss::lineThenError(0)))
+    if (SSError* missing =
+            locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname, ToolMiss::lineThenError(0)))
         return missing;
     m_e.logprintf(7, kFile, __LINE__, "Entering: %s", fname);
     std::string ipaddr;
     if (getIpAddr(mover, ipaddr) != 0)
-        m_e.logprintf(9, kFile, __LINE__, "getIpAddr crapped out: %s moverIPAddress ==>[%s]",
-                      fname, ipaddr.c_str());
+        m_e.logprintf(9, kFile, __LINE__, "getIpAddr crapped out: %s moverIPAddress ==>[%s]", fname,
+                      ipaddr.c_str());
     moverHostName = ipaddr.empty() ? mover : ipaddr;
     return perIpAddr(false, &zov_quillset::processStorageList, tool, " storagegroup -list -host",
                      std::vector<std::string>());
@@ -271,8 +273,8 @@ SSError* zov_quillset::getStorageGroupUID(std::string host, std::string& uid) {
     const char* fname = "zov_quillset::getStorageGroupUID";
     (void)host;  // the group is found by this host's own name
     std::string tool;
-    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname,
-                                      ToolMiss::lineThenError(0)))
+    if (SSError* missing =
+            locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname, ToolMiss::lineThenError(0)))
         return missing;
     SSError* err = perIpAddr(false, &zov_quillset::processMoverUID, tool,
                              " storagegroup -list -host", std::vector<std::string>());
@@ -361,8 +363,8 @@ SSError* zov_quillset::addCloneToStorageGroup(std::string gname, int alu) {
                       fname);
         return nullptr;
     }
-    m_e.logprintf(9, kFile, __LINE__, "%s : Adding clone lun [%d] to storage group uid [%s]",
-                  fname, alu, gname.c_str());
+    m_e.logprintf(9, kFile, __LINE__, "%s : Adding clone lun [%d] to storage group uid [%s]", fname,
+                  alu, gname.c_str());
 
     SSError* ignored = ncli_portlist();
     delete ignored;
@@ -391,15 +393,16 @@ SSError* zov_quillset::addCloneToStorageGroup(std::string gname, int alu) {
             for (const hlualu& h : sg.hlualuList)
                 if (h.hlu == hluVal) hluVal++;
         if (hluVal >= kMaxHlu) {
-            m_e.logprintf(9, kFile, __LINE__, "%s Exceeded the number of LUNs per hosts. HLUVAL[%d]",
-                          fname, hluVal);
+            m_e.logprintf(9, kFile, __LINE__,
+                          "%s Exceeded the number of LUNs per hosts. HLUVAL[%d]", fname, hluVal);
             // A full group is reported with the missing-tool text, as it
             // always has been.
             err = reportMissingTool(ZOV_TOOL_TILLO, kFile, __LINE__, fname);
         } else {
             std::vector<char> args(gname.size() + 58);
-            kv_snprintf(args.data(), args.size(), " storagegroup -addhlu -gname %s -hlu %d -alu %d ",
-                     gname.c_str(), hluVal, alu);
+            kv_snprintf(args.data(), args.size(),
+                        " storagegroup -addhlu -gname %s -hlu %d -alu %d ", gname.c_str(), hluVal,
+                        alu);
             err = perIpAddr(true, &zov_quillset::processAddHluAlu, tool, args.data(),
                             std::vector<std::string>());
             if (err) {
@@ -432,8 +435,8 @@ SSError* zov_quillset::removeCloneFromStorageGroup(std::string gname, int alu) {
         return nullptr;
     }
     std::string tool;
-    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname,
-                                      ToolMiss::lineThenError(0)))
+    if (SSError* missing =
+            locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname, ToolMiss::lineThenError(0)))
         return missing;
     // Each hit ends only the walk of its own row, so the last row's first
     // hit is the one used.
@@ -448,8 +451,8 @@ SSError* zov_quillset::removeCloneFromStorageGroup(std::string gname, int alu) {
     }
     SSError* err = nullptr;
     if (hluVal == -1) {
-        m_e.logprintf(3, kFile, __LINE__, "%s: Failed to find clone lun [%d] within a storagegroup.",
-                      fname, alu);
+        m_e.logprintf(3, kFile, __LINE__,
+                      "%s: Failed to find clone lun [%d] within a storagegroup.", fname, alu);
     } else {
         int lockfd = set_file_lock(0);
         if (lockfd < 0)
@@ -457,7 +460,7 @@ SSError* zov_quillset::removeCloneFromStorageGroup(std::string gname, int alu) {
                                "%s: Unknown exception", fname);
         std::vector<char> args(gname.size() + 58);
         kv_snprintf(args.data(), args.size(), " storagegroup -removehlu -gname %s -hlu %d -o",
-                 gname.c_str(), hluVal);
+                    gname.c_str(), hluVal);
         m_e.logprintf(9, kFile, __LINE__, "%s : string to execute", args.data());
         err = perIpAddr(true, &zov_quillset::processAddHluAlu, tool, args.data(),
                         std::vector<std::string>());

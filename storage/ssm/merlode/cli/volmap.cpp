@@ -22,8 +22,7 @@ static const char kFile[] = "storage/ssm/merlode/cli_methods";
 // on a full pipe while we wait for it.
 static void drain(zov_quillset& q, FILE* stream) {
     std::string rest;
-    while (q.lfgets(rest, stream)) {
-    }
+    while (q.lfgets(rest, stream)) {}
 }
 
 // The two commands of the map on one frame, one after the other: the
@@ -145,8 +144,7 @@ SSError* zov_quillset::initVolMap(std::string passSrcDev) {
         return err;
     }
     std::string tool;
-    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname))
-        return missing;
+    if (SSError* missing = locateTool(tool, ZOV_TOOL_TILLO, kFile, __LINE__, fname)) return missing;
     m_e.logprintf(9, kFile, __LINE__, "%s: Getting Merlode LUN Info.", fname);
     char hostbuf[64];
     memset(hostbuf, 0, sizeof(hostbuf));
@@ -184,12 +182,12 @@ SSError* zov_quillset::initVolMap(std::string passSrcDev) {
                                   "because the tilloseccli hostagent process is down.  Error "
                                   "message [%s].",
                                   fname, hostaddr.c_str(), lowered.c_str());
-                    SSError* dropped = m_e.generr(kFile, __LINE__, nullptr,
-                                                  SS_EC_SNAPSHOT_NOT_SUPPORTED,
-                                                  "%s: Unable to query the Merlode hostagent "
-                                                  "database because the hostagent process is not "
-                                                  "running.",
-                                                  fname);
+                    SSError* dropped =
+                        m_e.generr(kFile, __LINE__, nullptr, SS_EC_SNAPSHOT_NOT_SUPPORTED,
+                                   "%s: Unable to query the Merlode hostagent "
+                                   "database because the hostagent process is not "
+                                   "running.",
+                                   fname);
                     delete dropped;
                 }
             },
@@ -214,10 +212,9 @@ std::string zov_quillset::processInitVolMap(FILE* stream, std::string src) {
                   "%s: Entering and looking for a Merlode association to our LUN [%s] ", fname,
                   srcNode.c_str());
     const bool wizard = (src == CONFIGWIZARD);
-    static const char* const kKeys[] = {"Device Id:",         "Device Name:",
-                                        "Device Mapping:",    "LOGICAL UNIT WWN:",
-                                        "LOGICAL UNIT NUMBER:", "Trespassed:",
-                                        "LUN Capacity(Blocks):"};
+    static const char* const kKeys[] = {
+        "Device Id:",           "Device Name:", "Device Mapping:",      "LOGICAL UNIT WWN:",
+        "LOGICAL UNIT NUMBER:", "Trespassed:",  "LUN Capacity(Blocks):"};
     VolMapBlock b;
     std::string mountPt;
     int lines = walk_volmap(*this, stream, b, kKeys, 7, [&](const std::string& line) {
@@ -366,9 +363,9 @@ std::string zov_quillset::proxyCloneInitVolMap(int passCloneSrcNumber, int PPPse
 std::string zov_quillset::processProxyCloneInitVolMap(FILE* stream, int passSrcDev, int isPseudo) {
     const char* fname = "zov_quillset::processProxyClientInitVolMap";
     m_e.logprintf(9, kFile, __LINE__, "%s: Entering. ", fname);
-    static const char* const kKeys[] = {"Device Id:",           "Device Name:",
-                                        "LOGICAL UNIT WWN:",    "LOGICAL UNIT NUMBER:",
-                                        "Trespassed:",          "LUN Capacity(Blocks):"};
+    static const char* const kKeys[] = {
+        "Device Id:",           "Device Name:", "LOGICAL UNIT WWN:",
+        "LOGICAL UNIT NUMBER:", "Trespassed:",  "LUN Capacity(Blocks):"};
     VolMapBlock b;
     int lines = walk_volmap(*this, stream, b, kKeys, 6, [&](const std::string& line) {
         switch (b.parseState) {

@@ -29,65 +29,65 @@ extern const char* const CONFIGWIZARD;
 // numbers the table has always had (a failed compile names its row), so the
 // order never changes and rows that nothing consults stay.
 enum ZovRx {
-    RX_HBA_UID = 0,              // "HBA UID:"
-    RX_SERVER_NAME = 1,          // "Server Name:"
-    RX_SERVER_IP = 2,            // "Server IP Address:"
-    RX_PORT_INFO = 3,            // "Information about each port of this HBA:"
-    RX_HBA_INFO = 4,             // "Information about each HBA:"
-    RX_HBA_DEVNAME = 5,          // "HBA Devicename:"
-    RX_PORT_SG_NAME = 6,         // "StorageGroup Name:" of the port list
-    RX_SG_NAME = 7,              // "Storage Group Name:"
-    RX_HLU_ALU_HEADER = 8,       // "HLU Number  ALU Number"
-    RX_DASH_RULE = 9,            // a rule of dashes under a table header
-    RX_HLU_ALU_ROW = 10,         // a row of two words: HLU, ALU
-    RX_SHAREABLE = 11,           // "Shareable:"
-    RX_TARGET_LUN = 12,          // "Target Logical Unit:"
-    RX_SNAP_LUN_NAME = 13,       // "Quillset logical unit name:"
-    RX_HOSTNAME_HEADER = 14,     // "^Hostname" of the serial table
-    RX_SERIAL_DASHES = 15,       // "^--------" of the serial table
-    RX_SERIAL_ROW = 16,          // host name and serial number
-    RX_PSEUDO_NAME = 17,         // "Pseudo name=" (not consulted)
-    RX_PATH_ROW = 18,            // a multipath row (not consulted)
-    RX_SESSION_NAME = 19,        // "Name of the session:"
-    RX_PKG_NAME = 20,            // "Name of the ...:"
-    RX_PKG_REVISION = 21,        // "Revision of ...:"
-    RX_ACTIVATED = 22,           // "Activated session ... on device X."
-    RX_MUST_ACTIVATE = 23,       // "^You must activate a snapshot"
-    RX_STOPPED = 24,             // "^Stopped session" (not consulted)
-    RX_DEACTIVATED = 25,         // "^Deactivated session"
-    RX_ATF_DEVICE = 26,          // "/devices/.../atf@" (not consulted)
-    RX_CTD_FIRST = 27,           // cXtYdZ, first device of ctd_ct_match
-    RX_CTD_SECOND = 28,          // cXtYdZ, second device of ctd_ct_match
-    RX_FLUSHED = 29,             // "^Flushed object" (not consulted)
-    RX_TILLO_REVISION = 30,      // "Revision "
-    RX_GELMOT_REVISION = 31,     // "Revision number: "
-    RX_HADRIX_VERSION = 32,      // "ZOV hadrix for Hadripath (c) Version "
-    RX_COMMIT_REQUIRED = 33,     // "Commit Required:"
-    RX_ACTIVE_STATE = 34,        // "Active State:"
-    RX_CLONE_GROUP_NAME = 35,    // "Name:"
-    RX_CLONE_ID = 36,            // "CloneID:"
-    RX_CLONE_GROUP_UID = 37,     // "CloneGroupUid:"
-    RX_CLONE_STATE = 38,         // "CloneState:"
-    RX_AVAILABLE_FOR_IO = 39,    // "AvailableForIO:" (not consulted)
-    RX_SOURCES = 40,             // "Sources:"
-    RX_AGENT_REV = 41,           // "Agent Rev:" (not consulted)
-    RX_SOURCES_N = 42,           // "SourcesN" (not consulted)
-    RX_CLONES = 43,              // "Clones:"
-    RX_CLONE_CONDITION = 44,     // "CloneCondition:"
-    RX_IS_FRACTURED = 45,        // "IsFractured:"
-    RX_FAILED = 46,              // a line with "failed" inside
-    RX_LOGICAL_DEVICE_ID = 47,   // "Logical device ID=" (not consulted)
-    RX_CLONE_LUNS = 48,          // "CloneLUNs:"
-    RX_ARRAY_NAME = 49,          // "Array Name:"
-    RX_LUN_NUMBER = 50,          // "LOGICAL UNIT NUMBER"
-    RX_LUN_UID = 51,             // "UID:"
-    RX_ACTIVE_CLONE = 52,        // "name => [letter]" of the host tool's list
-    RX_SYNC_RATE = 53,           // "SyncRate:"
-    RX_CLONE_LUN_WWNS = 54,      // "CloneLUNWWNs:"
-    RX_SG_UID = 55,              // "Storage Group UID:"
-    RX_HOST_NAME = 56,           // "Host name:"
-    RX_HLU_NO = 57,              // "HLU No." of the second table form
-    RX_HLU_WWN_ROW = 58,         // a row of the second table form
+    RX_HBA_UID = 0,             // "HBA UID:"
+    RX_SERVER_NAME = 1,         // "Server Name:"
+    RX_SERVER_IP = 2,           // "Server IP Address:"
+    RX_PORT_INFO = 3,           // "Information about each port of this HBA:"
+    RX_HBA_INFO = 4,            // "Information about each HBA:"
+    RX_HBA_DEVNAME = 5,         // "HBA Devicename:"
+    RX_PORT_SG_NAME = 6,        // "StorageGroup Name:" of the port list
+    RX_SG_NAME = 7,             // "Storage Group Name:"
+    RX_HLU_ALU_HEADER = 8,      // "HLU Number  ALU Number"
+    RX_DASH_RULE = 9,           // a rule of dashes under a table header
+    RX_HLU_ALU_ROW = 10,        // a row of two words: HLU, ALU
+    RX_SHAREABLE = 11,          // "Shareable:"
+    RX_TARGET_LUN = 12,         // "Target Logical Unit:"
+    RX_SNAP_LUN_NAME = 13,      // "Quillset logical unit name:"
+    RX_HOSTNAME_HEADER = 14,    // "^Hostname" of the serial table
+    RX_SERIAL_DASHES = 15,      // "^--------" of the serial table
+    RX_SERIAL_ROW = 16,         // host name and serial number
+    RX_PSEUDO_NAME = 17,        // "Pseudo name=" (not consulted)
+    RX_PATH_ROW = 18,           // a multipath row (not consulted)
+    RX_SESSION_NAME = 19,       // "Name of the session:"
+    RX_PKG_NAME = 20,           // "Name of the ...:"
+    RX_PKG_REVISION = 21,       // "Revision of ...:"
+    RX_ACTIVATED = 22,          // "Activated session ... on device X."
+    RX_MUST_ACTIVATE = 23,      // "^You must activate a snapshot"
+    RX_STOPPED = 24,            // "^Stopped session" (not consulted)
+    RX_DEACTIVATED = 25,        // "^Deactivated session"
+    RX_ATF_DEVICE = 26,         // "/devices/.../atf@" (not consulted)
+    RX_CTD_FIRST = 27,          // cXtYdZ, first device of ctd_ct_match
+    RX_CTD_SECOND = 28,         // cXtYdZ, second device of ctd_ct_match
+    RX_FLUSHED = 29,            // "^Flushed object" (not consulted)
+    RX_TILLO_REVISION = 30,     // "Revision "
+    RX_GELMOT_REVISION = 31,    // "Revision number: "
+    RX_HADRIX_VERSION = 32,     // "ZOV hadrix for Hadripath (c) Version "
+    RX_COMMIT_REQUIRED = 33,    // "Commit Required:"
+    RX_ACTIVE_STATE = 34,       // "Active State:"
+    RX_CLONE_GROUP_NAME = 35,   // "Name:"
+    RX_CLONE_ID = 36,           // "CloneID:"
+    RX_CLONE_GROUP_UID = 37,    // "CloneGroupUid:"
+    RX_CLONE_STATE = 38,        // "CloneState:"
+    RX_AVAILABLE_FOR_IO = 39,   // "AvailableForIO:" (not consulted)
+    RX_SOURCES = 40,            // "Sources:"
+    RX_AGENT_REV = 41,          // "Agent Rev:" (not consulted)
+    RX_SOURCES_N = 42,          // "SourcesN" (not consulted)
+    RX_CLONES = 43,             // "Clones:"
+    RX_CLONE_CONDITION = 44,    // "CloneCondition:"
+    RX_IS_FRACTURED = 45,       // "IsFractured:"
+    RX_FAILED = 46,             // a line with "failed" inside
+    RX_LOGICAL_DEVICE_ID = 47,  // "Logical device ID=" (not consulted)
+    RX_CLONE_LUNS = 48,         // "CloneLUNs:"
+    RX_ARRAY_NAME = 49,         // "Array Name:"
+    RX_LUN_NUMBER = 50,         // "LOGICAL UNIT NUMBER"
+    RX_LUN_UID = 51,            // "UID:"
+    RX_ACTIVE_CLONE = 52,       // "name => [letter]" of the host tool's list
+    RX_SYNC_RATE = 53,          // "SyncRate:"
+    RX_CLONE_LUN_WWNS = 54,     // "CloneLUNWWNs:"
+    RX_SG_UID = 55,             // "Storage Group UID:"
+    RX_HOST_NAME = 56,          // "Host name:"
+    RX_HLU_NO = 57,             // "HLU No." of the second table form
+    RX_HLU_WWN_ROW = 58,        // a row of the second table form
     RX_COUNT = 59
 };
 
@@ -269,8 +269,7 @@ public:
                        std::vector<std::string> m_ipaddrlistTemp);
     // `command` holds one %s for the address; one child per frame, all into
     // `pipe`, none waited for.
-    SSError* perIpAddr(Pipe& pipe, const char* command,
-                       std::vector<std::string> m_ipaddrlistTemp);
+    SSError* perIpAddr(Pipe& pipe, const char* command, std::vector<std::string> m_ipaddrlistTemp);
     // The common listing: tilloseccli with `args` against each frame until one
     // fails, read by `parser`; a tool that cannot be found is the usual error,
     // logged under the caller's file and line.
@@ -373,7 +372,7 @@ public:
     // --- advanced snapshots ---
 
     // Data, in the layout the rest of the module relies on.
-    std::vector<std::string> m_ipaddrlist;           // sorted, unique; purged by parsers
+    std::vector<std::string> m_ipaddrlist;  // sorted, unique; purged by parsers
     std::vector<storagegroup> m_storagegrouplist;
     std::vector<cloneInfo> m_clonestoragegrouplist;
     std::vector<IP2UID> m_arrayUIDmap;
