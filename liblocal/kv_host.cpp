@@ -37,6 +37,9 @@ const int kMinFree = 100;
 KVMutex Myname_mutex;
 KVOnce Myname_once = KV_ONCE_INIT;
 thread_local bool t_myname_held;
+// Messages of a lookup, posted once Myname_mutex is let go: a logging hook
+// of the loader's may well ask whether a name is this host.
+thread_local std::vector<errinfo> t_reports;
 hostlist_cache_t DNScache;
 hostlist_cache_t CLIENTcache;
 
@@ -64,6 +67,13 @@ struct MynameLock {
     ~MynameLock() {
         t_myname_held = false;
         kv_mutex_unlock(Myname_mutex);
+        std::vector<errinfo> reports;
+        reports.swap(t_reports);
+        for (errinfo& e : reports) {
+            // To the hook or the log files: the loader's console is not ours.
+            msg_post(MSG_DEST_LOGONLY, &e);
+            msg_free(&e);
+        }
     }
     static void check_for_dbg_op();
 };
@@ -249,6 +259,12 @@ host_cache* hostlist_cache_add(hostlist_cache_t* c, const char* ip_address, cons
         }
     }
     renew_group(head, exptime);
+    // An alias may find the table full, and the trim that makes room must not
+    // take the group that the aliases are being linked to: it is busy until
+    // they are in.
+    host_status_t saved = head->status;
+    head->status = STATUS_BUSY;
+    bool complete = true;
     for (const std::string& a : aliases) {
         if (a.empty()) continue;
         host_cache* old = find_entry(c, a.c_str());
@@ -256,8 +272,17 @@ host_cache* hostlist_cache_add(hostlist_cache_t* c, const char* ip_address, cons
         if (old == head) continue;
         if (insert_entry(c, a.c_str(), head, status, exptime, now) == nullptr) {
             kv_trace(5, 0x40, "Failed to insert DNS cache entry: %s\n", a.c_str());
-            return nullptr;
+            complete = false;
+            break;
         }
+    }
+    head->status = saved;
+    if (!complete) {
+        // A group with missing aliases would answer "not the same host"
+        // for a name of its own, so it goes. A group that was busy before
+        // (samehost's first one) is another caller's to hold; it stays.
+        if (saved != STATUS_BUSY) mark_deleted(c, head);
+        return nullptr;
     }
     return head;
 }
@@ -321,11 +346,14 @@ host_cache* dns_cache_a_host(hostlist_cache_t* c, const char* host, kv_time64_t 
         canon = res->ai_canonname != nullptr ? res->ai_canonname : r;
     }
     if (canon.empty()) {
-        // Reported as a message of its own (error 12000) for the caller's
-        // last-message inspection; the lookup itself just says no.
+        // Reported, while the lookup itself just says no.
         errinfo* e = msg_create(82666, 12000, "Reverse DNS lookup failed for %s: %s", ARG_HOSTNAME,
                                 query, ARG_TEXT, gai_strerror(EAI_NONAME));
-        if (e != nullptr && e->errstr != nullptr) kv_trace(5, 0x40, "%s\n", e->errstr);
+        errinfo kept;
+        memset(&kept, 0, sizeof kept);
+        err_dup2(e, &kept);
+        msg_free(e);
+        t_reports.push_back(kept);
         kv_freeaddrinfo(res);
         return add_unknown(c, query, now);
     }
@@ -335,8 +363,8 @@ host_cache* dns_cache_a_host(hostlist_cache_t* c, const char* host, kv_time64_t 
         size_t dot = canon.find('.');
         if (dot != std::string::npos) aliases.push_back(canon.substr(0, dot));
         aliases.push_back(query);
-        struct sockaddr_storage ifs[64];
-        int n = host_ifaddrs(ifs, 64);
+        std::vector<struct sockaddr_storage> ifs;
+        int n = host_ifaddrs(&ifs);
         if (n < 0) kv_trace(5, 0x40, "Failed to find any NIC addresses: %s", strerror(errno));
         for (int i = 0; i < n; i++) {
             if (is_anyaddr(ifs[i])) continue;
@@ -544,6 +572,13 @@ void print_dns_cache_to(FILE* fp) {
 
 void print_dns_cache(void) {
     print_dns_cache_to(stdout);
+}
+
+void kv_host_set_cache_limits(int dns_max, int clients_max) {
+    MynameLock lock;
+    DNScache.max_size = dns_max > 0 ? dns_max : env_size("MAX_DNS_CACHE_SIZE", KV_DNS_CACHE_MIN);
+    CLIENTcache.max_size =
+        clients_max > 0 ? clients_max : env_size("MAX_CLIENTS_CACHE_SIZE", KV_CLIENTS_CACHE_MIN);
 }
 
 void kv_host_set_resolver(const kv_host_resolver* r) {

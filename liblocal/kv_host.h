@@ -109,6 +109,12 @@ void kv_host_request_flush(int level);
 // Time source of the expiry checks; null restores the wall clock.
 typedef kv_time64_t (*kv_host_clock_fn)(void);
 kv_host_clock_fn kv_host_set_clock(kv_host_clock_fn fn);
+// Caps of the two host caches in entries, below the floors that the
+// environment may not go under, so that a test can reach them; 0 restores
+// the size taken from the environment.
+void kv_host_set_cache_limits(int dns_max, int clients_max);
+// Entries now held by the answer caches of kv_getaddrinfo and kv_getnameinfo.
+void kv_host_addr_cache_counts(size_t* addrinfo_entries, size_t* nameinfo_entries);
 
 // The name service beneath the caches. Null members use the system's.
 // `ifaddrs` fills up to `max` numeric addresses of this machine's interfaces.

@@ -13,8 +13,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "liblocal/kv_error.h"
 #include "liblocal/kv_host.h"
@@ -23,6 +25,12 @@
 #include "liblocal/kv_thread.h"
 
 namespace {
+
+// Bounds of what the host's own tables leave open: the interface list read
+// at once, and the entries of each answer cache. A cache at its bound drops
+// what has expired, then the eighth of it that would expire soonest.
+const size_t kMaxIfaddrs = 65536;
+const size_t kMaxCacheEntries = 8192;
 
 std::atomic<kv_host_clock_fn> g_clock{nullptr};
 kv_host_resolver g_res;  // guarded by Addr_mutex for changes; read without
@@ -68,8 +76,54 @@ struct NameEntry {
 };
 
 KVMutex Addr_mutex;
-std::map<std::string, AddrEntry>* Addr_cache;
-std::map<std::string, NameEntry>* Name_cache;
+std::map<std::string, AddrEntry>* Addr_cache;  // under Addr_mutex
+std::map<std::string, NameEntry>* Name_cache;  // under Addr_mutex
+kv_time64_t Addr_next_sweep;                   // under Addr_mutex
+kv_time64_t Name_next_sweep;                   // under Addr_mutex
+
+void release(AddrEntry& e) {
+    kv_freeaddrinfo(e.ai);
+}
+void release(NameEntry&) {}
+
+// Room for one more entry. Expired entries are swept out every few minutes
+// as well, so that a cache far from its bound doesn't keep dead answers.
+// REQUIRES: Addr_mutex held.
+template <typename Entry>
+void make_room(std::map<std::string, Entry>* cache, kv_time64_t now, kv_time64_t* next_sweep) {
+    if (cache->size() < kMaxCacheEntries && now < *next_sweep) return;
+    *next_sweep = now + KV_HOST_UNKNOWN_TTL;
+    for (auto it = cache->begin(); it != cache->end();) {
+        if (it->second.exptime <= now) {
+            release(it->second);
+            it = cache->erase(it);
+        } else {
+            ++it;
+        }
+    }
+    if (cache->size() < kMaxCacheEntries) return;
+    std::vector<kv_time64_t> times;
+    times.reserve(cache->size());
+    for (const auto& e : *cache) times.push_back(e.second.exptime);
+    auto cut = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 8);
+    std::nth_element(times.begin(), cut, times.end());
+    kv_time64_t limit = *cut;
+    for (auto it = cache->begin(); it != cache->end();) {
+        if (it->second.exptime <= limit) {
+            release(it->second);
+            it = cache->erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+// An expired entry met on a lookup goes at once. REQUIRES: Addr_mutex held.
+template <typename Entry>
+void drop(std::map<std::string, Entry>* cache, typename std::map<std::string, Entry>::iterator it) {
+    release(it->second);
+    cache->erase(it);
+}
 bool Ipv6_on;
 KVOnce Addr_once = KV_ONCE_INIT;
 
@@ -78,8 +132,8 @@ void addr_once(void) {
     Addr_cache = new std::map<std::string, AddrEntry>;
     Name_cache = new std::map<std::string, NameEntry>;
     // IPv6 counts as on when ::1 is on an interface and a socket opens.
-    struct sockaddr_storage addrs[64];
-    int n = host_ifaddrs(addrs, 64);
+    std::vector<struct sockaddr_storage> addrs;
+    int n = host_ifaddrs(&addrs);
     bool have_lo6 = false;
     for (int i = 0; i < n; i++) {
         if (addrs[i].ss_family != AF_INET6) continue;
@@ -188,8 +242,25 @@ kv_time64_t host_now(void) {
     return fn != nullptr ? fn() : (kv_time64_t)time(nullptr);
 }
 
-int host_ifaddrs(struct sockaddr_storage* out, int max) {
-    return g_res.ifaddrs != nullptr ? g_res.ifaddrs(out, max) : sys_ifaddrs(out, max);
+int host_ifaddrs(std::vector<struct sockaddr_storage>* out) {
+    // The list is read into an array of a given size, which grows until the
+    // list fits. Past kMaxIfaddrs the rest is left out: a bound that only
+    // keeps a broken interface table from taking all memory.
+    size_t cap = 64;
+    for (;;) {
+        out->assign(cap, sockaddr_storage());
+        int n = g_res.ifaddrs != nullptr ? g_res.ifaddrs(out->data(), static_cast<int>(cap))
+                                         : sys_ifaddrs(out->data(), static_cast<int>(cap));
+        if (n < 0) {
+            out->clear();
+            return -1;
+        }
+        if (static_cast<size_t>(n) < cap || cap >= kMaxIfaddrs) {
+            out->resize(static_cast<size_t>(n));
+            return n;
+        }
+        cap *= 2;
+    }
 }
 
 void host_addr_flush(void) {
@@ -198,6 +269,8 @@ void host_addr_flush(void) {
     for (auto& e : *Addr_cache) kv_freeaddrinfo(e.second.ai);
     Addr_cache->clear();
     Name_cache->clear();
+    Addr_next_sweep = 0;
+    Name_next_sweep = 0;
     kv_mutex_unlock(Addr_mutex);
 }
 
@@ -222,6 +295,14 @@ kv_host_clock_fn kv_host_set_clock(kv_host_clock_fn fn) {
 
 void kv_set_addrinfo_caching(int on) {
     g_caching.store(on != 0);
+}
+
+void kv_host_addr_cache_counts(size_t* addrinfo_entries, size_t* nameinfo_entries) {
+    kv_once(&Addr_once, addr_once);
+    kv_mutex_lock(Addr_mutex);
+    if (addrinfo_entries != nullptr) *addrinfo_entries = Addr_cache->size();
+    if (nameinfo_entries != nullptr) *nameinfo_entries = Name_cache->size();
+    kv_mutex_unlock(Addr_mutex);
 }
 
 // --- public -----------------------------------------------------------------
@@ -294,7 +375,11 @@ int kv_getaddrinfo(const char* hostname, const char* service, const struct addri
     if (caching) {
         kv_mutex_lock(Addr_mutex);
         auto it = Addr_cache->find(key);
-        if (it != Addr_cache->end() && it->second.exptime > now) {
+        if (it != Addr_cache->end() && it->second.exptime <= now) {
+            drop(Addr_cache, it);
+            it = Addr_cache->end();
+        }
+        if (it != Addr_cache->end()) {
             int err = it->second.err;
             if (err == 0) *res = ai_copy(it->second.ai);
             kv_mutex_unlock(Addr_mutex);
@@ -372,7 +457,8 @@ int kv_getaddrinfo(const char* hostname, const char* service, const struct addri
     if (caching && (rc == 0 || rc == EAI_NONAME || rc == EAI_NODATA || rc == EAI_FAIL)) {
         kv_mutex_lock(Addr_mutex);
         auto it = Addr_cache->find(key);
-        if (it != Addr_cache->end()) kv_freeaddrinfo(it->second.ai);
+        if (it != Addr_cache->end()) drop(Addr_cache, it);
+        make_room(Addr_cache, now, &Addr_next_sweep);
         (*Addr_cache)[key] = AddrEntry{rc == 0 ? ai_copy(mine) : nullptr, rc,
                                        now + (rc == 0 ? KV_HOST_FOUND_TTL : KV_HOST_UNKNOWN_TTL)};
         kv_mutex_unlock(Addr_mutex);
@@ -403,7 +489,11 @@ int kv_getnameinfo(const struct sockaddr* sa, socklen_t salen, char* node, sockl
            std::to_string(service != nullptr);
     kv_mutex_lock(Addr_mutex);
     auto it = Name_cache->find(key);
-    if (it != Name_cache->end() && it->second.exptime > now) {
+    if (it != Name_cache->end() && it->second.exptime <= now) {
+        drop(Name_cache, it);
+        it = Name_cache->end();
+    }
+    if (it != Name_cache->end()) {
         NameEntry e = it->second;
         kv_mutex_unlock(Addr_mutex);
         if (e.err != 0) return e.err;
@@ -419,6 +509,9 @@ int kv_getnameinfo(const struct sockaddr* sa, socklen_t salen, char* node, sockl
     int rc = gni(sa, salen, node != nullptr ? n : nullptr, node != nullptr ? sizeof n : 0,
                  service != nullptr ? s : nullptr, service != nullptr ? sizeof s : 0, flags);
     kv_mutex_lock(Addr_mutex);
+    auto old = Name_cache->find(key);
+    if (old != Name_cache->end()) drop(Name_cache, old);
+    make_room(Name_cache, now, &Name_next_sweep);
     (*Name_cache)[key] =
         NameEntry{n, s, rc, now + (rc == 0 ? KV_HOST_FOUND_TTL : KV_HOST_UNKNOWN_TTL)};
     kv_mutex_unlock(Addr_mutex);
@@ -498,8 +591,8 @@ static bool is_loopback(const sockaddr* a) {
 int kv_is_myaddress(const struct sockaddr* addr) {
     if (addr == nullptr) return 0;
     if (is_loopback(addr)) return 1;
-    struct sockaddr_storage ifs[64];
-    int n = host_ifaddrs(ifs, 64);
+    std::vector<struct sockaddr_storage> ifs;
+    int n = host_ifaddrs(&ifs);
     for (int i = 0; i < n; i++)
         if (same_address(addr, ifs[i])) return 1;
     return 0;
@@ -508,8 +601,8 @@ int kv_is_myaddress(const struct sockaddr* addr) {
 int kv_get_ipaddresses(char*** addrs) {
     if (addrs == nullptr) return -1;
     *addrs = nullptr;
-    struct sockaddr_storage ifs[64];
-    int n = host_ifaddrs(ifs, 64);
+    std::vector<struct sockaddr_storage> ifs;
+    int n = host_ifaddrs(&ifs);
     if (n < 0) return -1;
     char** out = static_cast<char**>(xcalloc((size_t)n + 1, sizeof(char*)));
     int k = 0;
@@ -524,8 +617,8 @@ int kv_get_ipaddresses(char*** addrs) {
 
 int kv_get_ifaddress(struct sockaddr_storage* addr) {
     if (addr == nullptr) return -1;
-    struct sockaddr_storage ifs[64];
-    int n = host_ifaddrs(ifs, 64);
+    std::vector<struct sockaddr_storage> ifs;
+    int n = host_ifaddrs(&ifs);
     for (int i = 0; i < n; i++) {
         if (is_loopback(reinterpret_cast<const sockaddr*>(&ifs[i]))) continue;
         *addr = ifs[i];

@@ -4,11 +4,14 @@
 #include <sys/socket.h>
 
 #include <atomic>
+#include <vector>
 
 #include "liblocal/kv_host.h"
 
 kv_time64_t host_now(void);
-int host_ifaddrs(struct sockaddr_storage* out, int max);
+// Every address on this machine's interfaces, from the resolver in use:
+// the count, or -1 with `out` empty.
+int host_ifaddrs(std::vector<struct sockaddr_storage>* out);
 void host_addr_flush(void);
 void host_reset_local_name(void);
 void host_set_resolver_fields(const kv_host_resolver* r);

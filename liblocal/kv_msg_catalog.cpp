@@ -9,6 +9,7 @@
 // of a fixed count (10000 unless the catalogue's set 255, message 1 holds
 // another count).
 #include <errno.h>
+#include <limits.h>
 #include <nl_types.h>
 #include <stdlib.h>
 #include <string.h>
@@ -183,12 +184,13 @@ char* render_literal_id(const char* locale, const char* in_lit_id, char* out_lit
     if (in_lit_id == nullptr) return nullptr;
     const char* colon = strchr(in_lit_id, ':');
     if (colon == nullptr) return const_cast<char*>(in_lit_id);
-    // Only a number before the colon is an id; "Error: x" stays as it is.
-    const char* p = in_lit_id;
-    while (p < colon && *p >= '0' && *p <= '9') ++p;
-    if (p != colon || p == in_lit_id) return const_cast<char*>(in_lit_id);
-    int id = atoi(in_lit_id);
-    return render_literal(id, locale, colon + 1, out_lit);
+    // Whatever stands before the colon is the id, read as a number: a word
+    // reads as 0, which is never translated, so "Note: x" gives " x".
+    int saved = errno;
+    long id = strtol(in_lit_id, nullptr, 10);
+    errno = saved;  // an id out of range is no error of the caller's
+    if (id < 0 || id > INT_MAX) id = 0;
+    return render_literal(static_cast<int>(id), locale, colon + 1, out_lit);
 }
 
 char* msg_lit_create(int msgID, const char* form) {

@@ -52,6 +52,38 @@ char* g_progname = nullptr;
 KVMutex g_name_lock = nullptr;
 std::atomic<int> g_activity{0};
 
+// err_setall's record lends its text from the thread's own array, and the
+// record may still be released the normal way (msg_free, err_free), on any
+// thread. msg_free tells such a text from an owned one by this list of the
+// threads that have used err_setall; while none has, it costs one load.
+KVMutex g_setall_lock = nullptr;
+MsgThread* g_setall_threads = nullptr;  // under g_setall_lock
+std::atomic<int> g_setall_users{0};
+
+bool is_setall_text(const char* p) {
+    if (g_setall_users.load(std::memory_order_acquire) == 0) return false;
+    bool found = false;
+    kv_mutex_lock(g_setall_lock);
+    for (MsgThread* t = g_setall_threads; t != nullptr && !found; t = t->setall_next)
+        found = p == t->err_text;
+    kv_mutex_unlock(g_setall_lock);
+    return found;
+}
+
+void setall_unregister(MsgThread* t) {
+    if (!t->setall_listed) return;
+    kv_mutex_lock(g_setall_lock);
+    for (MsgThread** pp = &g_setall_threads; *pp != nullptr; pp = &(*pp)->setall_next) {
+        if (*pp == t) {
+            *pp = t->setall_next;
+            break;
+        }
+    }
+    kv_mutex_unlock(g_setall_lock);
+    t->setall_listed = false;
+    g_setall_users.fetch_sub(1, std::memory_order_release);
+}
+
 void thread_state_free(void* p) {
     MsgThread* t = static_cast<MsgThread*>(p);
     if (t == nullptr) return;
@@ -60,6 +92,7 @@ void thread_state_free(void* p) {
     free(t->st_ring);
     msg_free(&t->tmperr);
     free(t->persistent);
+    setall_unregister(t);
     free(t);
 }
 
@@ -105,6 +138,7 @@ void msg_once_routine() {
     g_lit_pool.lock = new_mutex_until_made();
     g_lit_pool.size = MSG_LIT_BUFFER_SIZE;
     g_name_lock = new_mutex_until_made();
+    g_setall_lock = new_mutex_until_made();
     while ((g_thread_key = kv_threadstorage_new(thread_state_free)) == nullptr)
         kv_thread_sleep(1000);
 }
@@ -259,6 +293,16 @@ MsgThread* msg_thread(void) {
     return t;
 }
 
+void msg_setall_register(MsgThread* t) {
+    if (t->setall_listed) return;
+    kv_mutex_lock(g_setall_lock);
+    t->setall_next = g_setall_threads;
+    g_setall_threads = t;
+    kv_mutex_unlock(g_setall_lock);
+    t->setall_listed = true;
+    g_setall_users.fetch_add(1, std::memory_order_release);
+}
+
 errinfo* msg_next_errinfo(void) {
     MsgThread* t = msg_thread();
     t->ring_next = (t->ring_next + 1) % MSG_ERRINFO_RING_SIZE;
@@ -329,7 +373,7 @@ void msg_structext_copy(structext* dst, const structext* src) {
 
 void msg_free(errinfo* err) {
     if (err == nullptr) return;
-    free(err->errstr);
+    if (err->errstr != nullptr && !is_setall_text(err->errstr)) free(err->errstr);
     err->errstr = nullptr;
     free(err->programName);
     err->programName = nullptr;

@@ -271,6 +271,7 @@ errinfo* err_setstr(int type, int errnum, char* errstr) {
 
 errinfo* err_setall(int type, int severity, int errnum, char* errstr) {
     MsgThread* t = msg_thread();
+    msg_setall_register(t);
     const char* text = errstr;
     if (text == nullptr) text = table_text(type, errnum);
     if (text == nullptr && (type == 1 || type == 18)) text = kv_strerror(errnum);

@@ -35,8 +35,13 @@ struct MsgThread {
     char err_text[1024];  // err_setall's text: it must not allocate
     char* persistent;     // err_accrue's collected text
     int accrue_on;
+    MsgThread* setall_next;  // in the list of threads whose err_text msg_free must not free
+    bool setall_listed;
 };
 MsgThread* msg_thread(void);
+
+// Puts the thread in the list of err_setall users, once. Allocates nothing.
+void msg_setall_register(MsgThread* t);
 
 // Next ring slot, its previous content released.
 errinfo* msg_next_errinfo(void);

@@ -491,6 +491,31 @@ struct TextArg {
 void render_text_args(Sink& sink, const char* locale, const char* form, const TextArg* args,
                       int argcount, int depth);
 
+// The locale of a whole rendering, settled once at its start: a null locale
+// is the process's, and that name comes from a rotating per-thread slot that
+// the lookups of the rendering itself refill.
+std::string settled_locale(const char* locale) {
+    if (locale == nullptr) locale = kv_get_my_locale();
+    return locale != nullptr ? locale : "";
+}
+
+// Renders a message's arguments under its format for the locale. A
+// translated format lies in one of the catalogue's rotating per-thread
+// slots, and each literal, nested message or lookup of the walk takes the
+// next one: the walk reads a copy of its own, so a refilled (or moved) slot
+// can't change or free the text under it. The English format is the
+// caller's and needs no copy.
+void render_message(Sink& sink, const char* locale, int msgID, const char* form,
+                    const TextArg* args, int argcount, int depth) {
+    const char* lform = get_localized_form(msgID, locale, form);
+    std::string copy;
+    if (lform != form) {
+        copy = lform;
+        lform = copy.c_str();
+    }
+    render_text_args(sink, locale, lform, args, argcount, depth);
+}
+
 std::string render_nested_string(const char* locale, const structext* st, int depth) {
     Sink s;
     s.dynamic = true;
@@ -507,8 +532,7 @@ std::string render_nested_string(const char* locale, const structext* st, int de
             args[i].arg = a != nullptr ? a->arg : nullptr;
             args[i].nested = nullptr;
         }
-        const char* form = get_localized_form(st->MsgId, locale, st->form);
-        render_text_args(s, locale, form, args, st->argcount, depth);
+        render_message(s, locale, st->MsgId, st->form, args, st->argcount, depth);
         if (args != stack_args) delete[] args;
         out.assign(s.buf, s.len);
     }
@@ -527,7 +551,10 @@ const char* resolve_cs(const char* locale, const TextArg& a, int depth,
     }
     if (a.arg == nullptr) return "null";
     if (a.argdesc == ARG_LITERAL_ID && strchr(a.arg, ':') != nullptr) {
-        return render_literal_id(locale, a.arg, nullptr);
+        // Kept with the rendering rather than in the process's literal pool,
+        // which a format of more literals than the pool holds would wrap.
+        keep.push_front(render_literal_id(locale, a.arg, nullptr));
+        return keep.front().c_str();
     }
     if ((a.argdesc == ARG_NESTED_STBUF || a.argdesc == ARG_NESTED_ERRINFO) &&
         depth < kMaxNestDepth) {
@@ -912,7 +939,6 @@ int i18n_snprintf(char* buf, size_t len, char** bufp, const char* fmt, ...) {
 
 namespace {
 int render_st(Sink& sink, const char* locale, structext* st) {
-    const char* form = get_localized_form(st->MsgId, locale, st->form);
     TextArg stack_args[16];
     int n = st->argcount > 0 ? st->argcount : 0;
     TextArg* args = n <= 16 ? stack_args : new TextArg[static_cast<size_t>(n)];
@@ -922,7 +948,7 @@ int render_st(Sink& sink, const char* locale, structext* st) {
         args[i].arg = a != nullptr ? a->arg : nullptr;
         args[i].nested = nullptr;
     }
-    render_text_args(sink, locale, form, args, n, 0);
+    render_message(sink, locale, st->MsgId, st->form, args, n, 0);
     if (args != stack_args) delete[] args;
     return static_cast<int>(sink.len);
 }
@@ -937,7 +963,8 @@ int i18n_render_structext(char* buf, size_t len, char** bufp, const char* locale
     if (buf != nullptr && len == 0) return 0;
     Sink sink;
     sink_setup(sink, buf, len, bufp, strtxt->form);
-    int n = render_st(sink, locale, strtxt);
+    const std::string loc = settled_locale(locale);
+    int n = render_st(sink, loc.c_str(), strtxt);
     sink_finish(sink, bufp, buf == nullptr, "i18n_render_structext");
     return n;
 }
@@ -945,7 +972,7 @@ int i18n_render_structext(char* buf, size_t len, char** bufp, const char* locale
 void msg_render_to_string(std::string& out, const char* locale, const structext* st) {
     out.clear();
     if (st == nullptr || st->form == nullptr) return;
-    out = render_nested_string(locale, st, 0);
+    out = render_nested_string(settled_locale(locale).c_str(), st, 0);
 }
 
 char* render_structext(const char* locale, structext* strtxt) {
@@ -990,8 +1017,8 @@ char* vrender_string(int msgID, const char* locale, const char* form, va_list ap
     Sink sink;
     sink.buf = buf;
     sink.cap = MSG_BUFFER_SIZE;
-    const char* lform = get_localized_form(msgID, locale, form);
-    render_text_args(sink, locale, lform, args, count, 0);
+    const std::string loc = settled_locale(locale);
+    render_message(sink, loc.c_str(), msgID, form, args, count, 0);
     if (args != stack_args) delete[] args;
     if (sink.truncated) kv_trace(6, 0x20, "i18n_vrender_string: Truncation detected\n");
     return buf;
@@ -1013,7 +1040,8 @@ char* msg_handle_cs_arg(const char* locale, int argdesc, char* arg) {
     if (argdesc == ARG_NESTED_STBUF || argdesc == ARG_NESTED_ERRINFO) {
         std::forward_list<std::string> keep;
         TextArg a = {argdesc, arg, nullptr};
-        const char* r = resolve_cs(locale, a, 0, keep);
+        const std::string loc = settled_locale(locale);
+        const char* r = resolve_cs(loc.c_str(), a, 0, keep);
         if (r == arg) return arg;
         char* buf = msg_pool_buffer();
         snprintf(buf, MSG_BUFFER_SIZE, "%s", r);
@@ -1024,34 +1052,24 @@ char* msg_handle_cs_arg(const char* locale, int argdesc, char* arg) {
 
 int get_num_args(const char* form) {
     if (form == nullptr) return 0;
+    // Each conversion is one pair and each "*" one more, positions or not:
+    // "%1$s %1$s" takes two pairs, as a caller of the message calls counts
+    // them by the conversions it sees.
     int next = 1;
     int count = 0;
-    int maxpos = 0;
-    bool positional = false;
     for (const char* p = strchr(form, '%'); p != nullptr; p = strchr(p, '%')) {
         Conversion sp;
-        int before = next;
         ParseResult r = parse_spec(p, &next, &sp);
         if (r == PARSE_PERCENT) {
             p = sp.end;
             continue;
         }
-        if (r == PARSE_BAD) {
-            if (sp.conv == '\0') break;
-            // Counted like the others so that the caller's pairs stay aligned.
-            if (sp.end == nullptr) break;
-        }
-        count += next - before;
-        if (sp.pos != 0 && next == before) {
-            positional = true;
-            if (sp.pos > maxpos) maxpos = sp.pos;
-            if (sp.width_pos > maxpos) maxpos = sp.width_pos;
-            if (sp.prec_pos > maxpos) maxpos = sp.prec_pos;
-        }
+        // A conversion that is cut off ends the format; one that can't be
+        // rendered is counted like the others so that the pairs stay aligned.
+        if (r == PARSE_BAD && (sp.conv == '\0' || sp.end == nullptr)) break;
+        count += 1 + (sp.width_pos > 0 ? 1 : 0) + (sp.prec_pos > 0 ? 1 : 0);
         p = sp.end;
     }
-    // With positions, one argument may serve several conversions.
-    if (positional && maxpos > count) count = maxpos;
     if (count > MSG_MAX_POSITIONS) count = MSG_MAX_POSITIONS;
     return count;
 }

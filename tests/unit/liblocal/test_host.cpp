@@ -5,10 +5,12 @@
 #include <stdlib.h>
 
 #include <string>
+#include <vector>
 
 #include "host_fake_resolver.h"
 #include "liblocal/kv_clu.h"
 #include "liblocal/kv_host.h"
+#include "liblocal/kv_msg.h"
 
 namespace {
 
@@ -39,6 +41,7 @@ protected:
     void TearDown() override {
         kv_host_set_resolver(nullptr);
         kv_host_set_clock(nullptr);
+        kv_host_set_cache_limits(0, 0);
         free_client_hostlist_cache();
         clu_set_paths_for_test(nullptr);
         clu_reset_for_test();
@@ -241,9 +244,116 @@ TEST_F(HostCache, NameinfoIsCached) {
     EXPECT_EQ(fake_resolver::gni_calls().load(), before + 1);
 }
 
-TEST_F(HostCache, MachineWithoutReverseNameIsUnknown) {
+struct Report {
+    int id, errnum, dest;
+    std::string text;
+    bool under_host_lock;
+};
+std::vector<Report> g_reports;
+void report_hook(int dest, errinfo* m) {
+    g_reports.push_back({m->MsgId, m->errnum, dest, m->errstr, kv_host_lock_held() != 0});
+}
+
+// The failed reverse lookup is reported through the logging hook, once the
+// host lock is let go (a hook may ask about names itself); the console
+// gets nothing, and the cached answer reports nothing again.
+TEST_F(HostCache, MachineWithoutReverseNameIsUnknownAndReported) {
     fake_resolver::no_reverse() = {"127.0.2.60"};
+    g_reports.clear();
+    msg_set_post_func(report_hook);
+    testing::internal::CaptureStderr();
     EXPECT_EQ(is_validhostname("noreverse-only"), 0);
+    EXPECT_EQ(is_validhostname("noreverse-only"), 0);
+    std::string console = testing::internal::GetCapturedStderr();
+    msg_set_post_func(nullptr);
+    ASSERT_EQ(g_reports.size(), 1u);
+    EXPECT_EQ(g_reports[0].id, 82666);
+    EXPECT_EQ(g_reports[0].errnum, 12000);
+    EXPECT_EQ(g_reports[0].dest, MSG_DEST_LOGONLY);
+    EXPECT_EQ(g_reports[0].text.rfind("Reverse DNS lookup failed for noreverse-only: ", 0), 0u);
+    EXPECT_FALSE(g_reports[0].under_host_lock);
+    EXPECT_EQ(console.find("Reverse DNS"), std::string::npos);
+}
+
+// The table at its limit: each lookup adds a group of three names (the
+// canonical name, the address, the short name). The names sort before their
+// addresses and are looked up in falling order, so the group being built
+// always stands first in the table, where a hard trim starts.
+TEST_F(HostCache, FullTableKeepsTheGroupBeingBuilt) {
+    kv_host_set_cache_limits(2048, 0);
+    const int hosts = 1500;  // 4500 names: the table trims several times
+    char ip[64], name[32], full[64];
+    for (int i = hosts; i > 0; --i) {
+        snprintf(ip, sizeof ip, "fd00::%x", i);
+        snprintf(name, sizeof name, "c%05d", i);
+        snprintf(full, sizeof full, "%s.example.test", name);
+        fake_resolver::table().push_back({ip, {full, name}});
+    }
+    for (int i = hosts; i > 0; --i) {
+        snprintf(ip, sizeof ip, "fd00::%x", i);
+        snprintf(name, sizeof name, "c%05d", i);
+        snprintf(full, sizeof full, "%s.example.test", name);
+        char* p = get_primaryhostname(name);
+        ASSERT_NE(p, nullptr) << name;
+        EXPECT_STREQ(p, full);
+        free(p);
+        ASSERT_EQ(samehost(name, ip), 1) << name;
+    }
+    // This machine's group is never trimmed.
+    EXPECT_EQ(is_myname("vm"), 1);
+}
+
+// However many interfaces the machine has, each one's address is this
+// host's, and its reverse name an alias of this machine.
+TEST_F(HostCache, EveryInterfaceCountsHoweverMany) {
+    fake_resolver::interfaces() = {"127.0.0.1"};
+    char ip[32], name[64];
+    for (int i = 1; i <= 100; ++i) {
+        snprintf(ip, sizeof ip, "10.9.0.%d", i);
+        snprintf(name, sizeof name, "if%d.example.test", i);
+        fake_resolver::interfaces().push_back(ip);
+        fake_resolver::table().push_back({ip, {name}});
+    }
+    char** list = nullptr;
+    ASSERT_EQ(kv_get_ipaddresses(&list), 101);
+    EXPECT_STREQ(list[100], "10.9.0.100");
+    for (char** p = list; *p != nullptr; p++) free(*p);
+    free(list);
+    sockaddr_storage ss;
+    ASSERT_EQ(kv_inet_pton("10.9.0.100", &ss), 1);
+    EXPECT_EQ(kv_is_myaddress(reinterpret_cast<sockaddr*>(&ss)), 1);
+    EXPECT_EQ(is_myname("if100.example.test"), 1);
+    EXPECT_EQ(samehost("10.9.0.99", "vm"), 1);
+}
+
+// The answer caches of kv_getaddrinfo and kv_getnameinfo let expired answers
+// go and stay bounded however many names are asked.
+TEST_F(HostCache, AnswerCachesDropExpiredAnswersAndStayBounded) {
+    addrinfo hints;
+    memset(&hints, 0, sizeof hints);
+    addrinfo* res = nullptr;
+    char name[32];
+    size_t addrs = 0, names = 0;
+    for (int i = 0; i < 20000; ++i) {
+        snprintf(name, sizeof name, "gone%d", i);
+        ASSERT_EQ(kv_getaddrinfo(name, nullptr, &hints, &res), EAI_NONAME);
+        sockaddr_in sa;
+        memset(&sa, 0, sizeof sa);
+        sa.sin_family = AF_INET;
+        sa.sin_addr.s_addr = htonl(0x0A000000u + (uint32_t)i);
+        char node[64];
+        kv_getnameinfo(reinterpret_cast<sockaddr*>(&sa), sizeof sa, node, sizeof node, nullptr, 0,
+                       NI_NAMEREQD);
+        kv_host_addr_cache_counts(&addrs, &names);
+        ASSERT_LE(addrs, 8192u) << i;
+        ASSERT_LE(names, 8192u) << i;
+    }
+    EXPECT_GT(addrs, 1000u);  // still a cache
+    // Once their five minutes are over, the failures go at the next answer.
+    g_now += 301;
+    ASSERT_EQ(kv_getaddrinfo("gone-late", nullptr, &hints, &res), EAI_NONAME);
+    kv_host_addr_cache_counts(&addrs, nullptr);
+    EXPECT_EQ(addrs, 1u);
 }
 
 // The system's own resolver, on names this machine always has.

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -83,6 +84,29 @@ TEST(ErrSetall, FillsThePerThreadRecordWithoutAMessage) {
     EXPECT_STREQ(err_setall(9, 2, 1, const_cast<char*>("mine"))->errstr, "mine");
 }
 
+// The record is released like any other, on its own thread or another, and
+// the next err_setall fills it again.
+TEST(ErrSetall, RecordIsReleasedByTheUsualCalls) {
+    errinfo* e = err_setall(2, 0, 5, nullptr);
+    msg_free(e);
+    EXPECT_EQ(e->errstr, nullptr);
+    e = err_setall(2, 0, 26, nullptr);
+    EXPECT_STREQ(e->errstr, "Couldn't make connection");
+    err_free(e);
+    err_free(e);  // twice is harmless: the text pointer is gone
+    errinfo copy = {};
+    err_dup2(err_setall(9, 2, 1, const_cast<char*>("kept")), &copy);
+    msg_free(err_setall(9, 2, 1, const_cast<char*>("gone")));
+    EXPECT_STREQ(copy.errstr, "kept");
+    msg_free(&copy);
+
+    errinfo* mine = err_setall(3, 0, 2, nullptr);
+    std::thread freer([mine] { msg_free(mine); });
+    freer.join();
+    EXPECT_EQ(mine->errstr, nullptr);
+    EXPECT_STREQ(err_setall(3, 0, 2, nullptr)->errstr, "Resource already exists");
+}
+
 TEST(ErrAccrue, CollectsNewestFirstOnceSwitchedOn) {
     EXPECT_EQ(err_accrue("ignored while off"), nullptr);
     EXPECT_EQ(blow_err(1), nullptr);  // switches it on; nothing collected yet
@@ -112,6 +136,10 @@ TEST(KvStrerror, KeepsErrnoAndLastErrorAndRefusesForeignCodes) {
     kv_error_clear_last();
 }
 
+std::string long_literal(int i) {
+    return "L" + std::to_string(i) + std::string(1500, 'a' + i);
+}
+
 // A catgets catalogue made with gencat in a scratch folder.
 class Catalogue : public testing::Test {
 protected:
@@ -124,13 +152,18 @@ protected:
         std::string src = dir_ + "/cat.msg";
         FILE* f = fopen(src.c_str(), "w");
         ASSERT_NE(f, nullptr);
-        fputs("$set 1\n5 Bonjour %s\n6 %2$s puis %1$s\n7 100%\n$set 2\n1 set two\n", f);
+        fputs("$set 1\n5 Bonjour %s\n6 %2$s puis %1$s\n7 100%\n", f);
+        // A format of ten literals, each translated into a long text.
+        fputs("8 <%s|%s|%s|%s|%s|%s|%s|%s|%s|%s>\n", f);
+        for (int i = 1; i <= 10; ++i) fprintf(f, "%d %s\n", 10 + i, long_literal(i).c_str());
+        fputs("$set 2\n1 set two\n", f);
         fclose(f);
         std::string cmd = "gencat " + loc + "/vmr.cat " + src + " 2>/dev/null";
         if (system(cmd.c_str()) != 0) GTEST_SKIP() << "gencat is not available";
         kv_set_catalog_dir(dir_.c_str());
     }
     void TearDown() override {
+        kv_set_my_locale(nullptr);
         kv_set_catalog_dir(nullptr);
         kv_i18n_enable(1);
         std::string cmd = "rm -rf " + dir_;
@@ -154,6 +187,27 @@ TEST_F(Catalogue, TranslationIsChosenByNumberAndLocale) {
 
 TEST_F(Catalogue, TranslationMayReorderArguments) {
     EXPECT_STREQ(render_string(6, "xx_XX", "%s then %s", ARG_TEXT, "A", ARG_TEXT, "B"), "B puis A");
+}
+
+// Under the process locale every literal is looked up as the format is
+// walked; the translated format must outlive all those lookups.
+TEST_F(Catalogue, TranslatedFormOutlivesTheLookupsOfItsLiterals) {
+    kv_set_my_locale("xx_XX");
+    std::string want = "<";
+    for (int i = 1; i <= 10; ++i) want += long_literal(i) + (i < 10 ? "|" : ">");
+    const char* en = "%s %s %s %s %s %s %s %s %s %s";
+    const char* r = render_string(
+        8, nullptr, en, ARG_LITERAL_ID, "11:a", ARG_LITERAL_ID, "12:b", ARG_LITERAL_ID, "13:c",
+        ARG_LITERAL_ID, "14:d", ARG_LITERAL_ID, "15:e", ARG_LITERAL_ID, "16:f", ARG_LITERAL_ID,
+        "17:g", ARG_LITERAL_ID, "18:h", ARG_LITERAL_ID, "19:i", ARG_LITERAL_ID, "20:j");
+    EXPECT_EQ(std::string(r), want);
+    errinfo* e = msg_create(8, 0, en, ARG_LITERAL_ID, "11:a", ARG_LITERAL_ID, "12:b",
+                            ARG_LITERAL_ID, "13:c", ARG_LITERAL_ID, "14:d", ARG_LITERAL_ID, "15:e",
+                            ARG_LITERAL_ID, "16:f", ARG_LITERAL_ID, "17:g", ARG_LITERAL_ID, "18:h",
+                            ARG_LITERAL_ID, "19:i", ARG_LITERAL_ID, "20:j");
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(std::string(e->errstr), want);
+    msg_free(e);
 }
 
 TEST_F(Catalogue, LiteralByIdAndErrnoPreserved) {

@@ -98,7 +98,11 @@ TEST(Render, LiteralByIdIsResolved) {
                  "<Timed out>");
     EXPECT_STREQ(render_string(0, nullptr, "<%s>", ARG_TEXT, "71005:Timed out"),
                  "<71005:Timed out>");
-    EXPECT_STREQ(render_string(0, nullptr, "<%s>", ARG_LITERAL_ID, "Note: x"), "<Note: x>");
+    // Whatever stands before the colon is the id; a word is id 0, untranslated.
+    EXPECT_STREQ(render_string(0, nullptr, "<%s>", ARG_LITERAL_ID, "Note: x"), "< x>");
+    EXPECT_STREQ(render_literal_id(nullptr, "abc:def", nullptr), "def");
+    EXPECT_STREQ(render_literal_id(nullptr, ":bare", nullptr), "bare");
+    EXPECT_STREQ(render_literal_id(nullptr, "99999999999999999999:big", nullptr), "big");
 }
 
 TEST(Render, NestedStbufDeeplyNestedStaysBounded) {
@@ -170,7 +174,11 @@ TEST(GetNumArgs, CountsConversionsStarsAndPositions) {
     EXPECT_EQ(get_num_args("%s %d"), 2);
     EXPECT_EQ(get_num_args("%*s"), 2);
     EXPECT_EQ(get_num_args("%-*.*s"), 3);
-    EXPECT_EQ(get_num_args("%2$s %1$s %2$s"), 2);
+    // Positions don't merge: every conversion is one pair.
+    EXPECT_EQ(get_num_args("%2$s %1$s %2$s"), 3);
+    EXPECT_EQ(get_num_args("%1$s %1$s"), 2);
+    EXPECT_EQ(get_num_args("%2$s"), 1);
+    EXPECT_EQ(get_num_args("%1$*2$d"), 2);
     EXPECT_EQ(get_num_args(nullptr), 0);
 }
 
