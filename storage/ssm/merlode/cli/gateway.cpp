@@ -130,6 +130,15 @@ std::string gw_format_one(const std::string& format, const char* arg) {
     return out;
 }
 
+std::string gw_escape_percent(const std::string& text) {
+    std::string out;
+    for (char c : text) {
+        out += c;
+        if (c == '%') out += '%';
+    }
+    return out;
+}
+
 // ---------------------------------------------------------------- object
 
 zov_quillset::zov_quillset(SSLOG_FUNC_POINTER fpLog, void* logCtx)

@@ -13,6 +13,9 @@
 // sign, and an unmatched conversion must never read a missing argument.
 std::string gw_format_one(const std::string& format, const char* arg);
 
+// `text` with each "%" doubled, so that it passes gw_format_one unchanged.
+std::string gw_escape_percent(const std::string& text);
+
 // Reads standard INQUIRY data of which `len` bytes arrived: false when the
 // vendor is not the array's; otherwise the LUN number (bytes 121-122, high
 // byte first) and the owning frame's IPv4 address (bytes 140-143) as text.

@@ -368,6 +368,50 @@ public:
     SSError* processVxdiskScan(FILE* stream);
 
     // --- clones ---
+    // 1 when the device (path or LUN number) is the source of a clone group.
+    int isCloneable(std::string device);
+    // "" when every source has at least `retainSnapCount` clones, else one
+    // line for each that has not.
+    std::string validateCloneConfig(std::list<snapdevice>& snapDeviceList, int retainSnapCount);
+    // A clone's row from the cache (getFromArray 0, when it is there) or from
+    // the array, which refreshes the cache.
+    SSError* getCloneInfo(std::string cloneId, std::string cloneGrpId, cloneInfo& clnInfo,
+                          int getFromArray);
+    // Appends to `cloneList` every clone of the group whose source is `srcLun`.
+    SSError* getCloneGroupInfo(int srcLun, std::vector<cloneInfo>& cloneList);
+    // A reservation is a sync rate that begins with "3981".
+    SSError* getCloneRsvd(std::string CloneGroup, std::string CloneId, int& isRsvd);
+    SSError* reserveCloneLun(std::string CloneGroup, std::string CloneId,
+                             std::vector<std::string> m_ipaddrlistTemp);
+    // Gives the rate "high" back, and only to a clone that is reserved.
+    SSError* unreserveCloneLun(std::string CloneGroup, std::string CloneId);
+    SSError* syncClone(std::string cloneGroupId, std::string cloneId);
+    SSError* rollbackClone(std::string cloneGroupId, std::string cloneId);
+    // `cloneStr` holds the switches naming the clone.
+    SSError* fractureClone(std::string cloneStr, std::vector<std::string> m_ipaddrlistTemp);
+    // One command, against the first of the given addresses only.
+    SSError* consistentFractureClone(std::string cloneGroupIdStr,
+                                     std::vector<std::string> m_ipaddrlistTemp);
+    // Rows of the host tool's list always go to m_activeCloneList.
+    SSError* getActiveClone(std::vector<activeClone>& activeCloneList);
+    SSError* getActiveClone();
+    SSError* activateclone(snapdevice& sd);
+    SSError* deactivateclone(snapdevice& sd);
+    SSError* ncli_getCloneList();
+    SSError* verifyCloneCmd(FILE* stream, const std::string& ipaddr);
+    SSError* processGetCloneInfo(FILE* stream, const std::string& ipaddr);
+    SSError* processGetCloneGroupInfo(FILE* stream, const std::string& ipaddr);
+    SSError* processGetCloneList(FILE* stream, const std::string& ipaddr);
+    SSError* processGetSourceCloneInfo(FILE* stream, const std::string& ipaddr);
+    SSError* processGetCloneWWN(FILE* stream, const std::string& ipaddr);
+    // The change command of the sync rate, frame by frame until one takes it.
+    bool changeCloneRate(const std::string& tool, const std::string& CloneGroup,
+                         const std::string& CloneId, const char* rate,
+                         const std::vector<std::string>& frames, const char* fname);
+    // A change of a clone's state through perIpAddr until one frame takes it;
+    // a refusal is reported under `subject`.
+    SSError* runCloneChange(const char* fname, const std::string& args, const std::string& subject,
+                            std::vector<std::string> frames);
 
     // --- advanced snapshots ---
 
