@@ -10,6 +10,7 @@
 #include <new>
 
 #include "liblocal/kv_thread.h"
+#include "storage/ssm/merlode/SCQuillsetClone.h"
 #include "storage/ssm/merlode/SCQuillsetCow.h"
 #include "storage/ssm/merlode/cli/zov_quillset.h"
 #include "storage/ssm/merlode/merl_globalfuncs.h"
@@ -156,17 +157,24 @@ SSError* merlDirectoryService::getServiceInstance(const char* serviceSubType,
         return subtypeNotSupported(__LINE__, fname, serviceSubType);
     }
     SSError* err = nullptr;
+    IService* obj = nullptr;
+    bool known = true;
     if (strcasecmp(serviceSubType, "COW") == 0) {
         m_e.logprintf(5, kFile, __LINE__, "%s : Working on COW type", fname);
-        IService* obj = new (std::nothrow) SCQuillsetCow(m_fpLog, m_logCtx);
-        if (obj == nullptr)
-            err = m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
-                              "%s: Creation of Merlode Snapshot Control object failed", fname);
-        else
-            serviceObj = obj;
+        obj = new (std::nothrow) SCQuillsetCow(m_fpLog, m_logCtx);
+    } else if (strcasecmp(serviceSubType, "MIRROR") == 0) {
+        m_e.logprintf(5, kFile, __LINE__, "%s : Working on Mirror type", fname);
+        obj = new (std::nothrow) SCQuillsetClone(m_fpLog, m_logCtx);
+    } else {
+        // A subtype without a provider in this build, like an unknown one, is
+        // passed over: the caller asked querySupportedServiceSubType first.
+        known = false;
     }
-    // A subtype without a provider in this build, like an unknown one, is
-    // passed over: the caller asked querySupportedServiceSubType first.
+    if (known && obj == nullptr)
+        err = m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
+                          "%s: Creation of Merlode Snapshot Control object failed", fname);
+    else if (known)
+        serviceObj = obj;
     m_e.logprintf(9, kFile, __LINE__, "END: %s", fname);
     return err;
 }
@@ -204,6 +212,7 @@ SSError* merlDirectoryService::isServiceSupported(SSSource ssSource, const char*
             isSupported = m_quillsetContext->isSnappable(devName);
         } else if (strcasecmp(serviceSubType, "MIRROR") == 0) {
             m_e.logprintf(9, kFile, __LINE__, "%s: Working on Mirror type", fname);
+            isSupported = m_quillsetContext->isCloneable(devName);
         } else if (strcasecmp(serviceSubType, "KVT-SNAP") == 0) {
             m_e.logprintf(9, kFile, __LINE__, "%s: Working on KVT SNAP type", fname);
         }
