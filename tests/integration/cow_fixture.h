@@ -67,17 +67,19 @@ inline int run(const std::vector<std::string>& args, std::string* out = nullptr)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// A fresh simulated array, 2 frames with 4 COW-configured disks each.
+// A fresh simulated array, by default 2 frames with 4 COW-configured disks
+// each (and the simulator's clone groups on the first of them).
 class Array {
 public:
-    Array() {
+    explicit Array(std::vector<std::string> init = {"--frames", "2", "--luns", "4"}) {
         char tmpl[] = "/tmp/cowlifeXXXXXX";  // no dash: handles cut sources at one
         if (mkdtemp(tmpl) == nullptr) return;
         m_dir = tmpl;
         m_oldPath = getenv("PATH") != nullptr ? getenv("PATH") : "/usr/bin:/bin";
         setenv("ARRAYSIM_STATE", m_dir.c_str(), 1);
         setenv("PATH", (std::string(ARRAYSIM_BIN_DIR) + ":" + m_oldPath).c_str(), 1);
-        m_ok = admin({"init", "--frames", "2", "--luns", "4"}) == 0;
+        init.insert(init.begin(), "init");
+        m_ok = admin(init) == 0;
     }
     ~Array() {
         setenv("PATH", m_oldPath.c_str(), 1);
@@ -156,9 +158,10 @@ public:
         return true;
     }
 
-    ldr::ISnapshot* cow() {
+    // A new service object of the technology `tech`.
+    ldr::ISnapshot* service() {
         ldr::IService* obj = nullptr;
-        if (take(m_ds->getServiceInstance("COW", obj))) return nullptr;
+        if (take(m_ds->getServiceInstance(tech.c_str(), obj))) return nullptr;
         return static_cast<ldr::ISnapshot*>(obj);
     }
     void finish(ldr::ISnapshot* s) {
@@ -169,10 +172,15 @@ public:
 
     // A production object, initialised for this array.
     ldr::ISnapshot* production() {
-        ldr::ISnapshot* s = cow();
+        ldr::ISnapshot* s = service();
         if (s == nullptr) return nullptr;
         ldr::attrlist* attrs = ldr::make_attr("FRAME_IP", {"198.18.0.1:198.18.0.2"});
         attrs->next = ldr::make_attr("VMR_DATA_MOVER", {"mover1"});
+        ldr::attrlist* last = attrs->next;
+        for (const auto& a : extra_attrs) {
+            last->next = ldr::make_attr(a.first.c_str(), {a.second});
+            last = last->next;
+        }
         ldr::SCInitStruct is;
         is.attributes = attrs;
         bool failed = take(s->init(&is));
@@ -186,7 +194,7 @@ public:
 
     // A mount-host object made from a handle's two texts.
     ldr::ISnapshot* from_handle(const std::string& guid, const std::string& details) {
-        ldr::ISnapshot* s = cow();
+        ldr::ISnapshot* s = service();
         if (s == nullptr) return nullptr;
         ldr::SCSnapshotHandle h;
         h.m_pguid = reinterpret_cast<unsigned char*>(strdup(guid.c_str()));
@@ -211,8 +219,9 @@ public:
         ldr::SSTaskId task = -1;
         ldr::SCSnapshotHandle* h = nullptr;
         bool ok = !take(s->addComponent(srcs)) &&
-                  !take(s->prepareForSnapshot(nullptr, nullptr, task)) &&
-                  !take(s->snapshot(nullptr, task)) && !take(s->getSnapshotHandle(h));
+                  !take(s->prepareForSnapshot(nullptr, prepare_attrs, task)) &&
+                  wait_task(s, task) && !take(s->snapshot(nullptr, task)) &&
+                  !take(s->getSnapshotHandle(h));
         delete srcs;
         if (ok) {
             guid = reinterpret_cast<char*>(h->m_pguid);
@@ -222,6 +231,27 @@ public:
         finish(s);
         return ok;
     }
+
+    // Polls the prepare task as a loader does while the snapshot is still
+    // preparing (a bounded number of times: the simulator moves on with
+    // every poll).
+    bool wait_task(ldr::ISnapshot* s, ldr::SSTaskId task, int polls = 40) {
+        for (int i = 0; i < polls; i++) {
+            if (s->getSnapshotState() != ldr::PREPARE_IN_PROGRESS) return true;
+            int status = 0;
+            ldr::SSError* taskErr = nullptr;
+            if (take(s->getTaskStatus(task, status, taskErr))) return false;
+            take(taskErr);
+            if (status != 1) return status == 2;
+        }
+        return false;
+    }
+
+    std::string tech = "COW";
+    // Attributes given with init and with prepare, beyond the frames and the
+    // mount host.
+    std::vector<std::pair<std::string, std::string>> extra_attrs;
+    ldr::attrlist* prepare_attrs = nullptr;
 
     int code = 0;
     std::string text;
