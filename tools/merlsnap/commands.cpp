@@ -16,6 +16,7 @@
 
 #include "tools/merlsnap/handle_file.h"
 #include "tools/merlsnap/merlsnap.h"
+#include "tools/merlsnap/progress.h"
 
 namespace {
 
@@ -68,6 +69,12 @@ const CommandInfo k_commands[] = {
     {"status",
      "usage: merlsnap status --handle FILE\n"
      "Shows the snapshot's state, its technology and its sources.\n"},
+    {"pool",
+     "usage: merlsnap pool --frame ADDR... [--attr MERL_SNAP_POOL=FILE]\n"
+     "                     [--attr MERL_RES_USE_POLICY=ANY|FREE|EXISTING] DEVICE...\n"
+     "Shows, for each source, the clones of its clone group with their state and\n"
+     "reservation, the snap pool file's entries for it, and the clone a mirror\n"
+     "snapshot would take. Changes nothing. Exit code 5 when a source has none.\n"},
     {"demo",
      "usage: merlsnap demo [--tech TECH] [--keep] [--json]\n"
      "Makes a fresh simulated array in a temporary folder and takes a snapshot\n"
@@ -97,14 +104,6 @@ std::string local_host_name() {
     return buf;
 }
 
-void pause_seconds(double s) {
-    if (s <= 0) return;
-    struct timespec ts;
-    ts.tv_sec = static_cast<time_t>(s);
-    ts.tv_nsec = static_cast<long>((s - static_cast<double>(ts.tv_sec)) * 1e9);
-    nanosleep(&ts, nullptr);
-}
-
 // Fails the command with the module's last error.
 int module_failure(Context& c) {
     c.report.finish(c.opt.command, EXIT_MODULE_ERROR, c.module.error());
@@ -116,32 +115,6 @@ bool open_module(Context& c) {
     bool ok = c.module.open(c.opt.module, attrs);
     attrlist_free(attrs);
     return ok;
-}
-
-// Waits for the array's background work of the current task, showing progress.
-bool wait_for_task(Context& c, ISnapshot* s, const char* what) {
-    SSTaskId task = 0;
-    if (c.module.failed(s->getCurrentTask(task), "getCurrentTask")) return false;
-    for (int polls = 0;; polls++) {
-        SSTaskStatus st = SS_TASK_ERROR;
-        SSError* taskErr = nullptr;
-        if (c.module.failed(s->getTaskStatus(task, st, taskErr), "getTaskStatus")) return false;
-        if (c.module.failed(taskErr, what)) return false;
-        if (st == SS_TASK_DONE) {
-            if (polls > 0 && !c.opt.json) printf(" done\n");
-            return true;
-        }
-        if (st == SS_TASK_ERROR) {
-            c.report.finish(c.opt.command, EXIT_MODULE_ERROR,
-                            std::string(what) + " failed on the array");
-            return false;
-        }
-        if (!c.opt.json) {
-            printf(polls == 0 ? "  %s in progress ." : ".", what);
-            fflush(stdout);
-        }
-        pause_seconds(c.opt.poll_interval);
-    }
 }
 
 // Keeps a mounted snapshot until --run's command ends or, without one, until
@@ -179,7 +152,10 @@ struct MountHostObject {
     HandleFile handle;
 };
 
-int load_from_handle(Context& c, MountHostObject& m, bool validate) {
+// Validates too, but for a status (which reports validity itself) and a COW
+// rollback (which runs from any state); a mirror rolls back only from a
+// validated snapshot.
+int load_from_handle(Context& c, MountHostObject& m, const std::string& cmd) {
     std::string why;
     if (c.opt.handle_file.empty()) {
         c.report.finish(c.opt.command, EXIT_USAGE, "--handle FILE is required");
@@ -205,7 +181,8 @@ int load_from_handle(Context& c, MountHostObject& m, bool validate) {
     attrlist_free(attrs);
     if (failed) return module_failure(c);
     c.report.step("Read the " + m.handle.tech + " snapshot's handle from " + c.opt.handle_file);
-    if (validate) {
+    const bool mirror = strcasecmp(m.handle.tech.c_str(), "MIRROR") == 0;
+    if (cmd != "status" && (cmd != "rollback" || mirror)) {
         if (c.module.failed(m.svc->validate(nullptr), "validate")) return module_failure(c);
         c.report.step("The snapshot is whole on the array");
     }
@@ -347,7 +324,9 @@ int cmd_snapshot(Context& c) {
             break;
         }
         if (s->getSnapshotState() == SSHOT_STATE_PREPARE_IN_PROGRESS &&
-            !wait_for_task(c, s, "synchronisation")) {
+            wait_for_task(c, s, "synchronisation", c.opt.devices.size(), true,
+                          "stopped while the clones synchronise: they stay reserved; a snapshot "
+                          "of the same devices that is then deleted releases them") != WAIT_DONE) {
             rc = EXIT_MODULE_ERROR;
             break;
         }
@@ -372,6 +351,17 @@ int cmd_snapshot(Context& c) {
         c.report.step("Kept the snapshot's handle in " + c.opt.handle_file);
         c.report.fact("handle", c.opt.handle_file);
         c.report.fact("identity", hf.guid);
+        if (interrupted()) {
+            // Ctrl-C came while the clones synchronised: the snapshot was
+            // finished only so that deleting it frees every clone again.
+            if (c.module.failed(s->deleteSnapshot(), "deleteSnapshot")) {
+                rc = EXIT_MODULE_ERROR;
+                break;
+            }
+            c.report.step("Interrupted: the snapshot was deleted again, no clone stays reserved");
+            c.report.finish("snapshot", EXIT_INTERRUPTED, "interrupted");
+            rc = -EXIT_INTERRUPTED;
+        }
     } while (false);
     c.module.free_object(h);
     delete srcs;
@@ -387,8 +377,7 @@ int cmd_snapshot(Context& c) {
 int cmd_mount_host(Context& c) {
     const std::string& cmd = c.opt.command;
     MountHostObject m;
-    bool validate = cmd != "rollback";
-    int rc = load_from_handle(c, m, validate);
+    int rc = load_from_handle(c, m, cmd);
     if (rc != EXIT_OK) {
         finish_object(c, m.svc);
         if (rc == EXIT_NO_MODULE) c.report.finish(cmd, rc, c.module.error());
@@ -436,15 +425,47 @@ int cmd_mount_host(Context& c) {
         SSSourceList* list = make_source_list(names);
         SSTaskId task = 0;
         failed = c.module.failed(s->rollBack(list, nullptr, task), "rollBack");
-        if (!failed && strcasecmp(m.handle.tech.c_str(), "MIRROR") == 0)
-            failed = !wait_for_task(c, s, "reverse synchronisation");
+        const bool whole = handle_sources(m.handle.details).size() <= names.size();
+        if (!failed && strcasecmp(m.handle.tech.c_str(), "MIRROR") == 0 && !whole) {
+            // The module calls a restore done only when every clone of the
+            // snapshot is back in sync, which a partial restore never makes so.
+            c.report.step(
+                "The restore runs on the array; with only some of the snapshot's "
+                "sources it is not awaited: `merlsnap status --handle " +
+                c.opt.handle_file + "` shows the array's work");
+        } else if (!failed && strcasecmp(m.handle.tech.c_str(), "MIRROR") == 0) {
+            WaitResult w = wait_for_task(c, s, "restore", names.size(), false, "");
+            if (w == WAIT_INTERRUPTED) {
+                c.report.step(
+                    "Interrupted: the restore goes on on the array; `merlsnap status "
+                    "--handle " +
+                    c.opt.handle_file + "` tells when it has ended");
+                delete list;
+                finish_object(c, s);
+                c.report.finish(cmd, EXIT_INTERRUPTED, "interrupted");
+                return EXIT_INTERRUPTED;
+            }
+            failed = w != WAIT_DONE;
+        }
         if (!failed) c.report.step("Restored the sources from the snapshot");
         delete list;
     } else if (cmd == "status") {
-        SCSnapshotState st = s->getSnapshotState();
+        bool valid = !c.module.failed(s->validate(nullptr), "validate");
         c.report.fact("technology", m.handle.tech);
-        c.report.fact("state", state_name(st));
-        for (const std::string& n : sources_or_all(c, s)) c.report.item("source", n);
+        c.report.fact("state", state_name(s->getSnapshotState()));
+        c.report.fact("valid", valid ? "yes" : "no: " + c.module.error());
+        if (strcasecmp(m.handle.tech.c_str(), "MIRROR") == 0) {
+            // A restore's progress is read from the clones themselves, so any
+            // object made from the handle can tell it.
+            SSTaskStatus ts = SS_TASK_ERROR;
+            SSError* taskErr = nullptr;
+            if (!c.module.failed(s->getTaskStatus(3, ts, taskErr), "getTaskStatus") &&
+                !c.module.failed(taskErr, "restore"))
+                c.report.fact("array work", ts == SS_TASK_IN_PROGRESS
+                                                ? "a restore or synchronisation is running"
+                                                : "none running");
+        }
+        for (const std::string& n : handle_sources(m.handle.details)) c.report.item("source", n);
     }
     finish_object(c, s);
     if (failed) return module_failure(c);
@@ -473,5 +494,6 @@ int run_command(Context& c) {
     if (cmd == "info") return cmd_info(c);
     if (cmd == "supported") return cmd_supported(c);
     if (cmd == "snapshot") return cmd_snapshot(c);
+    if (cmd == "pool") return cmd_pool(c);
     return cmd_mount_host(c);
 }

@@ -9,6 +9,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -64,21 +65,17 @@ int stage(Context& c, const std::string& command, const std::vector<std::string>
     return run_command(sub);
 }
 
-int second_stage(Context& c) {
-    const std::string dir = c.opt.demo_stage;
-    const std::string dev = dir + "/dev/";
-    c.opt.frames = {"198.18.0.1:198.18.0.2"};
-    c.opt.handle_file = dir + "/snapshot.handle";
-    c.opt.poll_interval = 0;  // the simulated array advances on each query
-
-    heading(c, "On the production host: can these disks be snapped?");
+// A COW snapshot's two lives.
+int cow_life(Context& c, const std::string& dev) {
+    c.opt.tech = "COW";
+    heading(c, "COW, on the production host: can these disks be snapped?");
     if (!c.opt.json)
         printf(
             "  sdd and sdg are array disks set up for COW sessions; sdn is an array disk\n"
             "  without that set-up, so the module must say no to it.\n");
     stage(c, "supported", {dev + "sdd", dev + "sdg", dev + "sdn"});
 
-    heading(c, "On the production host: take the snapshot");
+    heading(c, "COW, on the production host: take the snapshot");
     if (!c.opt.json)
         printf(
             "  The module enrols both disks, names one copy-on-write session per disk,\n"
@@ -86,21 +83,79 @@ int second_stage(Context& c) {
     int rc = stage(c, "snapshot", {dev + "sdd", dev + "sdg"});
     if (rc != EXIT_OK) return rc;
 
-    heading(c, "On the mount host: find the snapshot again from its handle");
+    heading(c, "COW, on the mount host: find the snapshot again from its handle");
     if ((rc = stage(c, "status", {})) != EXIT_OK) return rc;
 
-    heading(c, "On the mount host: read the snapshot");
+    heading(c, "COW, on the mount host: read the snapshot");
     if (!c.opt.json)
         printf(
             "  Each session is activated and appears as a device of this host; a backup\n"
             "  would read those devices now. Then they are released.\n");
     if ((rc = stage(c, "path", {})) != EXIT_OK) return rc;
 
-    heading(c, "Roll the first disk back to the snapshot");
+    heading(c, "COW: roll the first disk back to the snapshot");
     if ((rc = stage(c, "rollback", {dev + "sdd"})) != EXIT_OK) return rc;
 
-    heading(c, "Delete the snapshot");
-    if ((rc = stage(c, "delete", {})) != EXIT_OK) return rc;
+    heading(c, "COW: delete the snapshot");
+    return stage(c, "delete", {});
+}
+
+// A mirror snapshot's two lives, with a clone that must synchronise first.
+int mirror_life(Context& c, const std::string& dir, const std::string& dev) {
+    c.opt.tech = "MIRROR";
+    // The first clone of sdd was split off by an earlier backup: it must be
+    // synchronised again before it can serve.
+    run_and_wait(
+        {std::string(kSimDir) + "/arraysim", "--state", dir, "set", "clone", "CloneGrp_0",
+         "0100000000000000", "state=Consistent", "cond=Administratively Fractured", "fractured=1"},
+        true);
+    heading(c, "MIRROR, on the production host: which clones would serve?");
+    if (!c.opt.json)
+        printf(
+            "  Each disk has a clone group on the array. The first clone of sdd is\n"
+            "  split off and must be synchronised again before it can serve.\n");
+    stage(c, "pool", {dev + "sdd", dev + "sdg"});
+
+    heading(c, "MIRROR, on the production host: take the snapshot");
+    if (!c.opt.json)
+        printf(
+            "  The module reserves one clone per disk, waits for the synchronisation,\n"
+            "  then splits both clones off in one consistent fracture.\n");
+    int rc = stage(c, "snapshot", {dev + "sdd", dev + "sdg"});
+    if (rc != EXIT_OK) return rc;
+
+    heading(c, "MIRROR, on the mount host: validate and read the clones");
+    if ((rc = stage(c, "path", {})) != EXIT_OK) return rc;
+
+    heading(c, "MIRROR: restore both disks from their clones");
+    if (!c.opt.json)
+        printf(
+            "  Each clone is copied back onto its disk by the array; merlsnap polls\n"
+            "  until every clone is back in sync.\n");
+    if ((rc = stage(c, "rollback", {})) != EXIT_OK) return rc;
+
+    heading(c, "MIRROR: delete the snapshot");
+    if (!c.opt.json)
+        printf(
+            "  The restore spent the snapshot; a fresh one is taken and deleted, which\n"
+            "  releases its clones and starts their synchronisation again.\n");
+    if ((rc = stage(c, "snapshot", {dev + "sdg"})) != EXIT_OK) return rc;
+    return stage(c, "delete", {});
+}
+
+int second_stage(Context& c) {
+    const std::string dir = c.opt.demo_stage;
+    const std::string dev = dir + "/dev/";
+    c.opt.frames = {"198.18.0.1:198.18.0.2"};
+    c.opt.handle_file = dir + "/snapshot.handle";
+    c.opt.poll_interval = 0;  // the simulated array advances on each query
+
+    const std::string only = c.opt.tech_given ? c.opt.tech : "";
+    int rc = EXIT_OK;
+    if (only.empty() || strcasecmp(only.c_str(), "COW") == 0) rc = cow_life(c, dev);
+    if (rc == EXIT_OK && (only.empty() || strcasecmp(only.c_str(), "MIRROR") == 0))
+        rc = mirror_life(c, dir, dev);
+    if (rc != EXIT_OK) return rc;
     if (!c.opt.json) {
         int commands = 0;
         if (FILE* f = fopen((dir + "/commands.log").c_str(), "r")) {
@@ -109,7 +164,7 @@ int second_stage(Context& c) {
         }
         printf(
             "\nThe array answered %d commands of its tools for all of this; the\n"
-            "sessions are gone. The demo ran %s.\n",
+            "snapshots are gone. The demo ran %s.\n",
             commands, c.opt.keep ? ("in " + dir + ", which is kept").c_str() : "and cleaned up");
     }
     return EXIT_OK;
@@ -155,6 +210,7 @@ int cmd_demo(Context& c) {
         "--module",     c.opt.module,
         "--log-level",  std::to_string(c.opt.log_level_given ? c.opt.log_level : 0)};
     if (c.opt.json) args.push_back("--json");
+    if (c.opt.tech_given) args.insert(args.end(), {"--tech", c.opt.tech});
     if (!c.opt.log_file.empty()) args.insert(args.end(), {"--log-file", c.opt.log_file});
     rc = run_and_wait(args, false);
     if (!c.opt.keep) remove_tree(dir);

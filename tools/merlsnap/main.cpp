@@ -25,6 +25,7 @@ const char* k_usage =
     "  delete      delete a snapshot on the array\n"
     "  rollback    restore sources from a snapshot\n"
     "  status      show a snapshot's state and sources\n"
+    "  pool        show the clones a mirror snapshot of devices could take\n"
     "  demo        all of this against a freshly made simulated array\n"
     "\n"
     "options:\n"
@@ -72,6 +73,7 @@ bool parse(int argc, char** argv, Options& o, std::string& why) {
             if (!value(o.mount_host)) return false;
         } else if (a == "--tech") {
             if (!value(o.tech)) return false;
+            o.tech_given = true;
         } else if (a == "--handle") {
             if (!value(o.handle_file)) return false;
         } else if (a == "--run") {

@@ -16,6 +16,7 @@ enum ExitCode {
     EXIT_NO_MODULE = 3,      // the module could not be loaded
     EXIT_HANDLE_FILE = 4,    // a handle file could not be read or written
     EXIT_NOT_SUPPORTED = 5,  // `supported`: some device cannot be snapped
+    EXIT_INTERRUPTED = 130,  // Ctrl-C during a wait (what was left is said)
 };
 
 struct Options {
@@ -25,6 +26,7 @@ struct Options {
     std::string mount_host;
     std::vector<std::pair<std::string, std::string>> attrs;
     std::string tech = "COW";
+    bool tech_given = false;
     std::string handle_file;
     int log_level = 3;
     bool log_level_given = false;
@@ -49,4 +51,5 @@ struct Context {
 attrlist* build_attrs(const Options& o);
 int run_command(Context& c);
 int cmd_demo(Context& c);
+int cmd_pool(Context& c);
 const char* command_help(const std::string& command);

@@ -11,6 +11,8 @@ Module::~Module() {
 
 void Module::log_thunk(int level, const char* file, int line, const char* msg, void* ctx) {
     LogSink* sink = static_cast<LogSink*>(ctx);
+    if (sink != nullptr && sink->watch != nullptr && msg != nullptr)
+        sink->watch(msg, sink->watch_ctx);
     if (sink == nullptr || sink->quiet || level > sink->level) return;
     FILE* out = sink->file != nullptr ? sink->file : stderr;
     fprintf(out, "[%d] %s:%d %s%s", level, file != nullptr ? file : "", line,

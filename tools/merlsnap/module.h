@@ -15,6 +15,9 @@ struct LogSink {
     int level = 5;         // lines up to this level are kept
     FILE* file = nullptr;  // where they go (stderr when null)
     bool quiet = false;    // keep none
+    // Sees every line, shown or not (progress reads the module's steps).
+    void (*watch)(const char* msg, void* ctx) = nullptr;
+    void* watch_ctx = nullptr;
 };
 
 class Module {
