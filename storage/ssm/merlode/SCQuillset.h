@@ -4,6 +4,7 @@
 // one snapshot; two threads sharing an object are put in a row by its lock.
 #pragma once
 
+#include <functional>
 #include <list>
 #include <string>
 #include <vector>
@@ -139,6 +140,28 @@ protected:
     static std::string sessionTimeStamp();
     // A new snapshot identity, in its 53-character text form.
     static std::string newSnapshotIdentity();
+
+    // --- the session technologies' shared steps (SCQuillsetSessionOps.cpp) ---
+    // One operation on the array for one source.
+    typedef std::function<SSError*(snapdevice&)> SourceOp;
+    // The capability all three technologies report; `firstLine`, when not
+    // null, is the format of the trace that opens the query (it gets fname
+    // and cap).
+    SSError* snapshotCapability(const char* fname, const char* firstLine,
+                                SCSnapshotCapability*& cap);
+    SSError* deviceCapabilities(const char* fname, SSSourceList* srcList,
+                                SCSnapshotCapabilityList*& capList);
+    // Presents the snapshot of each listed source on this host with
+    // `attach`; on a failure the ones presented are taken away with `detach`.
+    // `emptyLine` is the trace of a source that got no device (it gets fname,
+    // the session and the source). A null list fails unless `nullListMounts`.
+    SSError* mountSources(const char* fname, SSSourceList* srcList, const SourceOp& attach,
+                          const SourceOp& detach, const char* emptyLine, bool nullListMounts);
+    // Takes the listed sources' snapshots away with `detach`; the object is
+    // done with its mount whatever the array said.
+    SSError* unmountSources(const char* fname, SSSourceList* srcList, const SourceOp& detach);
+    // Restores each listed source with `restore`.
+    SSError* rollbackSources(const char* fname, SSSourceList* srcList, const SourceOp& restore);
 
 private:
     SCMerlodeQuillset(const SCMerlodeQuillset&) = delete;

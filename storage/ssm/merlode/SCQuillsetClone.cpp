@@ -20,16 +20,6 @@ static const int kMaxCloneLimit = 64;
 
 namespace {
 
-void fill_clone_capability(SCSnapshotCapability* c) {
-    c->snapTech = SC_COW;  // as the mirror provider has always reported it
-    c->isRollBackSupported = 1;
-    c->isBlockRemapSupported = 0;
-    c->isExtentBasedRollBackSupported = 0;
-    c->maxSnapshotsPerSource = 8;
-    c->maxSnapshotsPerSystem = 1600;
-    c->isAccessibleFromAnotherHost = 1;
-}
-
 const char* name_of(SSSourceList* s) {
     return (s != nullptr && s->ssSource != nullptr) ? s->ssSource : "";
 }
@@ -79,50 +69,12 @@ int SCQuillsetClone::privateIsSnappable(std::string src) {
 // ------------------------------------------------------------ capabilities
 
 SSError* SCQuillsetClone::privateGetSnapshotCapabilities(SCSnapshotCapability*& cap) {
-    static const char* const fname = "SCMerlodeQuillset::getSnapshotCapabilities";
-    if (m_state != SSHOT_STATE_VALID && m_state != SSHOT_STATE_READY)
-        return illegalState(fname, __LINE__);
-    cap = new (std::nothrow) SCSnapshotCapability();
-    if (cap == nullptr)
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INSUFFICIENT_MEMORY,
-                           "%s: Memory allocation error", fname);
-    fill_clone_capability(cap);
-    m_e.logprintf(7, kFile, __LINE__, "snapTech: %d", static_cast<int>(cap->snapTech));
-    m_e.logprintf(7, kFile, __LINE__, "isRollBackSupported = %d", cap->isRollBackSupported);
-    m_e.logprintf(7, kFile, __LINE__, "isBlockRemapSupported = %d", cap->isBlockRemapSupported);
-    m_e.logprintf(7, kFile, __LINE__, "isExtentBasedRollBackSupported = %d",
-                  cap->isExtentBasedRollBackSupported);
-    m_e.logprintf(7, kFile, __LINE__, "maxSnapshotsPerSource = %d",
-                  static_cast<int>(cap->maxSnapshotsPerSource));
-    m_e.logprintf(7, kFile, __LINE__, "maxSnapshotsPerSystem = %d",
-                  static_cast<int>(cap->maxSnapshotsPerSystem));
-    m_e.logprintf(7, kFile, __LINE__, "isAccessibleFromAnotherHost = %d",
-                  cap->isAccessibleFromAnotherHost);
-    return nullptr;
+    return snapshotCapability("SCMerlodeQuillset::getSnapshotCapabilities", nullptr, cap);
 }
 
 SSError* SCQuillsetClone::privateGetDeviceSnapshotCapabilities(SSSourceList* srcList,
                                                                SCSnapshotCapabilityList*& capList) {
-    static const char* const fname = "SCMerlodeQuillset::getDeviceSnapshotCapabilities";
-    capList = nullptr;
-    SCSnapshotCapabilityList** tail = &capList;
-    for (SSSourceList* s = srcList; s != nullptr; s = s->next) {
-        SCSnapshotCapabilityList* node = new (std::nothrow) SCSnapshotCapabilityList();
-        SCSnapshotCapability* cap = new (std::nothrow) SCSnapshotCapability();
-        if (node == nullptr || cap == nullptr) {
-            delete node;
-            delete cap;
-            delete capList;
-            capList = nullptr;
-            return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INSUFFICIENT_MEMORY,
-                               "%s: Memory allocation error", fname);
-        }
-        fill_clone_capability(cap);
-        node->pCap = cap;
-        *tail = node;
-        tail = &node->next;
-    }
-    return nullptr;
+    return deviceCapabilities("SCMerlodeQuillset::getDeviceSnapshotCapabilities", srcList, capList);
 }
 
 // ------------------------------------------------------------ prepare

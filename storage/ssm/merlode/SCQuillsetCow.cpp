@@ -11,24 +11,6 @@
 
 static const char* const kFile = "storage/ssm/merlode/SCQuillsetCow";
 
-namespace {
-
-void fill_cow_capability(SCSnapshotCapability* c) {
-    c->snapTech = SC_COW;
-    c->isRollBackSupported = 1;
-    c->isBlockRemapSupported = 0;
-    c->isExtentBasedRollBackSupported = 0;
-    c->maxSnapshotsPerSource = 8;
-    c->maxSnapshotsPerSystem = 1600;
-    c->isAccessibleFromAnotherHost = 1;
-}
-
-const char* name_of(SSSourceList* s) {
-    return (s != nullptr && s->ssSource != nullptr) ? s->ssSource : "";
-}
-
-}  // namespace
-
 int SCQuillsetCow::privateIsSnappable(std::string src) {
     m_e.logprintf(9, kFile, __LINE__, "Inside the Cow object ");
     return m_quillsetContext != nullptr ? m_quillsetContext->isSnappable(src) : 0;
@@ -126,102 +108,25 @@ SSError* SCQuillsetCow::privateValidate(void*) {
 SSError* SCQuillsetCow::privateMount(SSSourceList* srcList) {
     static const char* const fname = "SCMerlodeQuillset::privateMount";
     if (m_state != SSHOT_STATE_VALID) return illegalState(fname, __LINE__);
-
-    std::vector<snapdevice*> mounted;
-    SSError* err = nullptr;
-    bool unmatched = srcList == nullptr;
-    std::string unmatchedName;
-    for (SSSourceList* s = srcList; s != nullptr && err == nullptr; s = s->next) {
-        snapdevice* found = nullptr;
-        for (snapdevice& sd : m_snapdevlist)
-            if (sd.srcName == name_of(s)) {
-                found = &sd;
-                break;
-            }
-        if (found == nullptr) {
-            unmatched = true;
-            unmatchedName = name_of(s);
-            break;
-        }
-        // What counts is whether the array gave the session a host device.
-        delete m_quillsetContext->activatesession(*found);
-        if (found->dstName.empty()) {
-            m_e.logprintf(9, kFile, __LINE__, "%s: Session: [%s], Src: [%s]", fname,
-                          found->sessionId.c_str(), found->srcName.c_str());
-            err =
-                m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_SNAP_PROVIDER_ERROR,
-                            "%s: Unable to activate session(%s)", fname, found->sessionId.c_str());
-        } else {
-            m_e.logprintf(5, kFile, __LINE__, "%s: Session %s(%s) mounted on device: %s", fname,
-                          found->sessionId.c_str(), found->srcName.c_str(), found->dstName.c_str());
-            mounted.push_back(found);
-        }
-    }
-    if (unmatched && err == nullptr)
-        err = m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_PARAMETER,
-                          "%s: No source device found for %s", fname, unmatchedName.c_str());
-    if (err == nullptr) {
-        m_state = SSHOT_STATE_READY;
-        m_isMountDone = 1;
-        m_e.logprintf(9, kFile, __LINE__, "mount : ISnapshot(%p) State : %d",
-                      static_cast<void*>(this), static_cast<int>(m_state));
-        return nullptr;
-    }
-    for (snapdevice* sd : mounted) delete m_quillsetContext->deactivatesession(*sd);
-    return err;
+    return mountSources(
+        fname, srcList, [this](snapdevice& sd) { return m_quillsetContext->activatesession(sd); },
+        [this](snapdevice& sd) { return m_quillsetContext->deactivatesession(sd); },
+        "%s: Session: [%s], Src: [%s]", false);
 }
 
 SSError* SCQuillsetCow::privateUnmount(SSSourceList* srcList) {
     static const char* const fname = "SCMerlodeQuillset::privateUnmount";
     if (m_state != SSHOT_STATE_VALID && m_state != SSHOT_STATE_READY)
         return illegalState(fname, __LINE__);
-
-    SSError* err = nullptr;
-    if (srcList != nullptr && m_isMountDone) {
-        for (SSSourceList* s = srcList; s != nullptr && err == nullptr; s = s->next) {
-            bool any = false;
-            for (snapdevice& sd : m_snapdevlist) {
-                if (sd.srcName != name_of(s)) continue;
-                any = true;
-                err = m_quillsetContext->deactivatesession(sd);
-                if (err != nullptr) break;
-            }
-            if (!any && err == nullptr)
-                err = m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_PARAMETER,
-                                  "%s: No source device found for %s", fname, name_of(s));
-        }
-    }
-    // The object is done with its mount whatever the array said.
-    m_state = SSHOT_STATE_UNINIT;
-    m_isMountDone = 0;
-    m_e.logprintf(9, kFile, __LINE__, "%s: ISnapshot(%p) State : %d", fname,
-                  static_cast<void*>(this), static_cast<int>(m_state));
-    return err;
+    return unmountSources(fname, srcList, [this](snapdevice& sd) {
+        return m_quillsetContext->deactivatesession(sd);
+    });
 }
 
 SSError* SCQuillsetCow::privateRollbackSnapshot(SSSourceList* srcList, SSExtentList*, SSTaskId&) {
-    static const char* const fname = "SCMerlodeQuillset::privateRollbackSnapshot";
-    SSError* err = nullptr;
-    for (SSSourceList* s = srcList; s != nullptr && err == nullptr; s = s->next) {
-        bool any = false;
-        for (snapdevice& sd : m_snapdevlist) {
-            if (sd.srcName != name_of(s)) continue;
-            any = true;
-            m_e.logprintf(9, kFile, __LINE__, "%s: calling rollback", fname);
-            err = m_quillsetContext != nullptr
-                      ? m_quillsetContext->rollbacksession(sd)
-                      : m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
-                                    "%s: Caught internal", fname);
-            m_e.logprintf(9, kFile, __LINE__, "%s: completed rollback", fname);
-            if (err != nullptr) break;
-        }
-        if (!any && err == nullptr)
-            err = m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_PARAMETER,
-                              "%s: No source device found for %s", fname, name_of(s));
-    }
-    m_e.logprintf(9, kFile, __LINE__, "%s: ISnapshot(%p) State : %d", fname,
-                  static_cast<void*>(this), static_cast<int>(m_state));
-    return err;
+    return rollbackSources(
+        "SCMerlodeQuillset::privateRollbackSnapshot", srcList,
+        [this](snapdevice& sd) { return m_quillsetContext->rollbacksession(sd); });
 }
 
 SSError* SCQuillsetCow::privateDeleteSnapshot() {
@@ -252,49 +157,12 @@ SSError* SCQuillsetCow::privateGetTaskStatus(int, SSTaskStatus& status, SSError*
 }
 
 SSError* SCQuillsetCow::privateGetSnapshotCapabilities(SCSnapshotCapability*& cap) {
-    static const char* const fname = "SCMerlodeQuillset::privateGetSnapshotCapabilities(1)";
-    m_e.logprintf(9, kFile, __LINE__, "%s: %p\n", fname, static_cast<void*>(cap));
-    if (m_state != SSHOT_STATE_VALID && m_state != SSHOT_STATE_READY)
-        return illegalState(fname, __LINE__);
-    SCSnapshotCapability* c = new (std::nothrow) SCSnapshotCapability();
-    if (c == nullptr)
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INSUFFICIENT_MEMORY,
-                           "%s: Memory allocation error", fname);
-    fill_cow_capability(c);
-    cap = c;
-    m_e.logprintf(7, kFile, __LINE__, "snapTech: %d", static_cast<int>(c->snapTech));
-    m_e.logprintf(7, kFile, __LINE__, "isRollBackSupported = %d", c->isRollBackSupported);
-    m_e.logprintf(7, kFile, __LINE__, "isBlockRemapSupported = %d", c->isBlockRemapSupported);
-    m_e.logprintf(7, kFile, __LINE__, "isExtentBasedRollBackSupported = %d",
-                  c->isExtentBasedRollBackSupported);
-    m_e.logprintf(7, kFile, __LINE__, "maxSnapshotsPerSource = %d", c->maxSnapshotsPerSource);
-    m_e.logprintf(7, kFile, __LINE__, "maxSnapshotsPerSystem = %d", c->maxSnapshotsPerSystem);
-    m_e.logprintf(7, kFile, __LINE__, "isAccessibleFromAnotherHost = %d",
-                  c->isAccessibleFromAnotherHost);
-    return nullptr;
+    return snapshotCapability("SCMerlodeQuillset::privateGetSnapshotCapabilities(1)", "%s: %p\n",
+                              cap);
 }
 
 SSError* SCQuillsetCow::privateGetDeviceSnapshotCapabilities(SSSourceList* srcList,
                                                              SCSnapshotCapabilityList*& capList) {
-    static const char* const fname = "SCMerlodeQuillset::privateGetSnapshotCapabilities(2)";
-    capList = nullptr;
-    SCSnapshotCapabilityList* head = nullptr;
-    SCSnapshotCapabilityList** tail = &head;
-    for (SSSourceList* s = srcList; s != nullptr; s = s->next) {
-        SCSnapshotCapabilityList* node = new (std::nothrow) SCSnapshotCapabilityList();
-        SCSnapshotCapability* c =
-            node != nullptr ? new (std::nothrow) SCSnapshotCapability() : nullptr;
-        if (c == nullptr) {
-            delete node;
-            delete head;
-            return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INSUFFICIENT_MEMORY,
-                               "%s: Memory allocation error", fname);
-        }
-        fill_cow_capability(c);
-        node->pCap = c;
-        *tail = node;
-        tail = &node->next;
-    }
-    capList = head;
-    return nullptr;
+    return deviceCapabilities("SCMerlodeQuillset::privateGetSnapshotCapabilities(2)", srcList,
+                              capList);
 }
