@@ -12,6 +12,7 @@
 #include "liblocal/kv_thread.h"
 #include "storage/ssm/merlode/SCQuillsetClone.h"
 #include "storage/ssm/merlode/SCQuillsetCow.h"
+#include "storage/ssm/merlode/SCQuillsetSnaps.h"
 #include "storage/ssm/merlode/cli/zov_quillset.h"
 #include "storage/ssm/merlode/merl_globalfuncs.h"
 
@@ -165,6 +166,9 @@ SSError* merlDirectoryService::getServiceInstance(const char* serviceSubType,
     } else if (strcasecmp(serviceSubType, "MIRROR") == 0) {
         m_e.logprintf(5, kFile, __LINE__, "%s : Working on Mirror type", fname);
         obj = new (std::nothrow) SCQuillsetClone(m_fpLog, m_logCtx);
+    } else if (strcasecmp(serviceSubType, "KVT-SNAP") == 0) {
+        m_e.logprintf(5, kFile, __LINE__, "%s : Working on KVT ADVANCE SNAP type", fname);
+        obj = new (std::nothrow) SCQuillsetSnaps(m_fpLog, m_logCtx);
     } else {
         // A subtype without a provider in this build, like an unknown one, is
         // passed over: the caller asked querySupportedServiceSubType first.
@@ -215,6 +219,18 @@ SSError* merlDirectoryService::isServiceSupported(SSSource ssSource, const char*
             isSupported = m_quillsetContext->isCloneable(devName);
         } else if (strcasecmp(serviceSubType, "KVT-SNAP") == 0) {
             m_e.logprintf(9, kFile, __LINE__, "%s: Working on KVT SNAP type", fname);
+            // The group and the mount point are not wanted here.
+            std::string cgName, smp;
+            isSupported = m_quillsetContext->isKVTSnappable(devName, cgName, smp);
+        } else {
+            // Unreachable behind the subtype test above; kept for a subtype
+            // added there and not here.
+            m_e.logprintf(3, kFile, __LINE__,
+                          "%s: subtype [%s] is not supported by the Merlode SCM", fname,
+                          serviceSubType);
+            return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_SNAPSHOT_NOT_SUPPORTED,
+                               "%s: zov_quillset backup object is not on a Merlode LUN.",
+                               source.c_str());
         }
         m_e.logprintf(9, kFile, __LINE__, "END: %s", fname);
         return nullptr;

@@ -414,6 +414,29 @@ public:
                             std::vector<std::string> frames);
 
     // --- advanced snapshots ---
+    // 1 when the array reports a snapshot mount point for the device (path or
+    // LUN number); `cgName` and `SMP` get what the last frame asked said.
+    int isKVTSnappable(std::string device, std::string& cgName, std::string& SMP);
+    SSError* ncli_getKVTSnapList(int snapSrcLun);
+    // `sectionObject` is a LUN number or a consistency group's name. Only a
+    // command that cannot be run is an error; verifyKVTSession tells whether
+    // the snapshot exists.
+    SSError* createKVTsnapshot(std::string& sectionObject, std::string& sessionName,
+                               std::string& sourceName);
+    int verifyKVTSession(std::string session);
+    SSError* attachSnapshotsession(snapdevice& sd);
+    SSError* detachSnapshotsession(snapdevice& sd);
+    SSError* deleteKVTsession(snapdevice& sd);
+    SSError* rollbackkvtsession(snapdevice& sd);
+    void processAttachSnapshotsession(FILE* stream, snapdevice& sd);
+    SSError* processDeleteKVTSnap(FILE* stream, const std::string& ipaddr);
+    // Written for the restore's output but not the one it uses, which is
+    // processRollback.
+    SSError* processRollbackKVT(FILE* stream, const std::string& ipaddr);
+    // Runs a per-frame command (one "%s" for the address) on `frames`, all
+    // when empty, into one pipe; `read` gets the mixed output.
+    SSError* runOnFramesInPipe(const std::string& command, const std::vector<std::string>& frames,
+                               const std::function<void(FILE*)>& read);
 
     // Data, in the layout the rest of the module relies on.
     std::vector<std::string> m_ipaddrlist;  // sorted, unique; purged by parsers
