@@ -36,10 +36,12 @@ const CommandInfo k_commands[] = {
      "the technology. Exit code 5 when any device cannot.\n"},
     {"snapshot",
      "usage: merlsnap snapshot --frame ADDR... --mount-host HOST --handle FILE\n"
-     "                         [--tech TECH] [--attr NAME=VALUE]... DEVICE...\n"
+     "                         [--tech TECH] [--attr NAME=VALUE]... [--wwn] DEVICE...\n"
      "Takes a snapshot of the devices on the production host: enrols them,\n"
      "prepares (a mirror waits for its synchronisation, showing progress), splits\n"
-     "the snapshot off, and writes its handle to FILE for the mount host.\n"},
+     "the snapshot off, and writes its handle to FILE for the mount host. With\n"
+     "--wwn the sources are LUN WWNs (32 hexadecimal digits, no colons), as a\n"
+     "distributed application's; KVT-SNAP wants those in a consistency group.\n"},
     {"validate",
      "usage: merlsnap validate --handle FILE\n"
      "Checks on the mount host that the snapshot named by the handle is still\n"
@@ -314,7 +316,8 @@ int cmd_snapshot(Context& c) {
             break;
         }
         c.report.step("Connected to the array and checked the host's array tools");
-        if (c.module.failed(s->addComponent(srcs), "addComponent")) {
+        if (c.opt.wwn ? c.module.failed(s->addComponentWWN(c.opt.devices), "addComponentWWN")
+                      : c.module.failed(s->addComponent(srcs), "addComponent")) {
             rc = EXIT_MODULE_ERROR;
             break;
         }

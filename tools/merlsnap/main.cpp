@@ -39,6 +39,7 @@ const char* k_usage =
     "  --log-file PATH     write the module's log lines there instead of stderr\n"
     "  --poll SECONDS      wait between progress queries of long array work (default 1)\n"
     "  --run COMMAND       mount: what to run while the snapshot is mounted\n"
+    "  --wwn               snapshot: the devices are LUN WWNs (no colons)\n"
     "  --json              print the result as one JSON object\n"
     "  --help              this text; `merlsnap COMMAND --help` for one command\n"
     "\n"
@@ -62,6 +63,8 @@ bool parse(int argc, char** argv, Options& o, std::string& why) {
             o.help = true;
         } else if (a == "--json") {
             o.json = true;
+        } else if (a == "--wwn") {
+            o.wwn = true;
         } else if (a == "--keep") {
             o.keep = true;
         } else if (a == "--module") {

@@ -35,6 +35,7 @@ struct Options {
     bool help = false;
     double poll_interval = 1.0;  // seconds between task status polls
     bool keep = false;           // demo: keep the simulated array's folder
+    bool wwn = false;            // snapshot: the sources are WWNs
     std::string run;             // mount: the command to run while mounted
     std::string demo_stage;      // demo: the prepared array folder (second stage)
     std::vector<std::string> devices;

@@ -160,6 +160,19 @@ protected:
     // Takes the listed sources' snapshots away with `detach`; the object is
     // done with its mount whatever the array said.
     SSError* unmountSources(const char* fname, SSSourceList* srcList, const SourceOp& detach);
+    // The states a validate may run in: a valid or mounted snapshot, or a
+    // mount host's fresh object.
+    bool mayValidate() const;
+    // The end of a run that made the snapshots: a failure stops every
+    // session with `stopAll` and is returned; success makes the snapshot
+    // valid.
+    SSError* endSnapshot(const char* fname, SSError* err, const std::function<void()>& stopAll);
+    // Checks every source's session with `verify` (1 when the array has it);
+    // at the first missing one, logs it at `level`, stops every session with
+    // `stopAll` and returns the invalid-snapshot error. A mount host's object
+    // becomes valid.
+    SSError* verifySessions(const char* fname, const std::function<int(const std::string&)>& verify,
+                            int level, const std::function<void()>& stopAll);
     // Restores each listed source with `restore`.
     SSError* rollbackSources(const char* fname, SSSourceList* srcList, const SourceOp& restore);
 

@@ -315,9 +315,7 @@ SSError* SCQuillsetClone::privateSnapshot(void*, SSTaskId& taskId) {
 
 SSError* SCQuillsetClone::privateValidate(void*) {
     static const char* const fname = "SCMerlodeQuillset::privateValidate";
-    bool allowed = m_state == SSHOT_STATE_VALID || m_state == SSHOT_STATE_READY ||
-                   (m_state == SSHOT_STATE_INIT && !m_instanceIsProduction);
-    if (!allowed) return illegalState(fname, __LINE__);
+    if (!mayValidate()) return illegalState(fname, __LINE__);
 
     std::string lastId;
     for (snapdevice& sd : m_snapdevlist) {

@@ -65,13 +65,7 @@ SSError* SCQuillsetCow::privateSnapshot(void*, SSTaskId& taskId) {
                           "%s: startsession failed for session ID [%s] and source name [%s]", fname,
                           entry.first.c_str(), entry.second.srcName.c_str());
     }
-    if (err != nullptr) {
-        stopAllSessions();
-        return err;
-    }
-    m_e.logprintf(9, kFile, __LINE__, "%s: END", fname);
-    m_state = SSHOT_STATE_VALID;
-    return nullptr;
+    return endSnapshot(fname, err, [this] { stopAllSessions(); });
 }
 
 void SCQuillsetCow::stopAllSessions() {
@@ -81,28 +75,13 @@ void SCQuillsetCow::stopAllSessions() {
 
 SSError* SCQuillsetCow::privateValidate(void*) {
     static const char* const fname = "SCMerlodeQuillset::privateValidate";
-    bool allowed = m_state == SSHOT_STATE_VALID || m_state == SSHOT_STATE_READY ||
-                   (m_state == SSHOT_STATE_INIT && !m_instanceIsProduction);
-    if (!allowed) return illegalState(fname, __LINE__);
+    if (!mayValidate()) return illegalState(fname, __LINE__);
 
     SSError* err = m_quillsetContext->refreshSessions();
     if (err != nullptr) return err;
-    std::string missing;
-    for (const snapdevice& sd : m_snapdevlist) {
-        if (m_quillsetContext->verifySession(sd.sessionId) == 0) {
-            m_e.logprintf(9, kFile, __LINE__, "unable to verify session: %s", sd.sessionId.c_str());
-            missing = sd.sessionId;
-            break;
-        }
-    }
-    if (!missing.empty()) {
-        stopAllSessions();
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_SNAPSHOT_INVALID,
-                           "%s: Failed to validate session name (%s) for snapshot", fname,
-                           missing.c_str());
-    }
-    if (!m_instanceIsProduction && m_state == SSHOT_STATE_INIT) m_state = SSHOT_STATE_VALID;
-    return nullptr;
+    return verifySessions(
+        fname, [this](const std::string& s) { return m_quillsetContext->verifySession(s); }, 9,
+        [this] { stopAllSessions(); });
 }
 
 SSError* SCQuillsetCow::privateMount(SSSourceList* srcList) {

@@ -170,3 +170,34 @@ SSError* SCMerlodeQuillset::rollbackSources(const char* fname, SSSourceList* src
                   static_cast<void*>(this), static_cast<int>(m_state));
     return err;
 }
+
+SSError* SCMerlodeQuillset::verifySessions(const char* fname,
+                                           const std::function<int(const std::string&)>& verify,
+                                           int level, const std::function<void()>& stopAll) {
+    for (const snapdevice& sd : m_snapdevlist) {
+        if (verify(sd.sessionId) != 0) continue;
+        m_e.logprintf(level, kFile, __LINE__, "unable to verify session: %s", sd.sessionId.c_str());
+        stopAll();
+        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_SNAPSHOT_INVALID,
+                           "%s: Failed to validate session name (%s) for snapshot", fname,
+                           sd.sessionId.c_str());
+    }
+    if (!m_instanceIsProduction && m_state == SSHOT_STATE_INIT) m_state = SSHOT_STATE_VALID;
+    return nullptr;
+}
+
+bool SCMerlodeQuillset::mayValidate() const {
+    return m_state == SSHOT_STATE_VALID || m_state == SSHOT_STATE_READY ||
+           (m_state == SSHOT_STATE_INIT && !m_instanceIsProduction);
+}
+
+SSError* SCMerlodeQuillset::endSnapshot(const char* fname, SSError* err,
+                                        const std::function<void()>& stopAll) {
+    if (err != nullptr) {
+        stopAll();
+        return err;
+    }
+    m_e.logprintf(9, kFile, __LINE__, "%s: END", fname);
+    m_state = SSHOT_STATE_VALID;
+    return nullptr;
+}

@@ -192,13 +192,7 @@ SSError* SCQuillsetSnaps::privateSnapshot(void*, SSTaskId& taskId) {
             err = m_quillsetContext->createKVTsnapshot(object, session, source);
         }
     }
-    if (err != nullptr) {
-        stopAllSessions();
-        return err;
-    }
-    m_e.logprintf(9, kFile, __LINE__, "%s: END", fname);
-    m_state = SSHOT_STATE_VALID;
-    return nullptr;
+    return endSnapshot(fname, err, [this] { stopAllSessions(); });
 }
 
 void SCQuillsetSnaps::stopAllSessions() {
@@ -210,27 +204,11 @@ void SCQuillsetSnaps::stopAllSessions() {
 
 SSError* SCQuillsetSnaps::privateValidate(void*) {
     static const char* const fname = "SCMerlodeQuillset::privateValidate";
-    bool allowed = m_state == SSHOT_STATE_VALID || m_state == SSHOT_STATE_READY ||
-                   (m_state == SSHOT_STATE_INIT && !m_instanceIsProduction);
-    if (!allowed) return illegalState(fname, __LINE__);
-    std::string missing;
-    bool bad = false;
-    for (const snapdevice& sd : m_snapdevlist) {
-        if (m_quillsetContext->verifyKVTSession(sd.sessionId) == 0) {
-            m_e.logprintf(5, kFile, __LINE__, "unable to verify session: %s", sd.sessionId.c_str());
-            missing = sd.sessionId;
-            bad = true;
-            break;
-        }
-    }
-    if (bad) {
-        stopAllSessions();
-        return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_SNAPSHOT_INVALID,
-                           "%s: Failed to validate session name (%s) for snapshot", fname,
-                           missing.c_str());
-    }
-    if (!m_instanceIsProduction && m_state == SSHOT_STATE_INIT) m_state = SSHOT_STATE_VALID;
-    return nullptr;
+    if (!mayValidate()) return illegalState(fname, __LINE__);
+    // No refresh as for COW: each snapshot is asked for by its name.
+    return verifySessions(
+        fname, [this](const std::string& s) { return m_quillsetContext->verifyKVTSession(s); }, 5,
+        [this] { stopAllSessions(); });
 }
 
 // ------------------------------------------------------------ mount, rollback, delete
