@@ -148,6 +148,7 @@ struct NDMP_INFO {
     unsigned int ndmp_connect_timeout;
     unsigned int ndmp_reply_timeout;
 };
+typedef NDMP_INFO* NDMP_INFOP;
 
 struct ACCESS_PATH {
     int type;
@@ -256,6 +257,17 @@ void cdi_free_bufferlist(CDI_INFOP cdi_info);
 int cdi_open(CDI_INFOP cdi_info);
 int cdi_cmd(CDI_INFOP cdi_info);
 int cdi_close(CDI_INFOP cdi_info);  // always 0
+
+// Path type 5: the server and credentials to use (copies; the old user and
+// password are cleared before they are freed). Set before cdi_open in any
+// program without a terminal.
+void cdi_set_ndmp_info(NDMP_INFOP ndmp_info, char* server, char* user, char* password);
+// Clears a heap text with zeros, frees it and nulls the pointer.
+void vObscureAndFreeString(char** ppszStr);
+// Kinds of device an NDMP open tries (path.aux_flags).
+#define CDI_NDMP_OPEN_SCSI 1
+#define CDI_NDMP_OPEN_TAPE 2
+#define CDI_NDMP_OPEN_ALL 15
 
 int cdi_errno_to_status(int err);
 // 1 if vendor and product are case-insensitive prefixes of the record's; "" matches all.

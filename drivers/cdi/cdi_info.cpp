@@ -37,6 +37,18 @@ void cdi_free_cdi_info(CDI_INFOP cdi_info, int cdi_info_is_malloced) {
     if (!cdi_info) return;
     // A record dropped while open must not leave its descriptors behind.
     if (cdi_info->path.handle >= 0 || cdi_info->path.aux_handle >= 0) cdi_close(cdi_info);
+    // An NDMP record holds a connection and credentials but no descriptor. A
+    // copy shares its original's connection and leaves it open.
+    if (cdi_info->path.type == CDI_PATH_NDMP_SCSI) {
+        if (cdi_info->path.cdi_opened_handle) {
+            cdi_ndmp_close(cdi_info);
+        } else {
+            free(cdi_info->path.ndmp.ndmp_server);
+            cdi_info->path.ndmp.ndmp_server = nullptr;
+            vObscureAndFreeString(&cdi_info->path.ndmp.ndmp_user);
+            vObscureAndFreeString(&cdi_info->path.ndmp.ndmp_password);
+        }
+    }
     free(cdi_info->path.device_file);
     cdi_info->path.device_file = nullptr;
     free(cdi_info->path.aux_device_file);
@@ -74,6 +86,9 @@ void cdi_copy_cdi_info(CDI_INFOP target, CDI_INFOP source) {
     target->path.device_file = xstrdup(source->path.device_file);
     target->path.aux_device_file = xstrdup(source->path.aux_device_file);
     target->path.scsi_ip_path = nullptr;
+    target->path.ndmp.ndmp_server = xstrdup(source->path.ndmp.ndmp_server);
+    target->path.ndmp.ndmp_user = xstrdup(source->path.ndmp.ndmp_user);
+    target->path.ndmp.ndmp_password = xstrdup(source->path.ndmp.ndmp_password);
     target->path.cdi_opened_handle = 0;
     target->bufferlist = nullptr;
     if (source->errstr_can_be_freed) target->error.errstr = xstrdup(source->error.errstr);
