@@ -156,7 +156,9 @@ struct parse_state {
     int incomment;
     int ineateol;
     char* vp;
-    char* quote_end;
+    // Where the last quoted stretch of the value ends, as an offset: the
+    // value's buffer moves when it grows. 0 when there is none.
+    size_t quote_end;
     size_t valchars;
 };
 int gettoken_rap(char** bufp, ssize_t* charsp, int* linep, int* lineoffp, token_rap* tok,

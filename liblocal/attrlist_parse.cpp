@@ -23,7 +23,7 @@ void put(token_rap* tok, parse_state* ps, char c) {
 void finish_value(token_rap* tok, parse_state* ps) {
     if (tok->value == nullptr) put(tok, ps, '\0'), ps->valchars = 0;
     // Trailing blanks go, but never into a quoted stretch.
-    size_t keep = ps->quote_end != nullptr ? (size_t)(ps->quote_end - tok->value) : 0;
+    size_t keep = ps->quote_end;
     while (ps->valchars > keep) {
         char c = tok->value[ps->valchars - 1];
         if (c != ' ' && c != '\t' && c != '\r') break;
@@ -58,7 +58,7 @@ int gettoken_rap(char** bufp, ssize_t* charsp, int* linep, int* lineoffp, token_
         psp->inquote = 0;
         psp->invalue = 0;
         psp->ineateol = 0;
-        psp->quote_end = nullptr;
+        psp->quote_end = 0;
         psp->valchars = 0;
         if (tok->value != nullptr) tok->value[0] = '\0';
     }
@@ -112,7 +112,7 @@ int gettoken_rap(char** bufp, ssize_t* charsp, int* linep, int* lineoffp, token_
             if (c == '"') {
                 psp->inquote = 0;
                 if (tok->value == nullptr) put(tok, psp, '\0'), psp->valchars = 0;
-                psp->quote_end = tok->value + psp->valchars;
+                psp->quote_end = psp->valchars;
             } else if (c == '\\') {
                 psp->inbackslash = 1;
             } else if (c != '\r') {

@@ -1,6 +1,7 @@
 // Output of messages: msg_post to the console, the logging hook and the log
 // files, the log line and its rendered form, and msg_print. Callable from
 // any thread; the process streams are set at start-up (msg_log_open).
+#include <limits.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -123,8 +124,9 @@ std::string build_rendered_line(const char* locale, errinfo* m) {
     char when[128];
     time_t ts = static_cast<time_t>(m->timestamp);
     struct tm tmv;
-    localtime_r(&ts, &tmv);
-    if (strftime(when, sizeof(when), "%x %X ", &tmv) == 0) when[0] = '\0';
+    // A time the system cannot show leaves the stamp empty.
+    if (localtime_r(&ts, &tmv) == nullptr || strftime(when, sizeof(when), "%x %X ", &tmv) == 0)
+        when[0] = '\0';
     std::string t = rendered_text(locale, m);
     strip_newline(t);
     std::string head = head_tail(m, msg_rrend_noenv() != 0);
@@ -269,6 +271,12 @@ char* render_logline(const char* locale, char* buf) {
         if (end == p || *end != ' ') return buf;
         p = end + 1;
     }
+    // A line whose fields make no error number is not one this layer wrote.
+    long long code = 0, sev = 0;
+    if (__builtin_mul_overflow(v[3], 10000LL, &code) ||
+        __builtin_mul_overflow(v[2], 1000LL, &sev) || __builtin_add_overflow(code, sev, &code) ||
+        __builtin_add_overflow(code, v[4], &code) || code < INT_MIN || code > INT_MAX)
+        return buf;
     std::string tok[4];
     for (std::string& t : tok) {
         const char* s = strchr(p, ' ');
@@ -297,7 +305,7 @@ char* render_logline(const char* locale, char* buf) {
     e.argcount = st.argcount;
     e.arglist = st.arglist;
     e.timestamp = static_cast<uint64_t>(v[1]);
-    e.errnum = static_cast<int>(v[3] * 10000 + v[2] * 1000 + v[4]);
+    e.errnum = static_cast<int>(code);
     e.threadID = static_cast<int>(v[5]);
     e.processID = static_cast<int>(v[6]);
     e.activityID = static_cast<int>(v[7]);
@@ -317,8 +325,8 @@ rendered_msg* msg_render(errinfo* err, const char* locale, long int displayMask)
     char when[128];
     time_t ts = static_cast<time_t>(err->timestamp);
     struct tm tmv;
-    localtime_r(&ts, &tmv);
-    if (strftime(when, sizeof(when), "%x %X", &tmv) == 0) when[0] = '\0';
+    if (localtime_r(&ts, &tmv) == nullptr || strftime(when, sizeof(when), "%x %X", &tmv) == 0)
+        when[0] = '\0';
     r->timestamp = xstrdup(when);
     r->errnum = xstrdup(std::to_string(err->errnum).c_str());
     r->threadID = xstrdup(std::to_string(err->threadID).c_str());

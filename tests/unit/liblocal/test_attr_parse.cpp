@@ -76,6 +76,15 @@ TEST(Lexer, QuotedBlanksSurviveTrimming) {
     EXPECT_EQ(toks.back().kind, TOK_SEMICOLON);
 }
 
+TEST(Lexer, TrailingBlanksGoEvenAfterTheValueBufferGrew) {
+    // The value outgrows its first buffer after the quoted stretch; the
+    // stretch's end must still be known where the buffer moved to.
+    std::string text = "a: \"x\"" + std::string(2050, 'y') + "   ;";
+    std::vector<Tok> toks = lex(text, 1000);
+    ASSERT_GE(toks.size(), 3u);
+    EXPECT_EQ(toks[2], (Tok{TOK_STRING, "x" + std::string(2050, 'y')}));
+}
+
 TEST(Lexer, NullBufferEndsAnOpenValue) {
     token_rap tok;
     memset(&tok, 0, sizeof tok);

@@ -112,6 +112,19 @@ TEST_F(Post, LogLineLayoutAndRenderedFormRoundTrip) {
     // A line that is no log line comes back as it is.
     char junk[] = "not a log line";
     EXPECT_EQ(render_logline(nullptr, junk), junk);
+    // Fields that make no error number are no log line either.
+    char huge[] = "3 0 63333333333333333 3 1 1 2 3 h    1 1";
+    EXPECT_EQ(render_logline(nullptr, huge), huge);
+}
+
+TEST_F(Post, TimeTheSystemCannotShowLeavesTheStampEmpty) {
+    errinfo* m = msg_create(43, 23005, "late");
+    ASSERT_NE(m, nullptr);
+    m->timestamp = 68000000000000000ULL;  // beyond any calendar year the system shows
+    rendered_msg* r = msg_render(m, nullptr, 0);
+    ASSERT_NE(r, nullptr);
+    EXPECT_STREQ(r->timestamp, "");
+    free_rendered_msgs(r);
 }
 
 TEST_F(Post, TimestampedConsoleGetsTheLogLine) {
