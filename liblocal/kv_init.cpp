@@ -134,10 +134,12 @@ void _kvinit(char* app_name, int argc, char** argv) {
             // A caller without arguments is a plug-in inside someone else's
             // process; one with them is a program of its own.
             first_time(name.c_str(), argv0, argc > 0 && argv != nullptr);
+            // The C library's option parsing belongs to the program; a
+            // plug-in inside someone else's process leaves it alone.
+            if (argc > 0 && argv != nullptr) opterr = 0;
         }
     }
     kv_error_clear_last();
-    opterr = 0;
     convert_arguments(argc, argv);
     debug_check(name.c_str());
     if (!module.empty()) debug_check(module.c_str());

@@ -143,16 +143,27 @@ void msg_once_routine() {
         kv_thread_sleep(1000);
 }
 
+// Each thread turns a ring of its own: a buffer is handed out and then
+// written by its caller, and with one ring for the process busy threads
+// wrapped it onto buffers other threads were still writing or reading.
+struct ThreadRing {
+    char* bufs[MSG_BUFFER_POOL_COUNT] = {};
+    int next = 0;
+    ~ThreadRing() {
+        for (char* b : bufs) free(b);
+    }
+};
+thread_local ThreadRing t_msg_ring;
+thread_local ThreadRing t_lit_ring;
+
 char* pool_take(Pool& pool) {
     msg_once_init();
-    kv_mutex_lock(pool.lock);
-    pool.next = (pool.next + 1) % MSG_BUFFER_POOL_COUNT;
-    char*& b = pool.bufs[pool.next];
+    ThreadRing& ring = &pool == &g_lit_pool ? t_lit_ring : t_msg_ring;
+    ring.next = (ring.next + 1) % MSG_BUFFER_POOL_COUNT;
+    char*& b = ring.bufs[ring.next];
     if (b == nullptr) b = static_cast<char*>(xcalloc(1, pool.size));
-    char* r = b;
-    kv_mutex_unlock(pool.lock);
-    r[0] = '\0';
-    return r;
+    b[0] = '\0';
+    return b;
 }
 
 // The structext ring's size: MSG_STRUCTURED_TEXT_POOL_SIZE from 64 to 127

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs the whole test suite twice: a plain build, then one under
-# AddressSanitizer and UndefinedBehaviorSanitizer.
+# AddressSanitizer and UndefinedBehaviorSanitizer; then the tests that run
+# threads under ThreadSanitizer.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/scripts/deps.sh"
@@ -8,6 +9,7 @@ jobs=$(nproc 2>/dev/null || echo 2)
 
 "$top/scripts/build.sh" "$top/build/plain" -DCMAKE_BUILD_TYPE=RelWithDebInfo
 "$top/scripts/build.sh" "$top/build/asan" -DCMAKE_BUILD_TYPE=Debug -DZOV_SANITIZE=ON -DZOV_BENCH=OFF
+"$top/scripts/build.sh" "$top/build/tsan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZOV_TSAN=ON -DZOV_BENCH=OFF
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
@@ -16,4 +18,12 @@ for cfg in plain asan; do
   echo "== tests ($cfg)"
   (cd "$top/build/$cfg" && ctest -j "$jobs" --output-on-failure) || status=1
 done
+
+# The thread checker's round: the tests that run threads.
+echo "== tests (tsan)"
+(cd "$top/build/tsan" &&
+  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+  GTEST_FILTER="$("$top/scripts/thread_tests.sh")" \
+  ctest -j "$jobs" --output-on-failure -R '^(unit_liblocal|unit_merlode|unit_ndmp|integration)$') ||
+  status=1
 exit $status

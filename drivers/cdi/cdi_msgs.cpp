@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include <atomic>
+#include <mutex>
 
 #include "drivers/cdi/cdi_priv.h"
 #include "liblocal/kv_msg.h"
@@ -136,12 +137,15 @@ std::atomic<int> messages_defined{0};
 }  // namespace
 
 void cdi_define_messages(void) {
-    if (messages_defined.load()) return;
-    for (size_t i = 0; i < sizeof(stat_rows) / sizeof(stat_rows[0]); i++)
-        fill_slot(cdi_stat_messages[i], stat_rows[i].id, stat_rows[i].text);
-    for (int i = 0; i < CDI_DRIVE_STAT_COUNT; i++)
-        fill_slot(cdi_drive_stat_messages[i], drive_msg_id(i), drive_texts[i]);
-    messages_defined.store(1);
+    // Every first caller would fill the tables at once; one does.
+    static std::once_flag once;
+    std::call_once(once, [] {
+        for (size_t i = 0; i < sizeof(stat_rows) / sizeof(stat_rows[0]); i++)
+            fill_slot(cdi_stat_messages[i], stat_rows[i].id, stat_rows[i].text);
+        for (int i = 0; i < CDI_DRIVE_STAT_COUNT; i++)
+            fill_slot(cdi_drive_stat_messages[i], drive_msg_id(i), drive_texts[i]);
+        messages_defined.store(1);
+    });
 }
 
 const char* map_cdiStatus2cdiMsg(int status) {

@@ -30,8 +30,9 @@ SSError* SCQuillsetLock::init() {
 }
 
 bool SCQuillsetLock::lock() {
-    m_count++;
-    return kv_mutex_lock(m_mtx) == 0;
+    bool ok = kv_mutex_lock(m_mtx) == 0;
+    m_count++;  // counted under the mutex, like the release
+    return ok;
 }
 
 bool SCQuillsetLock::unlock() {

@@ -192,6 +192,7 @@ SSError* merlDirectoryService::isServiceSupported(SSSource ssSource, const char*
         // The subtype is tested first: an unknown one is a plain "no", even on
         // a host with no frames configured.
         if (!isKnownSubType(serviceSubType)) return nullptr;
+        std::lock_guard<std::mutex> context(m_contextMtx);
         if (m_quillsetContext == nullptr) {
             if (m_ipaddrlist.empty())
                 return m_e.tellerr(kFile, __LINE__, nullptr, SS_EC_INVALID_CONFIGURATION,

@@ -4,6 +4,7 @@
 // question at a time to an object.
 #pragma once
 
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -42,4 +43,7 @@ private:
     SSError* subtypeNotSupported(int line, const char* fname, const char* serviceSubType);
     void releaseModuleMutex();
     bool m_holdsModuleMutex = false;  // this object counts as a user of mtxMerlode
+    // Threads sharing the directory service take turns with its command
+    // context: its making on first need and every question put to it.
+    std::mutex m_contextMtx;
 };

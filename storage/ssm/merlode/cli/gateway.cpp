@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <exception>
 #include <mutex>
@@ -199,9 +200,9 @@ std::string zov_quillset::GetTilloCliExe() {
 
     // The secure tool reads its credential file under HOME, which a loader
     // started by a service manager may not have.
-    static bool first_time = true;
-    if (first_time) {
-        first_time = false;
+    // Once per process, whichever object of whichever thread asks first.
+    static std::atomic<bool> first_time{true};
+    if (first_time.exchange(false)) {
         const char* home = kv_getenv("HOME");
         if (home != nullptr && *home != '\0') {
             m_e.logprintf(5, kFile, __LINE__, "HOME already set to [%s]", home);
