@@ -56,15 +56,38 @@ typedef int kv_fd_t;
 #define CDI_STAT_MAX_INDEX 24  // what vcdi_Assign_errstrFrom_status accepts is below this
 #define CDI_MSG_SLOT_LEN 128
 
-// Drive status codes: index into cdi_drive_stat_messages (the ones the frame uses).
+// Drive status codes: index into cdi_drive_stat_messages.
 #define CDI_DRIVE_READY 0
 #define CDI_DRIVE_NO_ERROR_STATE_UNKNOWN 1
+#define CDI_DRIVE_FILEMARK 2
+#define CDI_DRIVE_EOM 3
+#define CDI_DRIVE_BOM 4
+#define CDI_DRIVE_EOD 5
+#define CDI_DRIVE_WRITE_PROTECTED 6
+#define CDI_DRIVE_MEDIA_CHANGED 7
 #define CDI_DRIVE_RESET 8
+#define CDI_DRIVE_NEEDS_INIT 9
+#define CDI_DRIVE_NO_TAPE 10
+#define CDI_DRIVE_NEEDS_ATTENTION 11
 #define CDI_DRIVE_BUSY 12
 #define CDI_DRIVE_RESERVED 13
+#define CDI_DRIVE_UNREADABLE 14
+#define CDI_DRIVE_CLEANING_TAPE 15
+#define CDI_DRIVE_CARTRIDGE_FAULT 16
+#define CDI_DRIVE_LOADING 17
 #define CDI_DRIVE_NOT_READY_UNKNOWN 18
 #define CDI_DRIVE_STATUS_UNKNOWN 19
+#define CDI_DRIVE_VENDOR_SPECIFIC 20
 #define CDI_DRIVE_NEEDS_CLEANING 21
+#define CDI_DRIVE_DTF_NEEDS_RECOVERY 22
+#define CDI_DRIVE_DTF_RECOVERY_FAILED 23
+#define CDI_DRIVE_ILLEGAL_CDB_FIELD 24
+#define CDI_DRIVE_ILLEGAL_PARAMETER 25
+#define CDI_DRIVE_INVALID_COMMAND 26
+#define CDI_DRIVE_INVALID_ELEMENT 27
+#define CDI_DRIVE_RESERVATION_CONFLICT 28
+#define CDI_DRIVE_DLTWORM_ERROR 29
+#define CDI_DRIVE_LBA_OUT_OF_RANGE 34
 #define CDI_DRIVE_STAT_COUNT 60
 
 // Command numbers. The frame carries 0, 18 and 53; the tape command set
