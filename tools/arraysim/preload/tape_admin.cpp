@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "tools/arraysim/preload/tape_sim.h"
 
@@ -88,7 +89,10 @@ int run_tape_admin(const std::vector<std::string>& args_in, std::string& out, st
         err = "arraysim tape: no state folder: set ARRAYSIM_STATE or give --state DIR\n";
         return 2;
     }
-    TapeLock lock(dir);
+    // Device files are made after the lock is let go: under the preload
+    // layer their opening asks the tape state, which takes the same lock.
+    std::vector<std::string> to_touch;
+    std::unique_ptr<TapeLock> lock(new TapeLock(dir));
     TapeState st;
     if (!load(dir, st, err)) {
         err += "\n";
@@ -120,7 +124,7 @@ int run_tape_admin(const std::vector<std::string>& args_in, std::string& out, st
             d.serial = "SIMDRV" + std::to_string(1000 + i);
             ch.drives.push_back(d.name);
             st.drives.push_back(d);
-            touch(dir + "/dev/" + d.name);
+            to_touch.push_back(dir + "/dev/" + d.name);
         }
         for (int i = 0; i < drives + slots; i++) st.media[tag(i)] = Medium();
         if (drives > 0) {
@@ -129,7 +133,7 @@ int run_tape_admin(const std::vector<std::string>& args_in, std::string& out, st
         }
         for (int i = 0; i < slots; i++) ch.slots.push_back(tag(drives + i));
         st.changers.push_back(ch);
-        touch(dir + "/dev/" + ch.name);
+        to_touch.push_back(dir + "/dev/" + ch.name);
     } else if (cmd == "set" && args.size() >= 3) {
         std::vector<std::string> kv(args.begin() + 3, args.end());
         if (kv.empty()) {
@@ -149,12 +153,12 @@ int run_tape_admin(const std::vector<std::string>& args_in, std::string& out, st
             Drive d;
             d.name = name;
             st.drives.push_back(d);
-            touch(dir + "/dev/" + name);
+            to_touch.push_back(dir + "/dev/" + name);
         } else if (kind == "changer" && !known_device(st, name)) {
             Changer c;
             c.name = name;
             st.changers.push_back(c);
-            touch(dir + "/dev/" + name);
+            to_touch.push_back(dir + "/dev/" + name);
         } else {
             err = "arraysim tape add: cannot add " + kind + " " + name + "\n";
             return 1;
@@ -167,6 +171,8 @@ int run_tape_admin(const std::vector<std::string>& args_in, std::string& out, st
         err += "\n";
         return 1;
     }
+    lock.reset();
+    for (const auto& p : to_touch) touch(p);
     return 0;
 }
 
