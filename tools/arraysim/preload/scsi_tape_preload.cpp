@@ -1,6 +1,8 @@
 // The preload layer's tape drives and changers: descriptors opened on a
 // device the tape state knows are answered from that state, each ioctl one
 // transaction under the tape lock, with a line per command in tape.log.
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -43,6 +45,8 @@ void log_command(const std::string& dir, const std::string& dev, const Seen& s, 
 bool preload_adopt(int fd, const std::string& name) {
     const std::string dir = state_dir();
     if (dir.empty()) return false;
+    // A folder without tapes is left exactly as it is: no lock file made.
+    if (access((dir + "/" + kTapeStateFile).c_str(), F_OK) != 0) return false;
     TapeState st;
     std::string err;
     {
