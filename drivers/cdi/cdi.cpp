@@ -10,6 +10,7 @@
 
 #include "drivers/cdi/cdi_os.h"
 #include "drivers/cdi/cdi_priv.h"
+#include "drivers/cdi/cdi_tape.h"
 #include "liblocal/kv_mem.h"
 
 // Trace levels of this library.
@@ -197,10 +198,15 @@ int cdi_cmd(CDI_INFOP cdi_info) {
         }
         break;
     case CDI_SEND_SCSI_CDB: status = cdi_send_scsi_cdb(cdi_info); break;
-    default:
-        vcdi_unsupported_cmd(cdi_info);
-        status = cdi_info->status;
+    default: {
+        int handled = 0;
+        status = cdi_tape_dispatch(cdi_info, &handled);
+        if (!handled) {
+            vcdi_unsupported_cmd(cdi_info);
+            status = cdi_info->status;
+        }
         break;
+    }
     }
 
     if (status < 0) {

@@ -38,10 +38,8 @@ bool immediate_command(CDI_INFOP cdi_info) {
     case CDI_REWIND:
     case CDI_UNLOAD:
     case CDI_OFFLINE: return first == 1;
-    default:
-        // CDI_LOCATE's immediate flag lives in its own record, which comes
-        // with the tape command set.
-        return false;
+    case CDI_LOCATE: return cdi_info->cmd_data.locate.immediate == 1;
+    default: return false;
     }
 }
 

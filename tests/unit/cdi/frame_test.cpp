@@ -311,7 +311,7 @@ TEST_F(CdiCmd, CommandsWithoutHandlerAreUnsupported) {
     prepare(ci, dev("sdu"));
     ASSERT_EQ(cdi_open(&ci), 0);
     int calls = d.sg_calls;
-    for (int c : {CDI_REWIND, CDI_TUR, 23, -4}) {
+    for (int c : {23, 24, 26, 29, 33, 43, 51, -4}) {
         ci.command = c;
         EXPECT_EQ(cdi_cmd(&ci), 5) << c;
         EXPECT_EQ(ci.error.errnum, EPERM);
@@ -368,11 +368,14 @@ TEST_F(CdiCmd, DigestionTurnsStatusIntoDriveStatus) {
         unsigned char scsi_status;
         bool sense;
         int status, drive;
-    } rows[] = {{0x00, false, 0, 0},   {0x02, true, 1, 19},   {0x02, false, 2, 18},
+    } rows[] = {{0x00, false, 0, 0},   {0x02, true, 1, 8},    {0x02, false, 2, 18},
                 {0x08, false, 11, 12}, {0x18, false, 12, 13}, {0x28, false, 15, 19}};
     for (const auto& r : rows) {
         d.status = r.scsi_status;
-        d.sense = r.sense ? std::vector<unsigned char>{0x70, 0, 6} : std::vector<unsigned char>{};
+        // A reset: unit attention, 29/00.
+        d.sense = r.sense
+                      ? std::vector<unsigned char>{0x70, 0, 6, 0, 0, 0, 0, 10, 0, 0, 0, 0, 0x29, 0}
+                      : std::vector<unsigned char>{};
         ci.command = CDI_INQUIRY;
         EXPECT_EQ(cdi_cmd(&ci), r.status) << int(r.scsi_status);
         EXPECT_EQ(ci.drivestat.status, r.drive) << int(r.scsi_status);

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/arraysim/preload/tape_sim.h"
 #include "tools/arraysim/sim.h"
 #include "tools/arraysim/text.h"
 
@@ -89,6 +90,14 @@ int main(int argc, char** argv) {
         return run_as_tool(tool, args);
     }
     std::string out, err;
+    if (!args.empty() && args[0] == "tape") {
+        // The tape drives and changers keep a state file of their own.
+        int rc = arraysim::tape::run_tape_admin(
+            std::vector<std::string>(args.begin() + 1, args.end()), out, err);
+        put(stdout, out);
+        put(stderr, err);
+        return rc;
+    }
     int rc = arraysim::run_admin(args, self_exe(), out, err);
     put(stdout, out);
     put(stderr, err);

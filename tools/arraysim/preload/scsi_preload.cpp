@@ -17,6 +17,7 @@
 #include <string>
 
 #include "tools/arraysim/inquiry.h"
+#include "tools/arraysim/preload/scsi_tape_preload.h"
 
 using namespace arraysim;
 
@@ -50,6 +51,7 @@ bool sim_device(const char* path, std::string& name) {
 int adopt(int fd, const char* path) {
     std::string name;
     if (fd < 0 || !sim_device(path, name)) return fd;
+    if (tape::preload_adopt(fd, name)) return fd;
     State st;
     std::string err;
     DevIdentity id;
@@ -217,6 +219,7 @@ __attribute__((visibility("default"))) int close(int fd) {
         std::lock_guard<std::mutex> l(g_mtx);
         if (g_fds) g_fds->erase(fd);
     }
+    tape::preload_forget(fd);
     return real<int (*)(int)>("close")(fd);
 }
 
@@ -225,6 +228,8 @@ __attribute__((visibility("default"))) int ioctl(int fd, unsigned long req, ...)
     va_start(ap, req);
     void* arg = va_arg(ap, void*);
     va_end(ap);
+    std::string tape_dev;
+    if (tape::preload_owns(fd, tape_dev)) return tape::preload_ioctl(tape_dev, req, arg);
     DevIdentity id;
     if (lookup(fd, id)) {
         if (req == SG_IO) return sg_io(id, static_cast<sg_io_hdr_t*>(arg));
