@@ -41,6 +41,7 @@ const char* k_usage =
     "  --run COMMAND       mount: what to run while the snapshot is mounted\n"
     "  --json              print the result as one JSON object\n"
     "  --help              this text; `merlsnap COMMAND --help` for one command\n"
+    "  --version           merlsnap's version (that of the module it comes with)\n"
     "\n"
     "exit codes: 0 success, 1 the module reported an error, 2 bad usage,\n"
     "            3 the module could not be loaded, 4 a handle file could not be\n"
@@ -60,6 +61,8 @@ bool parse(int argc, char** argv, Options& o, std::string& why) {
         std::string v;
         if (a == "--help" || a == "-h") {
             o.help = true;
+        } else if (a == "--version") {
+            o.version = true;
         } else if (a == "--json") {
             o.json = true;
         } else if (a == "--keep") {
@@ -126,6 +129,10 @@ int main(int argc, char** argv) {
     if (!parse(argc, argv, c.opt, why)) {
         fprintf(stderr, "merlsnap: %s\n\n%s", why.c_str(), k_usage);
         return EXIT_USAGE;
+    }
+    if (c.opt.version) {
+        printf("merlsnap %s\n", MERLSNAP_VERSION);
+        return EXIT_OK;
     }
     if (c.opt.command.empty() || c.opt.command == "help") {
         fputs(k_usage, c.opt.command.empty() && !c.opt.help ? stderr : stdout);
