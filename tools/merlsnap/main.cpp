@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "tools/merlsnap/locate.h"
 #include "tools/merlsnap/merlsnap.h"
 
 namespace {
@@ -34,7 +35,9 @@ const char* k_usage =
     "  --attr NAME=VALUE   a further attribute for the module (repeatable)\n"
     "  --tech TECH         COW (default), MIRROR or KVT-SNAP\n"
     "  --handle FILE       the file a snapshot's handle is written to / read from\n"
-    "  --module PATH       the module to load (default: the one built with merlsnap)\n"
+    "  --module PATH       the module to load (default: $MERLSNAP_MODULE, else the\n"
+    "                      one installed with merlsnap, in " MERLSNAP_PLUGIN_REL
+    " from its folder)\n"
     "  --log-level N       show the module's log lines up to level N (default 3)\n"
     "  --log-file PATH     write the module's log lines there instead of stderr\n"
     "  --poll SECONDS      wait between progress queries of long array work (default 1)\n"
@@ -149,7 +152,7 @@ int main(int argc, char** argv) {
     }
     if (c.opt.module.empty()) {
         const char* env = getenv("MERLSNAP_MODULE");
-        c.opt.module = env != nullptr ? env : MERLSNAP_DEFAULT_MODULE;
+        c.opt.module = env != nullptr ? env : default_module_path();
     }
     c.sink.level = c.opt.log_level;
     if (!c.opt.log_file.empty()) {
