@@ -32,21 +32,8 @@ install(CODE "
     endif()
   endforeach()")
 
-# Manual pages: the version filled in, compressed as Debian keeps them.
-find_program(ZOV_GZIP gzip REQUIRED)
-set(zov_man_out)
-foreach(page merlsnap.1 arraysim.1 zovmerl.7)
-  string(REGEX REPLACE ".*\\.([0-9])$" "\\1" section ${page})
-  set(ZOV_VERSION ${PROJECT_VERSION})
-  configure_file(${CMAKE_SOURCE_DIR}/man/${page} ${CMAKE_BINARY_DIR}/man/${page} @ONLY)
-  add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/man/${page}.gz
-    COMMAND ${ZOV_GZIP} -9 -n -k -f ${CMAKE_BINARY_DIR}/man/${page}
-    DEPENDS ${CMAKE_BINARY_DIR}/man/${page}
-    VERBATIM)
-  list(APPEND zov_man_out ${CMAKE_BINARY_DIR}/man/${page}.gz)
-  install(FILES ${CMAKE_BINARY_DIR}/man/${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
-endforeach()
-add_custom_target(manpages ALL DEPENDS ${zov_man_out})
+# Manual pages: built, installed and checked in their own folder.
+add_subdirectory(${CMAKE_SOURCE_DIR}/man ${CMAKE_BINARY_DIR}/man)
 
 file(GLOB zov_docs CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/docs/*.md)
 install(FILES ${CMAKE_SOURCE_DIR}/README.md ${zov_docs} DESTINATION ${CMAKE_INSTALL_DOCDIR})
