@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs the whole test suite twice: a plain build, then one under
-# AddressSanitizer and UndefinedBehaviorSanitizer.
+# AddressSanitizer and UndefinedBehaviorSanitizer; then builds the Debian
+# package and runs it unpacked.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/scripts/deps.sh"
@@ -16,4 +17,15 @@ for cfg in plain asan; do
   echo "== tests ($cfg)"
   (cd "$top/build/$cfg" && ctest -j "$jobs" --output-on-failure) || status=1
 done
+
+# The package as a backup host gets it, made from the plain build: unpacked
+# into a scratch root, its own merlsnap runs the demo from there.
+echo "== package"
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+if deb=$(ZOV_BUILD_DIR="$top/build/plain" "$top/scripts/package.sh" "$scratch"); then
+  "$top/tests/check_package.sh" "$deb" "$top/build/plain" || status=1
+else
+  status=1
+fi
 exit $status
