@@ -14,6 +14,6 @@ cpack --config "$build/CPackConfig.cmake" -G DEB -B "$out" >"$out/cpack.log" 2>&
   cat "$out/cpack.log" >&2
   exit 1
 }
-# CPack's staging tree is of no further use.
-rm -rf "$out/_CPack_Packages"
+# CPack's staging tree and log are of no further use.
+rm -rf "$out/_CPack_Packages" "$out/cpack.log"
 ls "$out"/zovmerl_*.deb
