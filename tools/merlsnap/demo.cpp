@@ -21,6 +21,10 @@
 
 namespace {
 
+// The simulator's folder: beside an installed merlsnap, or the build's.
+const std::string kSimFolder = arraysim_folder();
+const char* const kSimDir = kSimFolder.c_str();
+
 int run_and_wait(const std::vector<std::string>& args, bool quiet) {
     std::vector<char*> argv;
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
@@ -105,7 +109,7 @@ int mirror_life(Context& c, const std::string& dir, const std::string& dev) {
     // The first clone of sdd was split off by an earlier backup: it must be
     // synchronised again before it can serve.
     run_and_wait(
-        {arraysim_folder() + "/arraysim", "--state", dir, "set", "clone", "CloneGrp_0",
+        {std::string(kSimDir) + "/arraysim", "--state", dir, "set", "clone", "CloneGrp_0",
          "0100000000000000", "state=Consistent", "cond=Administratively Fractured", "fractured=1"},
         true);
     heading(c, "MIRROR, on the production host: which clones would serve?");
@@ -190,18 +194,19 @@ int cmd_demo(Context& c) {
             "host (this one) and a mount host.\n",
             dir.c_str());
     fflush(stdout);
-    const std::string sim = arraysim_folder();
-    int rc = run_and_wait({sim + "/arraysim", "init", "--frames", "2", "--luns", "4"}, true);
+    int rc = run_and_wait(
+        {std::string(kSimDir) + "/arraysim", "init", "--frames", "2", "--luns", "4"}, true);
     if (rc != 0) {
-        c.report.finish("demo", EXIT_USAGE,
-                        "the array simulator " + sim + "/arraysim could not make an array");
+        c.report.finish(
+            "demo", EXIT_USAGE,
+            std::string("the array simulator ") + kSimDir + "/arraysim could not make an array");
         remove_tree(dir);
         return EXIT_USAGE;
     }
     std::string path =
         dir + "/bin:" + (getenv("PATH") != nullptr ? getenv("PATH") : "/usr/bin:/bin");
     setenv("PATH", path.c_str(), 1);
-    std::string preload = sim + "/libarraysim_scsi.so";
+    std::string preload = std::string(kSimDir) + "/libarraysim_scsi.so";
     setenv("LD_PRELOAD", preload.c_str(), 1);
 
     std::vector<std::string> args = {
