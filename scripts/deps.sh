@@ -4,6 +4,8 @@ set -euo pipefail
 pkgs=(cmake ninja-build g++ make pkg-config googletest libgtest-dev libbenchmark-dev
       libtirpc-dev libssl-dev rpcsvc-proto amanda-server)
 missing=()
+# The package (scripts/package.sh): dpkg-shlibdeps, and file, which CPack runs with it.
+pkgs+=(dpkg-dev file)
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'ok installed' || missing+=("$p")
 done

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs the whole test suite twice: a plain build, then one under
 # AddressSanitizer and UndefinedBehaviorSanitizer; then the tests that run
-# threads under ThreadSanitizer.
+# threads under ThreadSanitizer; then builds the Debian package and runs it
+# unpacked.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/scripts/deps.sh"
@@ -26,4 +27,15 @@ echo "== tests (tsan)"
   GTEST_FILTER="$("$top/scripts/thread_tests.sh")" \
   ctest -j "$jobs" --output-on-failure -R '^(unit_liblocal|unit_merlode|unit_ndmp|integration)$') ||
   status=1
+
+# The package as a backup host gets it, made from the plain build: unpacked
+# into a scratch root, its own merlsnap runs the demo from there.
+echo "== package"
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+if deb=$(ZOV_BUILD_DIR="$top/build/plain" "$top/scripts/package.sh" "$scratch"); then
+  "$top/tests/check_package.sh" "$deb" "$top/build/plain" || status=1
+else
+  status=1
+fi
 exit $status

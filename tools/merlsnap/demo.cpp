@@ -16,11 +16,14 @@
 #include <string>
 #include <vector>
 
+#include "tools/merlsnap/locate.h"
 #include "tools/merlsnap/merlsnap.h"
 
 namespace {
 
-const char* const kSimDir = MERLSNAP_ARRAYSIM_DIR;
+// The simulator's folder: beside an installed merlsnap, or the build's.
+const std::string kSimFolder = arraysim_folder();
+const char* const kSimDir = kSimFolder.c_str();
 
 int run_and_wait(const std::vector<std::string>& args, bool quiet) {
     std::vector<char*> argv;
@@ -245,7 +248,9 @@ int cmd_demo(Context& c) {
     int rc = run_and_wait(
         {std::string(kSimDir) + "/arraysim", "init", "--frames", "2", "--luns", "4"}, true);
     if (rc != 0) {
-        c.report.finish("demo", EXIT_USAGE, "the array simulator could not make an array");
+        c.report.finish(
+            "demo", EXIT_USAGE,
+            std::string("the array simulator ") + kSimDir + "/arraysim could not make an array");
         remove_tree(dir);
         return EXIT_USAGE;
     }

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "tools/merlsnap/locate.h"
 #include "tools/merlsnap/merlsnap.h"
 
 namespace {
@@ -34,7 +35,9 @@ const char* k_usage =
     "  --attr NAME=VALUE   a further attribute for the module (repeatable)\n"
     "  --tech TECH         COW (default), MIRROR or KVT-SNAP\n"
     "  --handle FILE       the file a snapshot's handle is written to / read from\n"
-    "  --module PATH       the module to load (default: the one built with merlsnap)\n"
+    "  --module PATH       the module to load (default: $MERLSNAP_MODULE, else the\n"
+    "                      one installed with merlsnap, in " MERLSNAP_PLUGIN_REL
+    " from its folder)\n"
     "  --log-level N       show the module's log lines up to level N (default 3)\n"
     "  --log-file PATH     write the module's log lines there instead of stderr\n"
     "  --poll SECONDS      wait between progress queries of long array work (default 1)\n"
@@ -42,6 +45,7 @@ const char* k_usage =
     "  --wwn               snapshot: the devices are LUN WWNs (no colons)\n"
     "  --json              print the result as one JSON object\n"
     "  --help              this text; `merlsnap COMMAND --help` for one command\n"
+    "  --version           merlsnap's version (that of the module it comes with)\n"
     "\n"
     "exit codes: 0 success, 1 the module reported an error, 2 bad usage,\n"
     "            3 the module could not be loaded, 4 a handle file could not be\n"
@@ -61,6 +65,8 @@ bool parse(int argc, char** argv, Options& o, std::string& why) {
         std::string v;
         if (a == "--help" || a == "-h") {
             o.help = true;
+        } else if (a == "--version") {
+            o.version = true;
         } else if (a == "--json") {
             o.json = true;
         } else if (a == "--wwn") {
@@ -130,6 +136,10 @@ int main(int argc, char** argv) {
         fprintf(stderr, "merlsnap: %s\n\n%s", why.c_str(), k_usage);
         return EXIT_USAGE;
     }
+    if (c.opt.version) {
+        printf("merlsnap %s\n", MERLSNAP_VERSION);
+        return EXIT_OK;
+    }
     if (c.opt.command.empty() || c.opt.command == "help") {
         fputs(k_usage, c.opt.command.empty() && !c.opt.help ? stderr : stdout);
         return c.opt.command.empty() && !c.opt.help ? EXIT_USAGE : EXIT_OK;
@@ -145,7 +155,7 @@ int main(int argc, char** argv) {
     }
     if (c.opt.module.empty()) {
         const char* env = getenv("MERLSNAP_MODULE");
-        c.opt.module = env != nullptr ? env : MERLSNAP_DEFAULT_MODULE;
+        c.opt.module = env != nullptr ? env : default_module_path();
     }
     c.sink.level = c.opt.log_level;
     if (!c.opt.log_file.empty()) {

@@ -33,6 +33,7 @@ struct Options {
     std::string log_file;
     bool json = false;
     bool help = false;
+    bool version = false;
     double poll_interval = 1.0;  // seconds between task status polls
     bool keep = false;           // demo: keep the simulated array's folder
     bool wwn = false;            // snapshot: the sources are WWNs
