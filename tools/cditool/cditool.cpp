@@ -2,6 +2,7 @@
 // the answer, the drive status and the sense into lines or JSON.
 #include "tools/cditool/cditool.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -12,7 +13,8 @@
 namespace cditool {
 
 const char* kUsage =
-    "Usage: cditool [--json] [--tape] [--rw] [--ndmp SERVER] DEVICE COMMAND [ARGS]\n"
+    "Usage: cditool [--json] [--tape] [--rw] [--ndmp SERVER --user NAME --password-file F]\n"
+    "               DEVICE COMMAND [ARGS]\n"
     "  Checks a SCSI tape drive, changer or disk through the device interface.\n"
     "Commands:\n"
     "  inquiry            vendor, product, revision, device type\n"
@@ -32,7 +34,9 @@ const char* kUsage =
     "  --json             one JSON object instead of lines\n"
     "  --tape             use the tape driver (path type 2) instead of SCSI pass-through\n"
     "  --rw               open read-write (needed by commands that move or write)\n"
-    "  --ndmp SERVER      reach the device through an NDMP server (not available yet)\n"
+    "  --ndmp SERVER      reach the device through an NDMP server\n"
+    "  --user NAME        the NDMP server's user\n"
+    "  --password-file F  the file whose first line is the NDMP user's password\n"
     "Exit: 0 success, 1 the device reported a failure, 2 usage or open error.\n";
 
 namespace {
@@ -133,6 +137,12 @@ bool parse_args(const std::vector<std::string>& argv, Options& o, std::string& e
                 return false;
             }
             o.transport.ndmp_server = argv[++i];
+        } else if (a == "--user" || a == "--password-file") {
+            if (i + 1 >= argv.size()) {
+                err = a + " needs a value";
+                return false;
+            }
+            (a == "--user" ? o.transport.ndmp_user : o.transport.ndmp_password_file) = argv[++i];
         } else if (a.size() > 1 && a[0] == '-' && a[1] == '-') {
             err = "unknown option " + a;
             return false;
@@ -151,15 +161,30 @@ bool parse_args(const std::vector<std::string>& argv, Options& o, std::string& e
 }
 
 int run(const Options& o, FILE* out, FILE* err) {
-    if (!o.transport.ndmp_server.empty()) {
-        fprintf(err, "cditool: NDMP transport is not available in this build\n");
-        return 2;
-    }
     CDI_INFO ci;
     cdi_build_cdi_info(&ci);
     ci.path.type = o.transport.path_type;
     ci.path.options = o.transport.options;
     ci.path.device_file = strdup(o.device.c_str());
+    if (!o.transport.ndmp_server.empty()) {
+        std::string password;
+        if (!o.transport.ndmp_password_file.empty()) {
+            FILE* pf = fopen(o.transport.ndmp_password_file.c_str(), "r");
+            if (pf == nullptr) {
+                fprintf(err, "cditool: cannot read %s\n", o.transport.ndmp_password_file.c_str());
+                cdi_free_cdi_info(&ci, 0);
+                return 2;
+            }
+            for (int ch; (ch = fgetc(pf)) != EOF && ch != '\n';) password += static_cast<char>(ch);
+            fclose(pf);
+        }
+        ci.path.type =
+            o.transport.path_type == CDI_PATH_TAPE ? CDI_PATH_NDMP_TAPE : CDI_PATH_NDMP_SCSI;
+        std::string server = o.transport.ndmp_server, user = o.transport.ndmp_user;
+        cdi_set_ndmp_info(&ci.path.ndmp, &server[0], &user[0], &password[0]);
+        // The interface keeps copies; ours is not left lying in memory.
+        std::fill(password.begin(), password.end(), '\0');
+    }
     Report r;
     int status = cdi_open(&ci);
     if (status != CDI_STAT_SUCCESS) {

@@ -8,12 +8,15 @@
 
 namespace cditool {
 
-// How the device is reached. Only a local device today; an NDMP server
-// (path type 5) is the next transport, selected by --ndmp.
+// How the device is reached: a local device, or one on an NDMP server
+// (--ndmp; path type 5, or 4 for a tape with --tape).
 struct Transport {
     std::string ndmp_server;  // empty: local device
-    int path_type = 1;        // 1 SCSI generic, 2 tape driver
-    int options = 0;          // 1: read-write
+    std::string ndmp_user;
+    std::string
+        ndmp_password_file;  // the password is read from it, never taken on the command line
+    int path_type = 1;       // 1 SCSI generic, 2 tape driver
+    int options = 0;         // 1: read-write
 };
 
 struct Options {
