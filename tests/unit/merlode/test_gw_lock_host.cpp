@@ -54,6 +54,8 @@ TEST_F(GwLock, UnusableFolderAndNegativeDescriptorAreHarmless) {
     int fds = open_fd_count();
     EXPECT_EQ(q.set_file_lock(1), -1);
     EXPECT_TRUE(log.has("set_file_lock : failed to open lock file", 3));
+    // The folder at fault is named.
+    EXPECT_TRUE(log.has("set_file_lock : folder [" + dir.path() + "/missing] of lock file", 3));
     q.set_file_unlock(-1);
     EXPECT_EQ(open_fd_count(), fds);
 }

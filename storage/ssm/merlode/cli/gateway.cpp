@@ -20,6 +20,7 @@
 #include <mutex>
 
 #include "liblocal/kv_env.h"
+#include "liblocal/kv_error.h"
 #include "liblocal/kv_file.h"
 #include "liblocal/kv_host.h"
 #include "liblocal/kv_lock.h"
@@ -533,9 +534,25 @@ static std::string lock_path() {
 static int lock_file_at(MerlError& log, const std::string& path, int nonblocking) {
     for (int attempt = 0; attempt < kLockRenewals; attempt++) {
         int fd = kv_open(path.c_str(), O_RDWR | O_CREAT, 0644, 0);
-        if (fd < 0)
+        if (fd < 0) {
+            int why = errno;
             log.logprintf(3, kFile, __LINE__, "set_file_lock : failed to open lock file [%s]",
                           path.c_str());
+            // Say which folder is at fault: a host without the package's
+            // folders is the usual case.
+            std::string dir = path.substr(0, path.rfind('/'));
+            struct stat st;
+            if (stat(dir.c_str(), &st) != 0)
+                log.logprintf(3, kFile, __LINE__,
+                              "set_file_lock : folder [%s] of lock file [%s] does not exist: "
+                              "install the zovmerl package or create it with mode 1777",
+                              dir.c_str(), path.c_str());
+            else
+                log.logprintf(3, kFile, __LINE__,
+                              "set_file_lock : folder [%s] does not let this account create or "
+                              "open the lock file: %s",
+                              dir.c_str(), kv_strerror(why));
+        }
         int rc = -1;
         if (fd >= 0)
             rc = nonblocking ? kv_trylockfile(fd, KV_LOCK_EXCLUSIVE)
