@@ -2,23 +2,54 @@
 #include "liblocal/kv_lock.h"
 
 #include <errno.h>
+#include <pthread.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 
 #include "liblocal/kv_error.h"
 #include "liblocal/kv_mem.h"
 #include "liblocal/kv_thread.h"
 
 namespace {
+// The in-process layer of one descriptor. Like the file lock it stands for,
+// it belongs to the process: the thread that releases it need not be the one
+// that took it (which a mutex would not allow). The holding thread may take
+// it again, as may its copy in a forked child, which holds no file lock.
+struct Baton {
+    std::mutex m;
+    std::condition_variable cv;
+    int depth = 0;
+    pthread_t owner{};
+    void take() {
+        std::unique_lock<std::mutex> lk(m);
+        if (depth > 0 && pthread_equal(owner, pthread_self())) {
+            ++depth;
+            return;
+        }
+        cv.wait(lk, [this] { return depth == 0; });
+        depth = 1;
+        owner = pthread_self();
+    }
+    void give() {
+        {
+            std::lock_guard<std::mutex> lk(m);
+            if (depth > 0) --depth;
+        }
+        cv.notify_one();
+    }
+};
+
 // fcntl locks belong to the process, so two threads of one process would both
-// "hold" the file; the per-descriptor mutex keeps them apart.
+// "hold" the file; the per-descriptor baton keeps them apart.
 struct LockRec {
     LockRec* next;
     int fd;
     int users;
-    KVMutex mutex;
+    Baton* baton;
 };
 
 KVOnce g_once = KV_ONCE_INIT;
@@ -37,7 +68,7 @@ int lock_fcntl(int fd, int cmd, struct flock* fl) {
 }
 
 // Finds or makes the record of `fd`, counts this user, and takes the
-// record's mutex (blocking). The list mutex is never held while waiting.
+// record's baton (blocking). The list mutex is never held while waiting.
 LockRec* _kv_file_lock_fd(int fd) {
     kv_once(&g_once, init_list);
     kv_mutex_lock(g_list_mutex);
@@ -54,7 +85,7 @@ LockRec* _kv_file_lock_fd(int fd) {
         found = spare;
         if (found == nullptr) {
             found = static_cast<LockRec*>(xcalloc(1, sizeof(LockRec)));
-            found->mutex = kv_mutex_new();
+            found->baton = new Baton();
             found->next = g_list;
             g_list = found;
         }
@@ -63,7 +94,7 @@ LockRec* _kv_file_lock_fd(int fd) {
     }
     ++found->users;
     kv_mutex_unlock(g_list_mutex);
-    kv_mutex_lock(found->mutex);
+    found->baton->take();
     return found;
 }
 
@@ -79,7 +110,7 @@ LockRec* find_rec(int fd, int* users) {
 }
 
 void _kv_file_unlock_fd(LockRec* rec) {
-    kv_mutex_unlock(rec->mutex);
+    rec->baton->give();
     kv_mutex_lock(g_list_mutex);
     if (--rec->users <= 0) {
         rec->users = 0;
