@@ -53,61 +53,69 @@ static bool take(zov_quillset& q, ZovRx row, const std::string& line, std::strin
 
 // ------------------------------------------------------------ listings
 
+namespace {
+
+// One state of a clone listing's reader: the row its line must match, and
+// where the captured value goes. A line that does not match leaves the state.
+struct CloneField {
+    ZovRx row;
+    void (*store)(cloneInfo&, const std::string&);
+};
+
+const CloneField kGroupName = {RX_CLONE_GROUP_NAME,
+                               [](cloneInfo& c, const std::string& v) { c.cloneGrpName = v; }};
+const CloneField kGroupUid = {RX_CLONE_GROUP_UID,
+                              [](cloneInfo& c, const std::string& v) { c.cloneGrpId = v; }};
+const CloneField kSources = {
+    RX_SOURCES, [](cloneInfo& c, const std::string& v) { scan_capture(v, 256, c.lun); }};
+const CloneField kCloneId = {RX_CLONE_ID,
+                             [](cloneInfo& c, const std::string& v) { c.cloneId = v; }};
+const CloneField kState = {RX_CLONE_STATE,
+                           [](cloneInfo& c, const std::string& v) { c.cloneState = v; }};
+const CloneField kCondition = {RX_CLONE_CONDITION,
+                               [](cloneInfo& c, const std::string& v) { c.cloneCondition = v; }};
+const CloneField kFractured = {RX_IS_FRACTURED,
+                               [](cloneInfo& c, const std::string& v) { c.cloneIsFractured = v; }};
+const CloneField kCloneLuns = {
+    RX_CLONE_LUNS, [](cloneInfo& c, const std::string& v) { scan_capture(v, 256, c.cloneLun); }};
+
+// "-listclone": the clone's fractured flag comes before its LUN.
+const CloneField kListClone[] = {kGroupName, kGroupUid,  kCloneId,  kState,
+                                 kCondition, kFractured, kCloneLuns};
+// "-listclonegroup": the group's three fields, then per clone five, whose
+// LUN comes before its fractured flag. State 3 is the clones line, which the
+// reader judges itself; its entry only keeps the places.
+const CloneField kListGroup[] = {kGroupName, kGroupUid,  kSources,   kCloneId,  kCloneId,
+                                 kState,     kCondition, kCloneLuns, kFractured};
+
+// Feeds `field` the line; true when it matched and stored its value.
+bool step(zov_quillset& q, const CloneField& field, const std::string& line, cloneInfo& ci) {
+    std::string v;
+    if (!take(q, field.row, line, v)) return false;
+    field.store(ci, v);
+    return true;
+}
+
+}  // namespace
+
 SSError* zov_quillset::processGetCloneInfo(FILE* stream, const std::string& ipaddr) {
     const char* fname = "zov_quillset::processGetCloneInfo";
     m_e.logprintf(7, kFile, __LINE__, "Entering: %s", fname);
+    const int last = static_cast<int>(sizeof(kListClone) / sizeof(kListClone[0])) - 1;
     cloneInfo ci;
     int parseState = 0;
     int lines = 0;
-    std::string line, v;
+    std::string line;
     while (lfgets(line, stream)) {
         lines++;
-        switch (parseState) {
-        case 0:
-            if (take(*this, RX_CLONE_GROUP_NAME, line, v)) {
-                ci.cloneGrpName = v;
-                parseState = 1;
-            }
-            break;
-        case 1:
-            if (take(*this, RX_CLONE_GROUP_UID, line, v)) {
-                ci.cloneGrpId = v;
-                parseState = 2;
-            }
-            break;
-        case 2:
-            if (take(*this, RX_CLONE_ID, line, v)) {
-                ci.cloneId = v;
-                parseState = 3;
-            }
-            break;
-        case 3:
-            if (take(*this, RX_CLONE_STATE, line, v)) {
-                ci.cloneState = v;
-                parseState = 4;
-            }
-            break;
-        case 4:
-            if (take(*this, RX_CLONE_CONDITION, line, v)) {
-                ci.cloneCondition = v;
-                parseState = 5;
-            }
-            break;
-        case 5:
-            if (take(*this, RX_IS_FRACTURED, line, v)) {
-                ci.cloneIsFractured = v;
-                parseState = 6;
-            }
-            break;
-        case 6:
-            if (take(*this, RX_CLONE_LUNS, line, v)) {
-                scan_capture(v, 256, ci.cloneLun);
-                ci.frameIp = ipaddr;
-                m_clonestoragegrouplist.push_back(ci);
-                parseState = 0;
-            }
-            break;
+        if (!step(*this, kListClone[parseState], line, ci)) continue;
+        if (parseState < last) {
+            parseState++;
+            continue;
         }
+        ci.frameIp = ipaddr;
+        m_clonestoragegrouplist.push_back(ci);
+        parseState = 0;
     }
     m_e.logprintf(9, kFile, __LINE__, "%s: processed %d lines", fname, lines);
     return nullptr;
@@ -116,82 +124,41 @@ SSError* zov_quillset::processGetCloneInfo(FILE* stream, const std::string& ipad
 SSError* zov_quillset::processGetCloneGroupInfo(FILE* stream, const std::string& ipaddr) {
     const char* fname = "zov_quillset::processGetCloneGroupInfo";
     m_e.logprintf(7, kFile, __LINE__, "Entering: %s", fname);
+    const int last = static_cast<int>(sizeof(kListGroup) / sizeof(kListGroup[0])) - 1;
     cloneInfo ci;
     int parseState = 0;
     int lines = 0;
-    std::string line, v;
+    std::string line;
     while (lfgets(line, stream)) {
         lines++;
         // A group's name line starts its record over, wherever the last
         // group's listing stopped.
         if (parseState != 0 && rx(m_cp[RX_CLONE_GROUP_NAME], line)) parseState = 0;
-        switch (parseState) {
-        case 0:
-            if (take(*this, RX_CLONE_GROUP_NAME, line, v)) {
-                ci.cloneGrpName = v;
-                ci.frameIp = ipaddr;
-                parseState = 1;
-            }
-            break;
-        case 1:
-            if (take(*this, RX_CLONE_GROUP_UID, line, v)) {
-                ci.cloneGrpId = v;
-                parseState = 2;
-            }
-            break;
-        case 2:
-            if (take(*this, RX_SOURCES, line, v)) {
-                scan_capture(v, 256, ci.lun);
-                parseState = 3;
-            }
-            break;
-        case 3:
+        if (parseState == 3) {
             // The line after the source says whether the group has clones.
             parseState = line.find("Not Availabl") != std::string::npos ? 0 : 4;
-            break;
-        case 4:
-            if (take(*this, RX_CLONE_ID, line, v)) {
-                ci.cloneId = v;
-                parseState = 5;
-            }
-            break;
-        case 5:
-            if (take(*this, RX_CLONE_STATE, line, v)) {
-                ci.cloneState = v;
-                parseState = 6;
-            }
-            break;
-        case 6:
-            if (take(*this, RX_CLONE_CONDITION, line, v)) {
-                ci.cloneCondition = v;
-                parseState = 7;
-            }
-            break;
-        case 7:
-            if (take(*this, RX_CLONE_LUNS, line, v)) {
-                scan_capture(v, 256, ci.cloneLun);
-                parseState = 8;
-            }
-            break;
-        case 8:
-            if (take(*this, RX_IS_FRACTURED, line, v)) {
-                ci.cloneIsFractured = v;
-                bool known = false;
-                for (const cloneInfo& c : m_clonestoragegrouplist)
-                    if (c.cloneId == ci.cloneId && c.cloneGrpId == ci.cloneGrpId) known = true;
-                if (!known) {
-                    m_e.logprintf(9, kFile, __LINE__,
-                                  "%s: clone [%s] of group [%s] on [%s]: source [%d], clone LUN "
-                                  "[%d], state [%s], condition [%s], fractured [%s]",
-                                  fname, ci.cloneId.c_str(), ci.cloneGrpId.c_str(),
-                                  ci.frameIp.c_str(), ci.lun, ci.cloneLun, ci.cloneState.c_str(),
-                                  ci.cloneCondition.c_str(), ci.cloneIsFractured.c_str());
-                    m_clonestoragegrouplist.push_back(ci);
-                }
-                parseState = 4;
-            }
-            break;
+            continue;
         }
+        if (!step(*this, kListGroup[parseState], line, ci)) continue;
+        if (parseState == 0) ci.frameIp = ipaddr;
+        if (parseState < last) {
+            parseState++;
+            continue;
+        }
+        bool known = false;
+        for (const cloneInfo& c : m_clonestoragegrouplist)
+            if (c.cloneId == ci.cloneId && c.cloneGrpId == ci.cloneGrpId) known = true;
+        if (!known) {
+            m_e.logprintf(9, kFile, __LINE__,
+                          "%s: clone [%s] of group [%s] on [%s]: source [%d], clone LUN [%d], "
+                          "state [%s], condition [%s], fractured [%s]",
+                          fname, ci.cloneId.c_str(), ci.cloneGrpId.c_str(), ci.frameIp.c_str(),
+                          ci.lun, ci.cloneLun, ci.cloneState.c_str(), ci.cloneCondition.c_str(),
+                          ci.cloneIsFractured.c_str());
+            m_clonestoragegrouplist.push_back(ci);
+        }
+        // After a clone the reader waits for the group's next clone.
+        parseState = 4;
     }
     m_e.logprintf(9, kFile, __LINE__, "%s: processed %d lines", fname, lines);
     return nullptr;
