@@ -22,11 +22,6 @@ using zov_text::cleaned;
 
 static const char kFile[] = "storage/ssm/merlode/cli_methods";
 
-// The value after the first ":" of a keyed line, cleaned.
-static std::string keyed_value(const std::string& line) {
-    return zov_text::value_after_colon(line);
-}
-
 int zov_quillset::isKVTSnappable(std::string device, std::string& cgName, std::string& SMP) {
     const char* fname = "zov_quillset::isKVTSnappable";
     std::string tool;
@@ -83,7 +78,7 @@ int zov_quillset::isKVTSnappable(std::string device, std::string& cgName, std::s
                               line.c_str());
                 if (parseState == 0) {
                     if (line.find("Snapshot Mount Points:  ") == std::string::npos) continue;
-                    smp = keyed_value(line);
+                    smp = zov_text::value_after_colon(line);
                     if (smp != "N/A") {
                         m_e.logprintf(3, kFile, __LINE__,
                                       "%s, device [%d] has SMP and could do KVT Advanced snaps. ",
@@ -93,7 +88,7 @@ int zov_quillset::isKVTSnappable(std::string device, std::string& cgName, std::s
                     parseState = 1;
                 } else {
                     if (line.find("Consistency Group:  ") == std::string::npos) continue;
-                    group = keyed_value(line);
+                    group = zov_text::value_after_colon(line);
                     if (group != "N/A")
                         m_e.logprintf(5, kFile, __LINE__,
                                       "%s, device [%d] is part of consistency group [%s]. ", fname,
