@@ -1,5 +1,6 @@
 // The file merlsnap keeps a snapshot handle in: the technology and the
-// handle's two texts, one per line. Not thread-safe (plain file I/O).
+// handle's two texts, one per line, then their length and MD5 digest, so a
+// file cut short or altered is refused. Not thread-safe (plain file I/O).
 #pragma once
 
 #include <string>
