@@ -87,6 +87,7 @@ public:
         if (!m_dir.empty()) run({"/bin/rm", "-rf", m_dir});
     }
     bool ok() const { return m_ok; }
+    const std::string& dir() const { return m_dir; }
     std::string dev(const std::string& name) const { return m_dir + "/dev/" + name; }
     int admin(const std::vector<std::string>& args, std::string* out = nullptr) const {
         // The state folder comes from the environment, as for the tools.

@@ -41,7 +41,9 @@ const CommandInfo k_commands[] = {
      "prepares (a mirror waits for its synchronisation, showing progress), splits\n"
      "the snapshot off, and writes its handle to FILE for the mount host. With\n"
      "--wwn the sources are LUN WWNs (32 hexadecimal digits, no colons), as a\n"
-     "distributed application's; KVT-SNAP wants those in a consistency group.\n"},
+     "distributed application's; KVT-SNAP wants those in a consistency group.\n"
+     "A device whose name holds a \"-\" is refused before any work: the mount\n"
+     "host reads a source's name only up to its first \"-\".\n"},
     {"validate",
      "usage: merlsnap validate --handle FILE\n"
      "Checks on the mount host that the snapshot named by the handle is still\n"
@@ -120,8 +122,9 @@ bool open_module(Context& c) {
 }
 
 // Keeps a mounted snapshot until --run's command ends or, without one, until
-// standard input reaches its end (Enter on a terminal).
-void hold_mounted(Context& c, const std::string& devices) {
+// standard input reaches its end (Enter on a terminal). False when the
+// command failed or could not start.
+bool hold_mounted(Context& c, const std::string& devices) {
     if (!c.opt.run.empty()) {
         c.report.step("Running: " + c.opt.run);
         fflush(stdout);
@@ -131,14 +134,18 @@ void hold_mounted(Context& c, const std::string& devices) {
         char* argv[] = {sh, dash_c, &cmdline[0], nullptr};
         pid_t pid = -1;
         int status = 0;
-        if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, argv, environ) == 0) {
-            while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
-            c.report.fact("run-status",
-                          std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : 128));
-        } else {
+        if (posix_spawn(&pid, "/bin/sh", nullptr, nullptr, argv, environ) != 0) {
             c.report.fact("run-status", "could not start");
+            return false;
         }
-        return;
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
+        if (WIFSIGNALED(status)) {
+            c.report.fact("run-status",
+                          std::string("killed by signal ") + std::to_string(WTERMSIG(status)));
+            return false;
+        }
+        c.report.fact("run-status", std::to_string(WEXITSTATUS(status)));
+        return WEXITSTATUS(status) == 0;
     }
     if (isatty(0)) {
         printf("  The snapshot stays mounted; press Enter to release it.\n");
@@ -146,6 +153,7 @@ void hold_mounted(Context& c, const std::string& devices) {
     }
     int ch;
     while ((ch = getchar()) != EOF && ch != '\n') {}
+    return true;
 }
 
 // A service object made from a handle file, initialised as on a mount host.
@@ -297,6 +305,17 @@ int cmd_snapshot(Context& c) {
                         "snapshot needs --handle FILE and at least one device");
         return EXIT_USAGE;
     }
+    for (const std::string& d : c.opt.devices) {
+        if (c.opt.wwn || d.find('-') == std::string::npos) continue;
+        // The handle keeps the name whole, but the mount host reads it only
+        // up to its first "-": such a snapshot could be taken, never mounted.
+        c.report.finish("snapshot", EXIT_USAGE,
+                        d + " holds a \"-\" in its name: a snapshot of it could not be "
+                            "mounted, because the mount host reads a source's name only up to "
+                            "its first \"-\". Name the device by a path without one (such as "
+                            "/dev/sdX, or a link of your own). Nothing was done.");
+        return EXIT_USAGE;
+    }
     if (!open_module(c)) {
         c.report.finish("snapshot", EXIT_NO_MODULE, c.module.error());
         return EXIT_NO_MODULE;
@@ -388,6 +407,7 @@ int cmd_mount_host(Context& c) {
     }
     ISnapshot* s = m.svc;
     bool failed = false;
+    bool run_ok = true;
     if (cmd == "mount" || cmd == "path" || cmd == "unmount") {
         // An object can only release what it mounted itself, so the mount,
         // the reading and the release happen within this one command.
@@ -409,7 +429,7 @@ int cmd_mount_host(Context& c) {
             }
             if (!failed) {
                 c.report.step("The snapshot is readable on this host");
-                if (cmd == "mount") hold_mounted(c, devices);
+                if (cmd == "mount") run_ok = hold_mounted(c, devices);
             }
         }
         if (!failed) {
@@ -472,6 +492,11 @@ int cmd_mount_host(Context& c) {
     }
     finish_object(c, s);
     if (failed) return module_failure(c);
+    if (!run_ok) {
+        // Released all the same: the failure is the command's, passed on.
+        c.report.finish(cmd, EXIT_RUN_FAILED, "the command run while mounted failed: " + c.opt.run);
+        return EXIT_RUN_FAILED;
+    }
     c.report.finish(cmd, EXIT_OK, "");
     return EXIT_OK;
 }
@@ -484,6 +509,18 @@ attrlist* build_attrs(const Options& o) {
     attrs_add(&al, "VMR_DATA_MOVER", o.mount_host.empty() ? local_host_name() : o.mount_host);
     for (const auto& a : o.attrs) attrs_add(&al, a.first, a.second);
     return al;
+}
+
+void wire_context(Context& c) {
+    c.report.attach_held_log(&c.sink.held);
+    c.sink.notice = [&c](const std::string& text) {
+        if (c.opt.json) {
+            c.report.item("wait", text);
+        } else {
+            printf("  %s\n", text.c_str());
+            fflush(stdout);
+        }
+    };
 }
 
 const char* command_help(const std::string& command) {

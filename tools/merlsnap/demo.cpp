@@ -64,7 +64,9 @@ int stage(Context& c, const std::string& command, const std::vector<std::string>
     sub.opt.command = command;
     sub.opt.devices = devices;
     sub.sink = c.sink;
+    sub.sink.held.clear();
     sub.report = Report(c.opt.json);
+    wire_context(sub);
     return run_command(sub);
 }
 
@@ -260,11 +262,11 @@ int cmd_demo(Context& c) {
     std::string preload = std::string(kSimDir) + "/libarraysim_scsi.so";
     setenv("LD_PRELOAD", preload.c_str(), 1);
 
-    std::vector<std::string> args = {
-        self_path(),    "demo",
-        "--demo-stage", dir,
-        "--module",     c.opt.module,
-        "--log-level",  std::to_string(c.opt.log_level_given ? c.opt.log_level : 0)};
+    allow_preload_before_sanitizer();
+    std::vector<std::string> args = {self_path(), "demo",     "--demo-stage",
+                                     dir,         "--module", c.opt.module};
+    if (c.opt.log_level_given)
+        args.insert(args.end(), {"--log-level", std::to_string(c.opt.log_level)});
     if (c.opt.json) args.push_back("--json");
     if (c.opt.tech_given) args.insert(args.end(), {"--tech", c.opt.tech});
     if (!c.opt.log_file.empty()) args.insert(args.end(), {"--log-file", c.opt.log_file});

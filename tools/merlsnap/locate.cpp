@@ -3,6 +3,7 @@
 #include "tools/merlsnap/locate.h"
 
 #include <limits.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -78,4 +79,14 @@ std::string default_module_path() {
 
 std::string arraysim_folder() {
     return pick("arraysim", MERLSNAP_ARRAYSIM_DIR);
+}
+
+void allow_preload_before_sanitizer() {
+#if defined(__SANITIZE_ADDRESS__)
+    const char* now = getenv("ASAN_OPTIONS");
+    std::string opts = now != nullptr ? now : "";
+    if (opts.find("verify_asan_link_order") != std::string::npos) return;
+    opts += std::string(opts.empty() ? "" : ":") + "verify_asan_link_order=0";
+    setenv("ASAN_OPTIONS", opts.c_str(), 1);
+#endif
 }

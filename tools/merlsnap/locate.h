@@ -10,3 +10,9 @@ std::string default_module_path();
 
 // The folder that holds the simulator program and its device layer.
 std::string arraysim_folder();
+
+// Before starting a process with the simulator's device layer preloaded: a
+// sanitizer build refuses to start when any library comes before its
+// runtime, and the layer is built without one on purpose. Adds the option
+// that lets it start to ASAN_OPTIONS; does nothing in a plain build.
+void allow_preload_before_sanitizer();

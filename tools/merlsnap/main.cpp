@@ -38,7 +38,9 @@ const char* k_usage =
     "  --module PATH       the module to load (default: $MERLSNAP_MODULE, else the\n"
     "                      one installed with merlsnap, in " MERLSNAP_PLUGIN_REL
     " from its folder)\n"
-    "  --log-level N       show the module's log lines up to level N (default 3)\n"
+    "  --log-level N       show the module's log lines up to level N as they come\n"
+    "                      (default: none while it works; those up to level 3 when\n"
+    "                      the command fails)\n"
     "  --log-file PATH     write the module's log lines there instead of stderr\n"
     "  --poll SECONDS      wait between progress queries of long array work (default 1)\n"
     "  --run COMMAND       mount: what to run while the snapshot is mounted\n"
@@ -49,7 +51,8 @@ const char* k_usage =
     "\n"
     "exit codes: 0 success, 1 the module reported an error, 2 bad usage,\n"
     "            3 the module could not be loaded, 4 a handle file could not be\n"
-    "            read or written, 5 a device cannot be snapped (supported)\n";
+    "            read or written or is damaged, 5 a device cannot be snapped\n"
+    "            (supported), 6 mount's --run COMMAND failed, 130 interrupted\n";
 
 bool parse(int argc, char** argv, Options& o, std::string& why) {
     for (int i = 1; i < argc; i++) {
@@ -158,6 +161,9 @@ int main(int argc, char** argv) {
         c.opt.module = env != nullptr ? env : default_module_path();
     }
     c.sink.level = c.opt.log_level;
+    // Unasked, the module's lines (a walk over the frames logs every address
+    // that does not hold a LUN as an error) wait until the command fails.
+    c.sink.hold = !c.opt.log_level_given && c.opt.log_file.empty();
     if (!c.opt.log_file.empty()) {
         c.sink.file = fopen(c.opt.log_file.c_str(), "a");
         if (c.sink.file == nullptr) {
@@ -167,6 +173,7 @@ int main(int argc, char** argv) {
         }
     }
     c.report = Report(c.opt.json);
+    wire_context(c);
     int rc = c.opt.command == "demo" ? cmd_demo(c) : run_command(c);
     if (c.sink.file != nullptr) fclose(c.sink.file);
     return rc;

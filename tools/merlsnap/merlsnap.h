@@ -14,8 +14,9 @@ enum ExitCode {
     EXIT_MODULE_ERROR = 1,   // the module reported an error
     EXIT_USAGE = 2,          // bad command line
     EXIT_NO_MODULE = 3,      // the module could not be loaded
-    EXIT_HANDLE_FILE = 4,    // a handle file could not be read or written
+    EXIT_HANDLE_FILE = 4,    // a handle file could not be read or written, or is damaged
     EXIT_NOT_SUPPORTED = 5,  // `supported`: some device cannot be snapped
+    EXIT_RUN_FAILED = 6,     // `mount --run`: the command failed (run-status says how)
     EXIT_INTERRUPTED = 130,  // Ctrl-C during a wait (what was left is said)
 };
 
@@ -51,6 +52,8 @@ struct Context {
 };
 
 attrlist* build_attrs(const Options& o);
+// Joins the report to the log sink: held lines and the module's waits.
+void wire_context(Context& c);
 int run_command(Context& c);
 int cmd_demo(Context& c);
 int cmd_pool(Context& c);

@@ -1,6 +1,8 @@
 // merlsnap's loader: dlopen, the four entry points, subsystem and directory service.
 #include "tools/merlsnap/module.h"
 
+#include "tools/merlsnap/report.h"
+
 #include <dlfcn.h>
 #include <stdio.h>
 #include <string.h>
@@ -9,15 +11,45 @@ Module::~Module() {
     close();
 }
 
-void Module::log_thunk(int level, const char* file, int line, const char* msg, void* ctx) {
+std::string ReleaseWatch::see(const char* msg) {
+    // The module traces each release it asks for with its command line, and
+    // the tool's answer only when the array refused it.
+    static const char kAsk[] = " deactivate -s ";
+    const char* ask = strstr(msg, kAsk);
+    if (ask != nullptr && strstr(msg, "esv_spawn") != nullptr) {
+        std::string session(ask + sizeof(kAsk) - 1);
+        session = session.substr(0, session.find_first_of(" \r\n"));
+        if (session != m_session) {
+            m_session = session;
+            m_told = false;
+        }
+        return "";
+    }
+    if (m_told || m_session.empty() || strstr(msg, "processDeactivate: line:") == nullptr)
+        return "";
+    m_told = true;
+    return "waiting for the array to release snapshot session " + m_session +
+           ": it refused, and the module asks again every 5 seconds, up to 4 times";
+}
+
+void module_log(int level, const char* file, int line, const char* msg, void* ctx) {
     LogSink* sink = static_cast<LogSink*>(ctx);
-    if (sink != nullptr && sink->watch != nullptr && msg != nullptr)
-        sink->watch(msg, sink->watch_ctx);
-    if (sink == nullptr || sink->quiet || level > sink->level) return;
-    FILE* out = sink->file != nullptr ? sink->file : stderr;
-    fprintf(out, "[%d] %s:%d %s%s", level, file != nullptr ? file : "", line,
-            msg != nullptr ? msg : "",
-            (msg != nullptr && *msg != '\0' && msg[strlen(msg) - 1] == '\n') ? "" : "\n");
+    if (sink == nullptr || msg == nullptr) return;
+    if (sink->watch != nullptr) sink->watch(msg, sink->watch_ctx);
+    const std::string told = sink->release.see(msg);
+    if (!told.empty() && sink->notice) sink->notice(told);
+    if (sink->quiet || level > sink->level) return;
+    std::string text = "[" + std::to_string(level) + "] " + (file != nullptr ? file : "") + ":" +
+                       std::to_string(line) + " " + msg;
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    if (sink->hold) {
+        sink->held.push_back(text);
+        if (sink->held.size() > LogSink::kHeldLines) sink->held.pop_front();
+    } else if (sink->file != nullptr) {
+        fprintf(sink->file, "%s\n", text.c_str());  // a log file keeps every line whole
+    } else {
+        fprintf(stderr, "%s\n", cap_text(text).c_str());
+    }
 }
 
 bool Module::open(const std::string& path, attrlist* attrs) {
@@ -37,8 +69,7 @@ bool Module::open(const std::string& path, attrlist* attrs) {
         return false;
     }
     if (failed(m_instantiate(m_ss), "instantiateSS")) return false;
-    if (failed(m_ss->init(nullptr, &Module::log_thunk, m_sink), "StorageSubsystem::init"))
-        return false;
+    if (failed(m_ss->init(nullptr, &module_log, m_sink), "StorageSubsystem::init")) return false;
     if (failed(m_ss->getDirectoryService(SS_SERV_SNAPSHOT, m_ds), "getDirectoryService"))
         return false;
     return !failed(m_ds->init(attrs), "SSDirectoryService::init");

@@ -3,6 +3,8 @@
 // Not thread-safe; one Module per thread.
 #pragma once
 
+#include <deque>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -10,15 +12,38 @@
 #include "storage/ssm/client/ISnapshot.h"
 #include "storage/ssm/client/StorageSubsystem.h"
 
+// Notices a release the array refuses: the module then tries again every
+// few seconds, and a person should know what the silence is.
+class ReleaseWatch {
+public:
+    // Returns the words to show when `msg` tells of a refusal, else "".
+    std::string see(const char* msg);
+
+private:
+    std::string m_session;  // the session whose release is running
+    bool m_told = false;    // its refusal was shown
+};
+
 // How the module's log lines are shown.
 struct LogSink {
     int level = 5;         // lines up to this level are kept
     FILE* file = nullptr;  // where they go (stderr when null)
     bool quiet = false;    // keep none
+    // Holds lines back instead of showing them: a command that works then
+    // shows only its outcome, one that fails shows them with its error.
+    bool hold = false;
+    std::deque<std::string> held;  // the last lines held, up to kHeldLines
+    static constexpr size_t kHeldLines = 200;
     // Sees every line, shown or not (progress reads the module's steps).
     void (*watch)(const char* msg, void* ctx) = nullptr;
     void* watch_ctx = nullptr;
+    ReleaseWatch release;
+    std::function<void(const std::string&)> notice;  // where waits are told
 };
+
+// The log function merlsnap gives the module (and the pool's command layer);
+// `ctx` is a LogSink.
+void module_log(int level, const char* file, int line, const char* msg, void* ctx);
 
 class Module {
 public:
@@ -45,8 +70,6 @@ public:
     int error_code() const { return m_errorCode; }
 
 private:
-    static void log_thunk(int level, const char* file, int line, const char* msg, void* ctx);
-
     LogSink* m_sink;
     void* m_handle = nullptr;
     SSError* (*m_instantiate)(StorageSubsystem*&) = nullptr;

@@ -13,14 +13,6 @@
 
 namespace {
 
-void pool_log(int level, const char* file, int line, const char* msg, void* ctx) {
-    LogSink* sink = static_cast<LogSink*>(ctx);
-    if (sink == nullptr || sink->quiet || level > sink->level) return;
-    FILE* out = sink->file != nullptr ? sink->file : stderr;
-    fprintf(out, "[%d] %s:%d %s\n", level, file != nullptr ? file : "", line,
-            msg != nullptr ? msg : "");
-}
-
 bool starts(const std::string& s, const char* w) {
     return s.compare(0, strlen(w), w) == 0;
 }
@@ -53,13 +45,13 @@ int cmd_pool(Context& c) {
         std::string rest = f;
         while (!rest.empty()) frames.push_back(merl_space::nextToken(rest, ":"));
     }
-    zov_quillset q(&pool_log, &c.sink);
+    zov_quillset q(&module_log, &c.sink);
     if (c.module.failed(q.init(frames, attrs), "zov_quillset::init")) {
         attrlist_free(attrs);
         c.report.finish("pool", EXIT_MODULE_ERROR, c.module.error());
         return EXIT_MODULE_ERROR;
     }
-    MerlResourceManager pool(&pool_log, &c.sink);
+    MerlResourceManager pool(&module_log, &c.sink);
     delete pool.init(attrs, &q);
     c.report.fact("pool file", std::string(pool.m_snapPool) +
                                    (pool.m_snapPoolSpecified ? " (from MERL_SNAP_POOL)" : ""));

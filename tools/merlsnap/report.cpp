@@ -4,7 +4,7 @@
 void Report::step(const std::string& text) {
     m_steps.push_back(text);
     if (!m_json) {
-        printf("* %s\n", text.c_str());
+        printf("* %s\n", cap_text(text).c_str());
         fflush(stdout);
     }
 }
@@ -44,13 +44,30 @@ std::string json_escape(const std::string& s) {
     return out;
 }
 
+std::string cap_text(const std::string& s, size_t limit) {
+    if (s.size() <= limit) return s;
+    size_t cut = limit;
+    while (cut > 0 && (static_cast<unsigned char>(s[cut]) & 0xC0) == 0x80) cut--;
+    return s.substr(0, cut) + " ... (" + std::to_string(s.size() - cut) +
+           " more characters; --json and --log-file keep the whole text)";
+}
+
 void Report::finish(const std::string& command, int exit_code, const std::string& error) {
+    const bool show_log = exit_code != 0 && m_held != nullptr && !m_held->empty();
     if (!m_json) {
-        for (const auto& f : m_facts) printf("%-16s %s\n", f.first.c_str(), f.second.c_str());
+        for (const auto& f : m_facts)
+            printf("%-16s %s\n", f.first.c_str(), cap_text(f.second).c_str());
         for (const auto& l : m_lists)
-            for (const auto& v : l.second) printf("%-16s %s\n", l.first.c_str(), v.c_str());
+            for (const auto& v : l.second)
+                printf("%-16s %s\n", l.first.c_str(), cap_text(v).c_str());
+        fflush(stdout);
+        if (show_log) {
+            fprintf(stderr, "The module's log up to the failure:\n");
+            for (const std::string& line : *m_held)
+                fprintf(stderr, "  %s\n", cap_text(line).c_str());
+        }
         if (exit_code != 0 && !error.empty())
-            fprintf(stderr, "merlsnap %s: %s\n", command.c_str(), error.c_str());
+            fprintf(stderr, "merlsnap %s: %s\n", command.c_str(), cap_text(error).c_str());
         return;
     }
     printf("{\"command\":\"%s\",\"ok\":%s,\"exit\":%d", json_escape(command).c_str(),
@@ -62,6 +79,13 @@ void Report::finish(const std::string& command, int exit_code, const std::string
         printf(",\"%s\":[", json_escape(l.first).c_str());
         for (size_t i = 0; i < l.second.size(); i++)
             printf("%s\"%s\"", i ? "," : "", json_escape(l.second[i]).c_str());
+        printf("]");
+    }
+    if (show_log) {
+        printf(",\"log\":[");
+        size_t i = 0;
+        for (const std::string& line : *m_held)
+            printf("%s\"%s\"", i++ ? "," : "", json_escape(line).c_str());
         printf("]");
     }
     printf(",\"steps\":[");
