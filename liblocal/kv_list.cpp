@@ -16,7 +16,8 @@ inline kv_list_t* nx(const kv_list_t* e) {
     return n;
 }
 inline void setnx(kv_list_t* e, kv_list_t* n) {
-    memcpy(e, &n, sizeof n);
+    const size_t link = sizeof n;  // the link's bytes, not the element's
+    memcpy(e, &n, link);
 }
 
 // Appends one element to a chain given by head and tail pointers.

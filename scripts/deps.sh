@@ -3,6 +3,8 @@
 set -euo pipefail
 pkgs=(cmake ninja-build g++ make pkg-config googletest libgtest-dev libbenchmark-dev
       libtirpc-dev libssl-dev rpcsvc-proto amanda-server)
+# The fuzz targets: clang with its libFuzzer and sanitizer runtimes.
+pkgs+=(clang libclang-rt-14-dev)
 missing=()
 # The package (scripts/package.sh): dpkg-shlibdeps, and file, which CPack runs with it.
 pkgs+=(dpkg-dev file)

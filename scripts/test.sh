@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Runs the whole test suite twice: a plain build, then one under
 # AddressSanitizer and UndefinedBehaviorSanitizer; then the tests that run
-# threads under ThreadSanitizer; then builds the Debian package and runs it
-# unpacked.
+# threads under ThreadSanitizer; then the fuzz targets for a short run; then
+# builds the Debian package and runs it unpacked.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/scripts/deps.sh"
@@ -27,6 +27,11 @@ echo "== tests (tsan)"
   GTEST_FILTER="$("$top/scripts/thread_tests.sh")" \
   ctest -j "$jobs" --output-on-failure -R '^(unit_liblocal|unit_merlode|unit_ndmp|integration)$') ||
   status=1
+
+# Every fuzz target for a fixed number of inputs from its seeds (a clang build
+# of its own, build/fuzz); `scripts/fuzz.sh SECONDS` runs them longer.
+echo "== fuzz"
+"$top/scripts/fuzz.sh" --runs 1500 || status=1
 
 # The package as a backup host gets it, made from the plain build: unpacked
 # into a scratch root, its own merlsnap runs the demo from there.

@@ -64,6 +64,10 @@ const xdr_ndmp* ndmp_xdr_row(int vers, unsigned int proc);
 
 // Connection.
 void* ndmp_connect(char* host, unsigned short port, void* pri);
+// A connection over a stream socket already connected to `host`:`port`
+// (names kept for messages); it owns `sd` from here on, and closes it on
+// failure too.
+void* ndmp_connect_fd(int sd, const char* host, unsigned short port, void* pri);
 void ndmp_shutdown(ndmp_connection* ndp);  // closes the socket, frees the record
 void ndmp_connect_close(void** ndpp);
 

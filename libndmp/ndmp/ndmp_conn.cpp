@@ -149,6 +149,10 @@ void* ndmp_connect(char* host, unsigned short port, void* pri) {
         ndmp_msg_out(42576, "Couldn't connect to service\n");
         return nullptr;
     }
+    return ndmp_connect_fd(sd, host, port, pri);
+}
+
+void* ndmp_connect_fd(int sd, const char* host, unsigned short port, void* pri) {
     ndmp_connection* ndp = static_cast<ndmp_connection*>(calloc(1, sizeof(ndmp_connection)));
     if (!ndp) {
         close(sd);
@@ -161,7 +165,8 @@ void* ndmp_connect(char* host, unsigned short port, void* pri) {
     ndp->vers = 1;
     ndp->need_skip = 1;
     ndp->ndmp_serverport = port;
-    snprintf(ndp->ndmp_serverhostname, sizeof ndp->ndmp_serverhostname, "%s", host);
+    snprintf(ndp->ndmp_serverhostname, sizeof ndp->ndmp_serverhostname, "%s",
+             host != nullptr ? host : "");
     xdrrec_create(&ndp->xdrs, 0, 0, reinterpret_cast<char*>(ndp), ndmpreadit, ndmpwriteit);
     return ndp;
 }

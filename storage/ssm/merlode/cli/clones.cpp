@@ -605,8 +605,8 @@ SSError* zov_quillset::fractureClone(std::string cloneStr,
 
 static const char* const kConsistentFractureFailures[] = {
     "Consistent Fracture clones failed",
-    "Multiple clones must be specified to perform a consistent fracture. For a single clone "
-    "fracture you need to use the command -fractureclone.",
+    ("Multiple clones must be specified to perform a consistent fracture. For a single clone "
+     "fracture you need to use the command -fractureclone."),
     "This switch needs multiple pairs of clone group name and clone ID to be specified.",
 };
 
