@@ -112,9 +112,10 @@ SSError* zov_quillset::stopsession(snapdevice& sd) {
         waitchild(pids.back(), &status, 0);
         pids.pop_back();
     }
-    // The others are past their output by now; reap them so none is left
-    // behind as a zombie in the loader's process.
-    for (int pid : pids) waitchild(pid, &status, WNOHANG);
+    // The others are past their output by now, but may not have exited yet:
+    // a look that does not wait could miss them and leave a zombie in the
+    // loader's process for good. They are waited for, which is brief.
+    for (int pid : pids) waitchild(pid, &status, 0);
     return err;
 }
 
