@@ -19,72 +19,14 @@
 #include "tests/unit/merlode/gw_test_util.h"
 #include "tests/unit/merlode/sim_fixture.h"
 
-extern char** environ;
-
 namespace {
-
-// Set in the environment of the preloaded run only.
-const char* const kPreloadedMark = "GW_DEVID_PRELOADED";
-
-std::string preload_library() {
-    return SimArray::bin_dir() + "/libarraysim_scsi.so";
-}
-
-// Runs the tests matching `filter` of this very binary with the fake device
-// layer preloaded; returns the exit status and leaves the output in `out`.
-int run_preloaded(const std::string& filter, std::string& out) {
-    std::vector<std::string> env;
-    std::string preload = preload_library();
-    std::string asan = "verify_asan_link_order=0";
-    for (char** e = environ; *e != nullptr; e++) {
-        std::string v(*e);
-        if (v.compare(0, 11, "LD_PRELOAD=") == 0)
-            preload += ":" + v.substr(11);
-        else if (v.compare(0, 13, "ASAN_OPTIONS=") == 0)
-            asan = v.substr(13) + ":" + asan;
-        else
-            env.push_back(v);
-    }
-    env.push_back("LD_PRELOAD=" + preload);
-    // The library is built without the sanitizer on purpose: it must not be
-    // refused for standing ahead of the sanitizer's runtime.
-    env.push_back("ASAN_OPTIONS=" + asan);
-    env.push_back(std::string(kPreloadedMark) + "=1");
-    std::vector<char*> envp;
-    for (std::string& s : env) envp.push_back(&s[0]);
-    envp.push_back(nullptr);
-    std::string self = "/proc/self/exe";
-    std::string flt = "--gtest_filter=" + filter;
-    char* argv[] = {&self[0], &flt[0], nullptr};
-
-    int fds[2];
-    if (pipe(fds) != 0) return -1;
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(fds[1], 1);
-        dup2(fds[1], 2);
-        close(fds[0]);
-        close(fds[1]);
-        execve("/proc/self/exe", argv, envp.data());
-        _exit(127);
-    }
-    close(fds[1]);
-    out.clear();
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR))
-        if (n > 0) out.append(buf, n);
-    close(fds[0]);
-    int status = 0;
-    if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 TEST(GwDevId, ThroughTheFakeDeviceLayer) {
     SKIP_WITHOUT_SIM();
-    if (access(preload_library().c_str(), R_OK) != 0) GTEST_SKIP() << "fake device layer not built";
+    if (access(SimArray::preload_library().c_str(), R_OK) != 0)
+        GTEST_SKIP() << "fake device layer not built";
     std::string out;
-    int rc = run_preloaded("GwDevIdPreloaded.*", out);
+    int rc = SimArray::run_preloaded("GwDevIdPreloaded.*", out);
     EXPECT_EQ(rc, 0) << out;
     // The inner tests ran, none was skipped.
     EXPECT_NE(out.find("[  PASSED  ] 3 tests"), std::string::npos) << out;
@@ -149,7 +91,7 @@ SimDevices read_devices(const SimArray& sim) {
 class GwDevIdPreloaded : public ::testing::Test {
 protected:
     void SetUp() override {
-        if (getenv(kPreloadedMark) == nullptr) GTEST_SKIP() << "runs under the fake device layer";
+        if (!SimArray::preloaded()) GTEST_SKIP() << "runs under the fake device layer";
         sim.reset(new SimArray({"--frames", "2", "--luns", "3", "--foreign", "1", "--multipath"}));
         ASSERT_TRUE(sim->ok());
         devs = read_devices(*sim);
