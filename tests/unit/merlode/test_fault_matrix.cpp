@@ -465,9 +465,13 @@ TEST_P(FaultMatrix, EachFaultOnEachStep) {
             const bool fails = want.faults[f] == 'E';
             EXPECT_EQ(code != 0, fails) << "code " << code << ": " << life->text();
             const int state = fails ? want.error_state : want.ok_state;
-            if (state >= 0) EXPECT_EQ(static_cast<int>(after), state);
+            if (state >= 0) {
+                EXPECT_EQ(static_cast<int>(after), state);
+            }
             // A failed COW snapshot stops every session it started.
-            if (fails && std::string(tech.name) == "COW" && step == 3) EXPECT_EQ(left, "");
+            if (fails && std::string(tech.name) == "COW" && step == 3) {
+                EXPECT_EQ(left, "");
+            }
             EXPECT_EQ(children(), "");
             if (code != 0 && st.run(*life) != 0) {
                 life->clean_up(sim);
