@@ -46,7 +46,7 @@ static void scan_capture(const std::string& text, size_t size, int& out) {
 // The captured value of `row` on `line` with non-printables removed.
 static bool take(zov_quillset& q, ZovRx row, const std::string& line, std::string& out) {
     regmatch_t pm[2];
-    if (!rx(q.m_cp[row], line, pm, 2)) return false;
+    if (!rx(q, row, line, pm, 2)) return false;
     out = cleaned(rx_group(line, pm[1]));
     return true;
 }
@@ -133,7 +133,7 @@ SSError* zov_quillset::processGetCloneGroupInfo(FILE* stream, const std::string&
         lines++;
         // A group's name line starts its record over, wherever the last
         // group's listing stopped.
-        if (parseState != 0 && rx(m_cp[RX_CLONE_GROUP_NAME], line)) parseState = 0;
+        if (parseState != 0 && rx(*this, RX_CLONE_GROUP_NAME, line)) parseState = 0;
         if (parseState == 3) {
             // The line after the source says whether the group has clones.
             parseState = line.find("Not Availabl") != std::string::npos ? 0 : 4;
@@ -260,7 +260,7 @@ SSError* zov_quillset::processGetCloneList(FILE* stream, const std::string& ipad
         }
         // Exactly the line after the source decides.
         parseState = 0;
-        if (!rx(m_cp[RX_CLONES], line)) continue;
+        if (!rx(*this, RX_CLONES, line)) continue;
         for (storagegroup& sg : m_storagegrouplist) {
             if (!samehost(sg.frameIp.c_str(), ipaddr.c_str())) continue;
             for (hlualu& h : sg.hlualuList)
@@ -311,7 +311,7 @@ SSError* zov_quillset::processGetCloneWWN(FILE* stream, const std::string& ipadd
     regmatch_t pm[2];
     while (lfgets(line, stream)) {
         lines++;
-        if (!rx(m_cp[RX_CLONE_LUN_WWNS], line, pm, 2)) continue;
+        if (!rx(*this, RX_CLONE_LUN_WWNS, line, pm, 2)) continue;
         m_cloneWWNStr = rx_group(line, pm[1]);
         m_e.logprintf(9, kFile, __LINE__, "%s:  Got a match  for m_cloneWWNStr==>[%s] lines", fname,
                       m_cloneWWNStr.c_str());
@@ -442,7 +442,7 @@ SSError* zov_quillset::getCloneRsvd(std::string CloneGroup, std::string CloneId,
                                       std::string line;
                                       regmatch_t pm[2];
                                       while (!haveRate && lfgets(line, out))
-                                          if (rx(m_cp[RX_SYNC_RATE], line, pm, 2)) {
+                                          if (rx(*this, RX_SYNC_RATE, line, pm, 2)) {
                                               rate = rx_group(line, pm[1]);
                                               haveRate = true;
                                           }
@@ -543,7 +543,7 @@ SSError* zov_quillset::verifyCloneCmd(FILE* stream, const std::string& ipaddr) {
     while (lfgets(line, stream)) {
         lines++;
         kept.push_back(line);
-        if (!rx(m_cp[RX_FAILED], line, pm, 2)) continue;
+        if (!rx(*this, RX_FAILED, line, pm, 2)) continue;
         // The message runs from the match's start for as many characters as
         // the match's end lies past the start of "failed": the tail of a
         // long line is cut, as it always has been.
@@ -670,7 +670,7 @@ SSError* zov_quillset::getActiveClone(std::vector<activeClone>& activeCloneList)
         std::string line;
         regmatch_t pm[3];
         while (lfgets(line, out)) {
-            if (!rx(m_cp[RX_ACTIVE_CLONE], line, pm, 3)) continue;
+            if (!rx(*this, RX_ACTIVE_CLONE, line, pm, 3)) continue;
             activeClone ac;
             ac.cloneDriveLetter = rx_group(line, pm[1]);
             std::string rest = rx_group(line, pm[2]);
