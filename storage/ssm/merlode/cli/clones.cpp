@@ -6,8 +6,11 @@
 #include <string.h>
 
 #include <exception>
+#include <set>
 #include <sstream>
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "liblocal/kv_host.h"
@@ -96,6 +99,49 @@ bool step(zov_quillset& q, const CloneField& field, const std::string& line, clo
     return true;
 }
 
+// The clones a list holds, by ID and group UID, so that a listing of many
+// thousand clones costs no more per clone than a short one. It catches up
+// with the list, whatever added to it, before it answers.
+class CloneIndex {
+public:
+    bool has(const std::vector<cloneInfo>& list, const cloneInfo& ci) {
+        for (; m_seen < list.size(); m_seen++) m_keys.insert(key(list[m_seen]));
+        return m_keys.count(key(ci)) != 0;
+    }
+
+private:
+    static std::pair<std::string, std::string> key(const cloneInfo& c) {
+        return std::make_pair(c.cloneId, c.cloneGrpId);
+    }
+    size_t m_seen = 0;
+    std::set<std::pair<std::string, std::string>> m_keys;
+};
+
+// The first row of each ALU in each storage group of the list, made for a
+// group the first time it is asked about. The groups' rows stay as they are
+// while a listing is read.
+class AluIndex {
+public:
+    hlualu* first(size_t at, storagegroup& sg, int alu) {
+        if (at >= m_groups.size()) m_groups.resize(at + 1);
+        Group& g = m_groups[at];
+        if (!g.made) {
+            for (size_t i = 0; i < sg.hlualuList.size(); i++)
+                g.rows.emplace(sg.hlualuList[i].alu, i);
+            g.made = true;
+        }
+        auto it = g.rows.find(alu);
+        return it == g.rows.end() ? nullptr : &sg.hlualuList[it->second];
+    }
+
+private:
+    struct Group {
+        bool made = false;
+        std::unordered_map<int, size_t> rows;
+    };
+    std::vector<Group> m_groups;
+};
+
 }  // namespace
 
 SSError* zov_quillset::processGetCloneInfo(FILE* stream, const std::string& ipaddr) {
@@ -129,6 +175,7 @@ SSError* zov_quillset::processGetCloneGroupInfo(FILE* stream, const std::string&
     int parseState = 0;
     int lines = 0;
     std::string line;
+    CloneIndex clones;
     while (lfgets(line, stream)) {
         lines++;
         // A group's name line starts its record over, wherever the last
@@ -145,10 +192,7 @@ SSError* zov_quillset::processGetCloneGroupInfo(FILE* stream, const std::string&
             parseState++;
             continue;
         }
-        bool known = false;
-        for (const cloneInfo& c : m_clonestoragegrouplist)
-            if (c.cloneId == ci.cloneId && c.cloneGrpId == ci.cloneGrpId) known = true;
-        if (!known) {
+        if (!clones.has(m_clonestoragegrouplist, ci)) {
             m_e.logprintf(9, kFile, __LINE__,
                           "%s: clone [%s] of group [%s] on [%s]: source [%d], clone LUN [%d], "
                           "state [%s], condition [%s], fractured [%s]",
@@ -249,6 +293,7 @@ SSError* zov_quillset::processGetCloneList(FILE* stream, const std::string& ipad
     int lun = 0;
     int lines = 0;
     std::string line, v;
+    AluIndex alus;
     while (lfgets(line, stream)) {
         lines++;
         if (parseState == 0) {
@@ -261,16 +306,15 @@ SSError* zov_quillset::processGetCloneList(FILE* stream, const std::string& ipad
         // Exactly the line after the source decides.
         parseState = 0;
         if (!rx(*this, RX_CLONES, line)) continue;
-        for (storagegroup& sg : m_storagegrouplist) {
+        for (size_t at = 0; at < m_storagegrouplist.size(); at++) {
+            storagegroup& sg = m_storagegrouplist[at];
             if (!samehost(sg.frameIp.c_str(), ipaddr.c_str())) continue;
-            for (hlualu& h : sg.hlualuList)
-                if (h.alu == lun) {
-                    h.cloneable = 1;
-                    sg.frameIp = ipaddr;
-                    m_e.logprintf(5, kFile, __LINE__, "%s: Setting cloneable to true for [%d].",
-                                  fname, lun);
-                    break;
-                }
+            if (hlualu* h = alus.first(at, sg, lun)) {
+                h->cloneable = 1;
+                sg.frameIp = ipaddr;
+                m_e.logprintf(5, kFile, __LINE__, "%s: Setting cloneable to true for [%d].", fname,
+                              lun);
+            }
         }
     }
     m_e.logprintf(9, kFile, __LINE__, "%s: processed %d lines", fname, lines);

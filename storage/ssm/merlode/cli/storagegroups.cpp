@@ -1,10 +1,12 @@
 // Storage groups and ports of zov_quillset: which groups this host is in on
 // each frame, the HLU/ALU pairs they hold, the mount host's group, and the
 // moves of a clone LUN into and out of a group under the host's file lock.
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "liblocal/kv_host.h"
@@ -168,6 +170,31 @@ SSError* zov_quillset::processGetStorageGroupLunList(FILE* stream, const std::st
     return nullptr;
 }
 
+namespace {
+// The HLU/ALU pairs each group of the list holds, so that a listing of many
+// thousand rows costs no more per row than a short one. It follows each
+// group's own list, whatever added to it, before it answers.
+class PairIndex {
+public:
+    // Whether group `at` of the list (which is `sg`) lacks the pair.
+    bool lacks(size_t at, const storagegroup& sg, int hlu, int alu) {
+        if (at >= m_groups.size()) m_groups.resize(at + 1);
+        Group& g = m_groups[at];
+        for (; g.seen < sg.hlualuList.size(); g.seen++)
+            g.pairs.insert(key(sg.hlualuList[g.seen].hlu, sg.hlualuList[g.seen].alu));
+        return g.pairs.count(key(hlu, alu)) == 0;
+    }
+
+private:
+    static uint64_t key(int hlu, int alu) { return (uint64_t)(uint32_t)hlu << 32 | (uint32_t)alu; }
+    struct Group {
+        size_t seen = 0;
+        std::unordered_set<uint64_t> pairs;
+    };
+    std::vector<Group> m_groups;
+};
+}  // namespace
+
 SSError* zov_quillset::processStorageList(FILE* stream, const std::string& ipaddr) {
     const char* fname = "zov_quillset::processStorageList";
     (void)ipaddr;
@@ -178,6 +205,7 @@ SSError* zov_quillset::processStorageList(FILE* stream, const std::string& ipadd
     int hlu = 0, alu = 0;
     std::string line, stgName;
     regmatch_t pm[3];
+    PairIndex pairs;
     while (lfgets(line, stream)) {
         lines++;
         // "Shareable:" closes a group's listing, wherever the machine stood.
@@ -213,14 +241,7 @@ SSError* zov_quillset::processStorageList(FILE* stream, const std::string& ipadd
                     if (it->stgName != stgName) continue;
                     m_e.logprintf(7, kFile, __LINE__, "%s: Found host storage group [%s].", fname,
                                   stgName.c_str());
-                    bool have = false;
-                    for (const hlualu& h : it->hlualuList) {
-                        if (h.hlu == hlu && h.alu == alu) {
-                            have = true;
-                            break;
-                        }
-                    }
-                    if (!have) {
+                    if (pairs.lacks(it - m_storagegrouplist.begin(), *it, hlu, alu)) {
                         m_e.logprintf(7, kFile, __LINE__,
                                       "%s: Adding the hlu/alu to the storage group. storage "
                                       "group=[%s] hlu=[%d] alu=[%d]",
