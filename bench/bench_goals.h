@@ -52,6 +52,10 @@ private:
 // whether the goal was met. Rows without a goal pass.
 struct Verdict {
     int missed = 0;
+    Verdict() {
+        // The reporter's last line may end without a line feed.
+        printf("\n");
+    }
     void row(const std::string& what, const std::string& figure, const std::string& goal,
              bool met) {
         printf("GOAL\t%s\t%s\t%s\t%s\n", what.c_str(), figure.c_str(), goal.c_str(),
