@@ -15,6 +15,7 @@
 
 #include <forward_list>
 #include <string>
+#include <vector>
 
 #include "liblocal/kv_mem.h"
 #include "liblocal/kv_msg.h"
@@ -714,10 +715,13 @@ VType c_type(const Conversion& sp, bool* ok) {
 class CSource : public ValueSource {
 public:
     VType types[MSG_MAX_POSITIONS + 2] = {};
-    Val vals[MSG_MAX_POSITIONS + 2];
+    // As many as the format names: a full table of every possible position
+    // cost more to build than most lines cost to render.
+    std::vector<Val> vals;
     std::forward_list<std::string> keep;
 
     void fetch(int maxpos, va_list ap) {
+        vals.assign(static_cast<size_t>(maxpos) + 1, Val());
         for (int i = 1; i <= maxpos; ++i) {
             Val& v = vals[i];
             switch (types[i]) {
@@ -774,10 +778,13 @@ public:
         }
     }
 
-    long long get_int(int pos) override { return vals[pos].i; }
+    Val at(int pos) const {
+        return pos >= 0 && static_cast<size_t>(pos) < vals.size() ? vals[pos] : Val();
+    }
+    long long get_int(int pos) override { return at(pos).i; }
 
     Val get(int pos, const Conversion& sp) override {
-        Val v = vals[pos];
+        Val v = at(pos);
         if (sp.conv == 'n') return Val();  // never written through
         if ((sp.conv == 'c' && sp.lenmod == LM_L) || sp.conv == 'C') {
             std::string u;

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <mutex>
 
 #include "liblocal/kv_error.h"
 #include "liblocal/kv_mem.h"
@@ -27,11 +28,29 @@ struct KVThreadStorageStruct {
 namespace {
 std::atomic<kv_sleep_hook_t> g_sleep_hook{nullptr};
 
+// The process's id, asked of the kernel once and again only after a fork:
+// a lock is taken for every line a parser reads, and getpid is a system call.
+std::atomic<pid_t> g_pid{0};
+
+void forget_pid() {
+    g_pid.store(0, std::memory_order_relaxed);
+}
+
+pid_t current_pid() {
+    pid_t pid = g_pid.load(std::memory_order_relaxed);
+    if (pid != 0) return pid;
+    static std::once_flag registered;
+    std::call_once(registered, [] { pthread_atfork(nullptr, nullptr, forget_pid); });
+    pid = getpid();
+    g_pid.store(pid, std::memory_order_relaxed);
+    return pid;
+}
+
 // In a forked child the mutex may be held by a thread that did not survive
 // the fork; the child starts over with a fresh one.
 void kv_mutex_change_pid(KVMutex m) {
     pthread_mutex_init(&m->mutex, nullptr);
-    m->creator = getpid();
+    m->creator = current_pid();
 }
 
 KVError from_rc(int rc) {
@@ -47,13 +66,13 @@ KVMutex kv_mutex_new(void) {
         return nullptr;
     }
     m->refcount = 1;
-    m->creator = getpid();
+    m->creator = current_pid();
     return m;
 }
 
 KVError kv_mutex_lock(KVMutex m) {
     if (m == nullptr) return KV_EINVAL;
-    if (m->creator != getpid()) kv_mutex_change_pid(m);
+    if (m->creator != current_pid()) kv_mutex_change_pid(m);
     return from_rc(pthread_mutex_lock(&m->mutex));
 }
 
@@ -64,7 +83,7 @@ KVError kv_mutex_unlock(KVMutex m) {
 
 KVError kv_mutex_trylock(KVMutex m) {
     if (m == nullptr) return KV_EINVAL;
-    if (m->creator != getpid()) kv_mutex_change_pid(m);
+    if (m->creator != current_pid()) kv_mutex_change_pid(m);
     return from_rc(pthread_mutex_trylock(&m->mutex));
 }
 

@@ -104,14 +104,14 @@ SSError* zov_quillset::processGetSnapshotList(FILE* stream, const std::string& i
     regmatch_t pm[2];
     while (lfgets(line, stream)) {
         lines++;
-        if (!haveName && rx(m_cp[RX_SNAP_LUN_NAME], line, pm, 2)) {
+        if (!haveName && rx(*this, RX_SNAP_LUN_NAME, line, pm, 2)) {
             name = rx_group(line, pm[1]);
             m_e.logprintf(7, kFile, __LINE__, "%s: found snapshot session name [%s]", fname,
                           name.c_str());
             haveName = true;
             continue;
         }
-        if (!rx(m_cp[RX_TARGET_LUN], line, pm, 2)) continue;
+        if (!rx(*this, RX_TARGET_LUN, line, pm, 2)) continue;
         int lun = 0;
         sscanf(line.c_str() + pm[1].rm_so, "%i", &lun);
         for (storagegroup& sg : m_storagegrouplist) {
@@ -276,7 +276,7 @@ SSError* zov_quillset::processVersions(FILE* stream, int index, pkgRevision* pkg
             static const ZovRx row[] = {RX_COUNT, RX_TILLO_REVISION, RX_GELMOT_REVISION,
                                         RX_HADRIX_VERSION};
             static const int pkg[] = {0, MERL_PKG_TILLOCLI, MERL_PKG_GELMOT, MERL_PKG_HADRIPATH};
-            if (rx(m_cp[row[index]], line, pm, 2)) {
+            if (rx(*this, row[index], line, pm, 2)) {
                 if (pkgRevision* r = rec(pkg[index])) {
                     // "Revision (.+)" takes the line feed too; the text is
                     // kept without it.
@@ -289,7 +289,7 @@ SSError* zov_quillset::processVersions(FILE* stream, int index, pkgRevision* pkg
             break;
         }
         case 4:
-            if (rx(m_cp[RX_PKG_NAME], line, pm, 2)) {
+            if (rx(*this, RX_PKG_NAME, line, pm, 2)) {
                 std::string pkgName = rx_group(line, pm[1]);
                 which = -1;
                 for (int i = 0; pkgs && i < count; i++) {
@@ -299,15 +299,15 @@ SSError* zov_quillset::processVersions(FILE* stream, int index, pkgRevision* pkg
                     }
                 }
                 parseState = (which >= 0) ? 1 : 0;
-            } else if (rx(m_cp[RX_PKG_REVISION], line, pm, 2)) {
+            } else if (rx(*this, RX_PKG_REVISION, line, pm, 2)) {
                 if (parseState == 1) {
                     rev = rx_group(line, pm[1]);
                     parseState = 2;
                 }
-            } else if (rx(m_cp[RX_COMMIT_REQUIRED], line, pm, 2)) {
+            } else if (rx(*this, RX_COMMIT_REQUIRED, line, pm, 2)) {
                 // A pending commit means the revision isn't in force yet.
                 if (parseState == 2) parseState = (rx_group(line, pm[1]) == "YES") ? 0 : 3;
-            } else if (rx(m_cp[RX_ACTIVE_STATE], line, pm, 2)) {
+            } else if (rx(*this, RX_ACTIVE_STATE, line, pm, 2)) {
                 if (parseState == 3 && rx_group(line, pm[1]) == "YES") {
                     if (pkgRevision* r = rec(which)) {
                         r->m_revision = rev;

@@ -6,8 +6,11 @@
 #include <string.h>
 
 #include <exception>
+#include <set>
 #include <sstream>
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "liblocal/kv_host.h"
@@ -46,7 +49,7 @@ static void scan_capture(const std::string& text, size_t size, int& out) {
 // The captured value of `row` on `line` with non-printables removed.
 static bool take(zov_quillset& q, ZovRx row, const std::string& line, std::string& out) {
     regmatch_t pm[2];
-    if (!rx(q.m_cp[row], line, pm, 2)) return false;
+    if (!rx(q, row, line, pm, 2)) return false;
     out = cleaned(rx_group(line, pm[1]));
     return true;
 }
@@ -96,6 +99,49 @@ bool step(zov_quillset& q, const CloneField& field, const std::string& line, clo
     return true;
 }
 
+// The clones a list holds, by ID and group UID, so that a listing of many
+// thousand clones costs no more per clone than a short one. It catches up
+// with the list, whatever added to it, before it answers.
+class CloneIndex {
+public:
+    bool has(const std::vector<cloneInfo>& list, const cloneInfo& ci) {
+        for (; m_seen < list.size(); m_seen++) m_keys.insert(key(list[m_seen]));
+        return m_keys.count(key(ci)) != 0;
+    }
+
+private:
+    static std::pair<std::string, std::string> key(const cloneInfo& c) {
+        return std::make_pair(c.cloneId, c.cloneGrpId);
+    }
+    size_t m_seen = 0;
+    std::set<std::pair<std::string, std::string>> m_keys;
+};
+
+// The first row of each ALU in each storage group of the list, made for a
+// group the first time it is asked about. The groups' rows stay as they are
+// while a listing is read.
+class AluIndex {
+public:
+    hlualu* first(size_t at, storagegroup& sg, int alu) {
+        if (at >= m_groups.size()) m_groups.resize(at + 1);
+        Group& g = m_groups[at];
+        if (!g.made) {
+            for (size_t i = 0; i < sg.hlualuList.size(); i++)
+                g.rows.emplace(sg.hlualuList[i].alu, i);
+            g.made = true;
+        }
+        auto it = g.rows.find(alu);
+        return it == g.rows.end() ? nullptr : &sg.hlualuList[it->second];
+    }
+
+private:
+    struct Group {
+        bool made = false;
+        std::unordered_map<int, size_t> rows;
+    };
+    std::vector<Group> m_groups;
+};
+
 }  // namespace
 
 SSError* zov_quillset::processGetCloneInfo(FILE* stream, const std::string& ipaddr) {
@@ -129,11 +175,12 @@ SSError* zov_quillset::processGetCloneGroupInfo(FILE* stream, const std::string&
     int parseState = 0;
     int lines = 0;
     std::string line;
+    CloneIndex clones;
     while (lfgets(line, stream)) {
         lines++;
         // A group's name line starts its record over, wherever the last
         // group's listing stopped.
-        if (parseState != 0 && rx(m_cp[RX_CLONE_GROUP_NAME], line)) parseState = 0;
+        if (parseState != 0 && rx(*this, RX_CLONE_GROUP_NAME, line)) parseState = 0;
         if (parseState == 3) {
             // The line after the source says whether the group has clones.
             parseState = line.find("Not Availabl") != std::string::npos ? 0 : 4;
@@ -145,10 +192,7 @@ SSError* zov_quillset::processGetCloneGroupInfo(FILE* stream, const std::string&
             parseState++;
             continue;
         }
-        bool known = false;
-        for (const cloneInfo& c : m_clonestoragegrouplist)
-            if (c.cloneId == ci.cloneId && c.cloneGrpId == ci.cloneGrpId) known = true;
-        if (!known) {
+        if (!clones.has(m_clonestoragegrouplist, ci)) {
             m_e.logprintf(9, kFile, __LINE__,
                           "%s: clone [%s] of group [%s] on [%s]: source [%d], clone LUN [%d], "
                           "state [%s], condition [%s], fractured [%s]",
@@ -249,6 +293,7 @@ SSError* zov_quillset::processGetCloneList(FILE* stream, const std::string& ipad
     int lun = 0;
     int lines = 0;
     std::string line, v;
+    AluIndex alus;
     while (lfgets(line, stream)) {
         lines++;
         if (parseState == 0) {
@@ -260,17 +305,16 @@ SSError* zov_quillset::processGetCloneList(FILE* stream, const std::string& ipad
         }
         // Exactly the line after the source decides.
         parseState = 0;
-        if (!rx(m_cp[RX_CLONES], line)) continue;
-        for (storagegroup& sg : m_storagegrouplist) {
+        if (!rx(*this, RX_CLONES, line)) continue;
+        for (size_t at = 0; at < m_storagegrouplist.size(); at++) {
+            storagegroup& sg = m_storagegrouplist[at];
             if (!samehost(sg.frameIp.c_str(), ipaddr.c_str())) continue;
-            for (hlualu& h : sg.hlualuList)
-                if (h.alu == lun) {
-                    h.cloneable = 1;
-                    sg.frameIp = ipaddr;
-                    m_e.logprintf(5, kFile, __LINE__, "%s: Setting cloneable to true for [%d].",
-                                  fname, lun);
-                    break;
-                }
+            if (hlualu* h = alus.first(at, sg, lun)) {
+                h->cloneable = 1;
+                sg.frameIp = ipaddr;
+                m_e.logprintf(5, kFile, __LINE__, "%s: Setting cloneable to true for [%d].", fname,
+                              lun);
+            }
         }
     }
     m_e.logprintf(9, kFile, __LINE__, "%s: processed %d lines", fname, lines);
@@ -311,7 +355,7 @@ SSError* zov_quillset::processGetCloneWWN(FILE* stream, const std::string& ipadd
     regmatch_t pm[2];
     while (lfgets(line, stream)) {
         lines++;
-        if (!rx(m_cp[RX_CLONE_LUN_WWNS], line, pm, 2)) continue;
+        if (!rx(*this, RX_CLONE_LUN_WWNS, line, pm, 2)) continue;
         m_cloneWWNStr = rx_group(line, pm[1]);
         m_e.logprintf(9, kFile, __LINE__, "%s:  Got a match  for m_cloneWWNStr==>[%s] lines", fname,
                       m_cloneWWNStr.c_str());
@@ -442,7 +486,7 @@ SSError* zov_quillset::getCloneRsvd(std::string CloneGroup, std::string CloneId,
                                       std::string line;
                                       regmatch_t pm[2];
                                       while (!haveRate && lfgets(line, out))
-                                          if (rx(m_cp[RX_SYNC_RATE], line, pm, 2)) {
+                                          if (rx(*this, RX_SYNC_RATE, line, pm, 2)) {
                                               rate = rx_group(line, pm[1]);
                                               haveRate = true;
                                           }
@@ -543,7 +587,7 @@ SSError* zov_quillset::verifyCloneCmd(FILE* stream, const std::string& ipaddr) {
     while (lfgets(line, stream)) {
         lines++;
         kept.push_back(line);
-        if (!rx(m_cp[RX_FAILED], line, pm, 2)) continue;
+        if (!rx(*this, RX_FAILED, line, pm, 2)) continue;
         // The message runs from the match's start for as many characters as
         // the match's end lies past the start of "failed": the tail of a
         // long line is cut, as it always has been.
@@ -670,7 +714,7 @@ SSError* zov_quillset::getActiveClone(std::vector<activeClone>& activeCloneList)
         std::string line;
         regmatch_t pm[3];
         while (lfgets(line, out)) {
-            if (!rx(m_cp[RX_ACTIVE_CLONE], line, pm, 3)) continue;
+            if (!rx(*this, RX_ACTIVE_CLONE, line, pm, 3)) continue;
             activeClone ac;
             ac.cloneDriveLetter = rx_group(line, pm[1]);
             std::string rest = rx_group(line, pm[2]);

@@ -5,6 +5,8 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <langinfo.h>
+#include <locale.h>
 #include <netdb.h>
 #include <stdarg.h>
 #include <stdlib.h>
@@ -18,6 +20,7 @@
 #include <condition_variable>
 #include <exception>
 #include <mutex>
+#include <vector>
 
 #include "liblocal/kv_env.h"
 #include "liblocal/kv_error.h"
@@ -106,6 +109,134 @@ const char* zov_quillset_pattern(int index) {
     return kPatterns[index];
 }
 
+// What every match of a row holds, tested before its expression runs: most
+// lines of a listing hold none of the words a parser waits for, and a
+// search costs far less than regexec, the more so under a multibyte locale.
+// Each test must be implied by the expression; rows without a safe word of
+// their own run the expression on every line.
+namespace {
+enum class Key { Any, Word, Start, BlankFirst };
+struct RowKey {
+    Key kind;
+    const char* word;
+};
+const RowKey kKeys[RX_COUNT] = {
+    /* 0 */ {Key::Word, "HBA UID:"},
+    /* 1 */ {Key::Word, "Server Name:"},
+    /* 2 */ {Key::Word, "Server IP Address:"},
+    /* 3 */ {Key::Word, "Information about each port of this HBA:"},
+    /* 4 */ {Key::Word, "Information about each HBA:"},
+    /* 5 */ {Key::Word, "HBA Devicename:"},
+    /* 6 */ {Key::Word, "StorageGroup Name:"},
+    /* 7 */ {Key::Word, "Storage Group Name:"},
+    /* 8 */ {Key::Word, "HLU Number"},
+    /* 9 */ {Key::Word, "-"},
+    /* 10 */ {Key::BlankFirst, nullptr},
+    /* 11 */ {Key::Word, "Shareable:"},
+    /* 12 */ {Key::Word, "Target Logical Unit:"},
+    /* 13 */ {Key::Word, "Quillset logical unit name:"},
+    /* 14 */ {Key::Start, "Hostname"},
+    /* 15 */ {Key::Start, "--------"},
+    /* 16 */ {Key::Word, "\n"},
+    /* 17 */ {Key::Start, "Pseudo name="},
+    /* 18 */ {Key::Any, nullptr},
+    /* 19 */ {Key::Word, "Name of the session:"},
+    /* 20 */ {Key::Word, "Name of the"},
+    /* 21 */ {Key::Word, "Revision of"},
+    /* 22 */ {Key::Word, "Activated session"},
+    /* 23 */ {Key::Start, "You must activate a snapshot"},
+    /* 24 */ {Key::Start, "Stopped session"},
+    /* 25 */ {Key::Start, "Deactivated session"},
+    /* 26 */ {Key::Word, "/devices/"},
+    /* 27 */ {Key::Start, "c"},
+    /* 28 */ {Key::Start, "c"},
+    /* 29 */ {Key::Start, "Flushed object"},
+    /* 30 */ {Key::Word, "Revision "},
+    /* 31 */ {Key::Word, "Revision number: "},
+    /* 32 */ {Key::Word, "ZOV hadrix for Hadripath (c) Version "},
+    /* 33 */ {Key::Word, "Commit Required:"},
+    /* 34 */ {Key::Word, "Active State:"},
+    /* 35 */ {Key::Word, "Name:"},
+    /* 36 */ {Key::Word, "CloneID:"},
+    /* 37 */ {Key::Word, "CloneGroupUid:"},
+    /* 38 */ {Key::Word, "CloneState:"},
+    /* 39 */ {Key::Word, "AvailableForIO:"},
+    /* 40 */ {Key::Word, "Sources:"},
+    /* 41 */ {Key::Word, "Agent Rev:"},
+    /* 42 */ {Key::Word, "Sources"},
+    /* 43 */ {Key::Word, "Clones:"},
+    /* 44 */ {Key::Word, "CloneCondition:"},
+    /* 45 */ {Key::Word, "IsFractured:"},
+    /* 46 */ {Key::Word, "failed"},
+    /* 47 */ {Key::Word, "Logical device ID="},
+    /* 48 */ {Key::Word, "CloneLUNs:"},
+    /* 49 */ {Key::Word, "Array Name:"},
+    /* 50 */ {Key::Word, "LOGICAL UNIT NUMBER"},
+    /* 51 */ {Key::Word, "UID:"},
+    /* 52 */ {Key::Word, "=>"},
+    /* 53 */ {Key::Word, "SyncRate:"},
+    /* 54 */ {Key::Word, "CloneLUNWWNs:"},
+    /* 55 */ {Key::Word, "Storage Group UID:"},
+    /* 56 */ {Key::Word, "Host name:"},
+    /* 57 */ {Key::Word, "HLU No"},
+    /* 58 */ {Key::Word, "\n"},
+};
+
+struct RxTable {
+    regex_t rows[RX_COUNT];
+    int compiled = 0;  // rows compiled, from the first
+    int rc = 0;        // regcomp's code for the row that failed
+    char reg_err[1024] = {0};
+    std::string ctype, collate;
+};
+}  // namespace
+
+bool zov_quillset_may_match(int index, const std::string& text) {
+    if (index < 0 || index >= ZOV_QUILLSET_NUM_REGEX) return false;
+    const RowKey& k = kKeys[index];
+    switch (k.kind) {
+    case Key::Any: return true;
+    case Key::Word: return text.find(k.word) != std::string::npos;
+    case Key::Start: return text.compare(0, strlen(k.word), k.word) == 0;
+    case Key::BlankFirst: {
+        // "\s" of a multibyte locale also takes spaces beyond ASCII, whose
+        // first byte is above 0x7f.
+        unsigned char c = text.empty() ? 0 : static_cast<unsigned char>(text[0]);
+        return c == ' ' || (c >= '\t' && c <= '\r') || c >= 0x80;
+    }
+    }
+    return true;
+}
+
+// The compiled table, one per locale it was compiled under: regcomp fixes
+// the character classes, ranges and multibyte handling of the locale in
+// force, so an object made under another locale reads its own. Tables live
+// as long as the process; a table that failed to compile stays (objects made
+// meanwhile still point into it) and the next object tries again. glibc's
+// regexec takes a lock of the expression, so threads share a table safely.
+static const RxTable& rx_table() {
+    static std::mutex mtx;
+    static std::vector<RxTable*>* tables = new std::vector<RxTable*>();
+    std::string ctype = nl_langinfo(_NL_LOCALE_NAME(LC_CTYPE));
+    std::string collate = nl_langinfo(_NL_LOCALE_NAME(LC_COLLATE));
+    std::lock_guard<std::mutex> lk(mtx);
+    for (const RxTable* t : *tables)
+        if (t->compiled == RX_COUNT && t->ctype == ctype && t->collate == collate) return *t;
+    RxTable* t = new RxTable();
+    t->ctype = ctype;
+    t->collate = collate;
+    for (int i = 0; i < RX_COUNT; i++) {
+        t->rc = regcomp(&t->rows[i], kPatterns[i], REG_EXTENDED);
+        if (t->rc != 0) {
+            regerror(t->rc, &t->rows[i], t->reg_err, sizeof(t->reg_err));
+            break;
+        }
+        t->compiled = i + 1;
+    }
+    tables->push_back(t);
+    return *t;
+}
+
 // ---------------------------------------------------------------- helpers
 
 std::string gw_format_one(const std::string& format, const char* arg) {
@@ -144,18 +275,15 @@ std::string gw_escape_percent(const std::string& text) {
 // ---------------------------------------------------------------- object
 
 zov_quillset::zov_quillset(SSLOG_FUNC_POINTER fpLog, void* logCtx)
-    : m_volMapInited(0),
+    : m_cp(nullptr),
+      m_volMapInited(0),
       m_e(fpLog, logCtx),
       m_fpLog(fpLog),
       m_logCtx(logCtx),
       m_attrlist(nullptr),
-      m_cpCompiled(0) {
-    memset(m_cp, 0, sizeof(m_cp));
-}
+      m_cpCompiled(0) {}
 
 zov_quillset::~zov_quillset() {
-    for (int i = 0; i < m_cpCompiled; i++) regfree(&m_cp[i]);
-    m_cpCompiled = 0;
     // Children of the pipe form whose output the caller has read by now.
     for (int pid : m_pipeChildren) {
         int status = 0;
@@ -170,20 +298,14 @@ SSError* zov_quillset::init(std::vector<std::string>& ipaddrs, attrlist* attrs) 
     std::sort(m_ipaddrlist.begin(), m_ipaddrlist.end());
     m_ipaddrlist.erase(std::unique(m_ipaddrlist.begin(), m_ipaddrlist.end()), m_ipaddrlist.end());
 
-    // A repeated init starts from a clean table instead of leaking the old one.
-    for (int i = 0; i < m_cpCompiled; i++) regfree(&m_cp[i]);
-    m_cpCompiled = 0;
-    for (int i = 0; i < ZOV_QUILLSET_NUM_REGEX; i++) {
-        int rc = regcomp(&m_cp[i], kPatterns[i], REG_EXTENDED);
-        if (rc != 0) {
-            char reg_err[1024];
-            regerror(rc, &m_cp[i], reg_err, sizeof(reg_err));
-            m_e.logprintf(1, kFile, __LINE__, "%s", reg_err);
-            return m_e.generr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
-                              "%s: Failed to compile regular expression #%d, reg_err: %d", fname, i,
-                              rc);
-        }
-        m_cpCompiled = i + 1;
+    const RxTable& table = rx_table();
+    m_cp = table.rows;
+    m_cpCompiled = table.compiled;
+    if (table.compiled < ZOV_QUILLSET_NUM_REGEX) {
+        m_e.logprintf(1, kFile, __LINE__, "%s", table.reg_err);
+        return m_e.generr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
+                          "%s: Failed to compile regular expression #%d, reg_err: %d", fname,
+                          table.compiled, table.rc);
     }
 
     m_volMapInited = 0;
@@ -389,6 +511,7 @@ void zov_quillset::reapPipeChildren() {
 
 int zov_quillset::rxmatch(int index, const std::string& text, size_t nmatch, regmatch_t* pmatch) {
     if (index < 0 || index >= m_cpCompiled) return REG_NOMATCH;
+    if (!zov_quillset_may_match(index, text)) return REG_NOMATCH;
     return regexec(&m_cp[index], text.c_str(), nmatch, pmatch, 0);
 }
 

@@ -12,11 +12,11 @@
 
 namespace zov_text {
 
-// regexec of one table row on a whole line; pm may be null when nothing is
-// captured.
-inline bool rx(const regex_t& re, const std::string& line, regmatch_t* pm = nullptr,
+// Row `row` of the object's expression table on a whole line; pm may be
+// null when nothing is captured.
+inline bool rx(zov_quillset& q, int row, const std::string& line, regmatch_t* pm = nullptr,
                size_t npm = 0) {
-    return regexec(&re, line.c_str(), pm ? npm : 0, pm, 0) == 0;
+    return q.rxmatch(row, line, pm ? npm : 0, pm) == 0;
 }
 
 // The text of one capture, or "" for a group that took no part.

@@ -67,7 +67,7 @@ SSError* zov_quillset::processStart(FILE* stream, const std::string& ipaddr) {
     while (lfgets(line, stream)) {
         output.push_back(line);
         // The tool's words for a started session are the only sign of success.
-        if (rx(m_cp[RX_MUST_ACTIVATE], line)) sessionStarted = true;
+        if (rx(*this, RX_MUST_ACTIVATE, line)) sessionStarted = true;
     }
     m_e.logprintf(9, kFile, __LINE__, "%s: processed %d lines", fname, (int)output.size());
     if (sessionStarted) return nullptr;
@@ -134,7 +134,7 @@ SSError* zov_quillset::processSessionNames(FILE* stream, const std::string& ipad
     while (lfgets(line, stream)) {
         lines++;
         last = line;
-        if (rx(m_cp[RX_SESSION_NAME], line, pm, 2)) {
+        if (rx(*this, RX_SESSION_NAME, line, pm, 2)) {
             m_e.logprintf(9, kFile, __LINE__, "Entering: %s the current line is [%s]", fname,
                           line.c_str());
             m_sessionList.push_back(rx_group(line, pm[1]));
@@ -245,7 +245,7 @@ void zov_quillset::processActivate(FILE* stream, snapdevice& sd) {
     regmatch_t pm[2];
     while (lfgets(line, stream)) {
         output.push_back(line);
-        if (rx(m_cp[RX_ACTIVATED], line, pm, 2)) {
+        if (rx(*this, RX_ACTIVATED, line, pm, 2)) {
             sd.dstName = rx_group(line, pm[1]);
             char so =
                 (pm[1].rm_so >= 0 && (size_t)pm[1].rm_so < line.size()) ? line[pm[1].rm_so] : ' ';
@@ -298,7 +298,7 @@ SSError* zov_quillset::processDeactivate(FILE* stream, snapdevice& sd) {
     std::string line;
     while (lfgets(line, stream)) {
         output.push_back(line);
-        if (rx(m_cp[RX_DEACTIVATED], line)) sessionDeactivated = true;
+        if (rx(*this, RX_DEACTIVATED, line)) sessionDeactivated = true;
     }
     m_e.logprintf(9, kFile, __LINE__, "%s: processed %d lines", fname, (int)output.size());
     if (sessionDeactivated) {

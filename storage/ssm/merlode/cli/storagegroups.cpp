@@ -1,10 +1,12 @@
 // Storage groups and ports of zov_quillset: which groups this host is in on
 // each frame, the HLU/ALU pairs they hold, the mount host's group, and the
 // moves of a clone LUN into and out of a group under the host's file lock.
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "liblocal/kv_host.h"
@@ -96,10 +98,10 @@ static void walk_port_list(zov_quillset& q, FILE* stream, const std::string& ipa
         lines++;
         switch (parseState) {
         case 0:
-            if (rx(q.m_cp[RX_HBA_UID], line, pm, forMountHost ? 1 : 2)) parseState = 1;
+            if (rx(q, RX_HBA_UID, line, pm, forMountHost ? 1 : 2)) parseState = 1;
             break;
         case 1:
-            if (rx(q.m_cp[RX_SERVER_NAME], line, pm, 2)) {
+            if (rx(q, RX_SERVER_NAME, line, pm, 2)) {
                 std::string server = rx_group(line, pm[1]);
                 if (!forMountHost) {
                     parseState = is_myname(server.c_str()) ? 2 : 0;
@@ -114,30 +116,30 @@ static void walk_port_list(zov_quillset& q, FILE* stream, const std::string& ipa
             }
             break;
         case 2:
-            if (rx(q.m_cp[RX_SERVER_IP], line, pm, 2)) parseState = 3;
+            if (rx(q, RX_SERVER_IP, line, pm, 2)) parseState = 3;
             break;
         case 3:
-            if (rx(q.m_cp[RX_PORT_INFO], line)) parseState = 4;
+            if (rx(q, RX_PORT_INFO, line)) parseState = 4;
             break;
         case 4:
-            if (rx(q.m_cp[RX_HBA_DEVNAME], line, pm, 2)) {
+            if (rx(q, RX_HBA_DEVNAME, line, pm, 2)) {
                 deviceName = rx_group(line, pm[1]);
                 q.m_e.logprintf(7, kFile, __LINE__, "%s: Found the device name [%s]", fname,
                                 deviceName.c_str());
                 parseState = 5;
-            } else if (rx(q.m_cp[RX_HBA_INFO], line)) {
+            } else if (rx(q, RX_HBA_INFO, line)) {
                 parseState = 0;
             }
             break;
         case 5:
-            if (rx(q.m_cp[RX_PORT_SG_NAME], line, pm, 2)) {
+            if (rx(q, RX_PORT_SG_NAME, line, pm, 2)) {
                 std::string stgName = cleaned(rx_group(line, pm[1]));
                 q.m_e.logprintf(7, kFile, __LINE__, "%s: Found the storage group name [%s]", fname,
                                 stgName.c_str());
                 q.add_storagegroup(ipaddr, deviceName, stgName);
                 ipIsWorthWhile = 1;
                 parseState = 4;
-            } else if (rx(q.m_cp[RX_HBA_INFO], line)) {
+            } else if (rx(q, RX_HBA_INFO, line)) {
                 q.m_e.logprintf(7, kFile, __LINE__, "%s: strange behavior in tillocli output",
                                 fname);
                 parseState = 0;
@@ -168,6 +170,31 @@ SSError* zov_quillset::processGetStorageGroupLunList(FILE* stream, const std::st
     return nullptr;
 }
 
+namespace {
+// The HLU/ALU pairs each group of the list holds, so that a listing of many
+// thousand rows costs no more per row than a short one. It follows each
+// group's own list, whatever added to it, before it answers.
+class PairIndex {
+public:
+    // Whether group `at` of the list (which is `sg`) lacks the pair.
+    bool lacks(size_t at, const storagegroup& sg, int hlu, int alu) {
+        if (at >= m_groups.size()) m_groups.resize(at + 1);
+        Group& g = m_groups[at];
+        for (; g.seen < sg.hlualuList.size(); g.seen++)
+            g.pairs.insert(key(sg.hlualuList[g.seen].hlu, sg.hlualuList[g.seen].alu));
+        return g.pairs.count(key(hlu, alu)) == 0;
+    }
+
+private:
+    static uint64_t key(int hlu, int alu) { return (uint64_t)(uint32_t)hlu << 32 | (uint32_t)alu; }
+    struct Group {
+        size_t seen = 0;
+        std::unordered_set<uint64_t> pairs;
+    };
+    std::vector<Group> m_groups;
+};
+}  // namespace
+
 SSError* zov_quillset::processStorageList(FILE* stream, const std::string& ipaddr) {
     const char* fname = "zov_quillset::processStorageList";
     (void)ipaddr;
@@ -178,13 +205,14 @@ SSError* zov_quillset::processStorageList(FILE* stream, const std::string& ipadd
     int hlu = 0, alu = 0;
     std::string line, stgName;
     regmatch_t pm[3];
+    PairIndex pairs;
     while (lfgets(line, stream)) {
         lines++;
         // "Shareable:" closes a group's listing, wherever the machine stood.
-        if (rx(m_cp[RX_SHAREABLE], line)) parseState = 0;
+        if (rx(*this, RX_SHAREABLE, line)) parseState = 0;
         switch (parseState) {
         case 0:
-            if (rx(m_cp[RX_SG_NAME], line, pm, 2)) {
+            if (rx(*this, RX_SG_NAME, line, pm, 2)) {
                 stgName = cleaned(rx_group(line, pm[1]));
                 for (const storagegroup& sg : m_storagegrouplist) {
                     if (sg.stgName == stgName) {
@@ -197,30 +225,23 @@ SSError* zov_quillset::processStorageList(FILE* stream, const std::string& ipadd
             }
             break;
         case 1:
-            if (rx(m_cp[RX_SG_UID], line, pm, 2)) parseState = 2;
+            if (rx(*this, RX_SG_UID, line, pm, 2)) parseState = 2;
             break;
         case 2:
-            if (rx(m_cp[RX_HLU_ALU_HEADER], line)) parseState = 3;
+            if (rx(*this, RX_HLU_ALU_HEADER, line)) parseState = 3;
             break;
         case 3:
-            if (rx(m_cp[RX_DASH_RULE], line)) parseState = 4;
+            if (rx(*this, RX_DASH_RULE, line)) parseState = 4;
             break;
         case 4:
-            if (rx(m_cp[RX_HLU_ALU_ROW], line, pm, 3)) {
+            if (rx(*this, RX_HLU_ALU_ROW, line, pm, 3)) {
                 zov_text::scan_i(rx_group(line, pm[1]), hlu);
                 zov_text::scan_i(rx_group(line, pm[2]), alu);
                 for (auto it = m_storagegrouplist.begin(); it != m_storagegrouplist.end(); ++it) {
                     if (it->stgName != stgName) continue;
                     m_e.logprintf(7, kFile, __LINE__, "%s: Found host storage group [%s].", fname,
                                   stgName.c_str());
-                    bool have = false;
-                    for (const hlualu& h : it->hlualuList) {
-                        if (h.hlu == hlu && h.alu == alu) {
-                            have = true;
-                            break;
-                        }
-                    }
-                    if (!have) {
+                    if (pairs.lacks(it - m_storagegrouplist.begin(), *it, hlu, alu)) {
                         m_e.logprintf(7, kFile, __LINE__,
                                       "%s: Adding the hlu/alu to the storage group. storage "
                                       "group=[%s] hlu=[%d] alu=[%d]",
@@ -233,13 +254,13 @@ SSError* zov_quillset::processStorageList(FILE* stream, const std::string& ipadd
             }
             break;
         case 5:
-            if (rx(m_cp[RX_HLU_NO], line)) parseState = 6;
+            if (rx(*this, RX_HLU_NO, line)) parseState = 6;
             break;
         case 6:
-            if (rx(m_cp[RX_DASH_RULE], line)) parseState = 7;
+            if (rx(*this, RX_DASH_RULE, line)) parseState = 7;
             break;
         case 7:
-            if (rx(m_cp[RX_HLU_WWN_ROW], line, pm, 2)) {
+            if (rx(*this, RX_HLU_WWN_ROW, line, pm, 2)) {
                 zov_text::scan_i(rx_group(line, pm[1]), hlu);
                 for (auto it = m_storagegrouplist.begin(); it != m_storagegrouplist.end(); ++it) {
                     if (it->stgName == stgName) add_hlualu(it, hlu, kNoAlu);
@@ -309,23 +330,23 @@ SSError* zov_quillset::processMoverUID(FILE* stream, const std::string& ipaddr) 
     while (lfgets(line, stream)) {
         lines++;
         if (found) continue;  // the rest is read so the child never blocks
-        if (rx(m_cp[RX_SHAREABLE], line)) parseState = 0;
+        if (rx(*this, RX_SHAREABLE, line)) parseState = 0;
         switch (parseState) {
         case 0:
-            if (rx(m_cp[RX_SG_NAME], line, pm, 2)) {
+            if (rx(*this, RX_SG_NAME, line, pm, 2)) {
                 stgName = cleaned(rx_group(line, pm[1]));
                 parseState = 1;
             }
             break;
         case 1:
-            if (rx(m_cp[RX_SG_UID], line, pm, 2)) {
+            if (rx(*this, RX_SG_UID, line, pm, 2)) {
                 // The pattern runs to the line's end; the UID is used without it.
                 tempMoverUID = cleaned(rx_group(line, pm[1]));
                 parseState = 2;
             }
             break;
         case 2:
-            if (rx(m_cp[RX_HOST_NAME], line, pm, 2)) {
+            if (rx(*this, RX_HOST_NAME, line, pm, 2)) {
                 char tempHostname[128];
                 memset(tempHostname, 0, sizeof(tempHostname));
                 std::string h = rx_group(line, pm[1]);

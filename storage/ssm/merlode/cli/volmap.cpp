@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "liblocal/kv_host.h"
@@ -51,10 +52,28 @@ static SSError* refresh_and_read_map(zov_quillset& q, const std::string& tool,
                         });
 }
 
+// The first entry of each WWN in the array's list, which the map's reading
+// also appends to: it catches up with the list before each look-up, so that
+// a map of many thousand devices costs no more per device than a short one.
+class WwnIndex {
+public:
+    explicit WwnIndex(const std::vector<ArrayLunUID>& list) : m_list(list) {}
+    const ArrayLunUID* find(const std::string& wwn) {
+        for (; m_seen < m_list.size(); m_seen++) m_first.emplace(m_list[m_seen].lunUID, m_seen);
+        auto it = m_first.find(wwn);
+        return it == m_first.end() ? nullptr : &m_list[it->second];
+    }
+
+private:
+    const std::vector<ArrayLunUID>& m_list;
+    size_t m_seen = 0;
+    std::unordered_map<std::string, size_t> m_first;
+};
+
 // A "LOGICAL UNIT WWN:" row of the map: the WWN without its colons goes to
 // the device being read, and the LUN number too when the array list knows it.
-static void note_lun_wwn(zov_quillset& q, const char* fname, const std::string& line, Hadrix& pmt,
-                         ArrayLunUID& arrLUNUID) {
+static void note_lun_wwn(zov_quillset& q, WwnIndex& known, const char* fname,
+                         const std::string& line, Hadrix& pmt, ArrayLunUID& arrLUNUID) {
     std::string wwn;
     for (char c : value_after_colon(line))
         if (c != ':') wwn += c;
@@ -62,16 +81,13 @@ static void note_lun_wwn(zov_quillset& q, const char* fname, const std::string& 
                     fname, pmt.deviceName.c_str(), wwn.c_str());
     pmt.arrayLunUID = wwn;
     arrLUNUID.lunUID = wwn;
-    for (const ArrayLunUID& u : q.m_arrayLunUID) {
-        if (u.lunUID == wwn) {
-            q.m_e.logprintf(9, kFile, __LINE__,
-                            ": Found UID in our list!!! : lunUID ==>[%s] "
-                            "pmt.arraLunUID ==>[%s], adding the lunID ==>[%d] to our "
-                            "list.",
-                            u.lunUID.c_str(), pmt.arrayLunUID.c_str(), u.lunID);
-            pmt.arrayLun = u.lunID;
-            break;
-        }
+    if (const ArrayLunUID* u = known.find(wwn)) {
+        q.m_e.logprintf(9, kFile, __LINE__,
+                        ": Found UID in our list!!! : lunUID ==>[%s] "
+                        "pmt.arraLunUID ==>[%s], adding the lunID ==>[%d] to our "
+                        "list.",
+                        u->lunUID.c_str(), pmt.arrayLunUID.c_str(), u->lunID);
+        pmt.arrayLun = u->lunID;
     }
 }
 
@@ -84,8 +100,9 @@ struct VolMapBlock {
     ArrayLunUID arrLUNUID;
     int found = 0, haveLogical = 0, havePseudo = 0;
     int parseState = 0;
+    WwnIndex known;
 
-    VolMapBlock() { pmt.arrayLun = -1; }
+    explicit VolMapBlock(const std::vector<ArrayLunUID>& list) : known(list) { pmt.arrayLun = -1; }
     void restart() {
         pmt.patharray.clear();
         pmt.arrayLun = -1;
@@ -215,7 +232,7 @@ std::string zov_quillset::processInitVolMap(FILE* stream, std::string src) {
     static const char* const kKeys[] = {
         "Device Id:",           "Device Name:", "Device Mapping:",      "LOGICAL UNIT WWN:",
         "LOGICAL UNIT NUMBER:", "Trespassed:",  "LUN Capacity(Blocks):"};
-    VolMapBlock b;
+    VolMapBlock b(m_arrayLunUID);
     std::string mountPt;
     int lines = walk_volmap(*this, stream, b, kKeys, 7, [&](const std::string& line) {
         switch (b.parseState) {
@@ -246,7 +263,7 @@ std::string zov_quillset::processInitVolMap(FILE* stream, std::string src) {
             b.parseState = 3;
             break;
         case 3:
-            note_lun_wwn(*this, fname, line, b.pmt, b.arrLUNUID);
+            note_lun_wwn(*this, b.known, fname, line, b.pmt, b.arrLUNUID);
             b.haveLogical = 1;
             b.parseState = 4;
             break;
@@ -366,7 +383,7 @@ std::string zov_quillset::processProxyCloneInitVolMap(FILE* stream, int passSrcD
     static const char* const kKeys[] = {
         "Device Id:",           "Device Name:", "LOGICAL UNIT WWN:",
         "LOGICAL UNIT NUMBER:", "Trespassed:",  "LUN Capacity(Blocks):"};
-    VolMapBlock b;
+    VolMapBlock b(m_arrayLunUID);
     int lines = walk_volmap(*this, stream, b, kKeys, 6, [&](const std::string& line) {
         switch (b.parseState) {
         case 0: {
@@ -401,7 +418,7 @@ std::string zov_quillset::processProxyCloneInitVolMap(FILE* stream, int passSrcD
             b.parseState = 2;
             break;
         case 2:
-            note_lun_wwn(*this, fname, line, b.pmt, b.arrLUNUID);
+            note_lun_wwn(*this, b.known, fname, line, b.pmt, b.arrLUNUID);
             b.parseState = 3;
             break;
         case 3: {

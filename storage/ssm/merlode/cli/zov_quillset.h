@@ -287,7 +287,8 @@ public:
     // `ipaddr` set to `hostname`.
     int getIpAddr(std::string hostname, std::string& ipaddr);
     // regexec of row `index` of m_cp on `text`; REG_NOMATCH while the table
-    // is not compiled.
+    // is not compiled, and without running the expression on a text that
+    // lacks what every match of the row holds.
     int rxmatch(int index, const std::string& text, size_t nmatch, regmatch_t* pmatch);
     // Reaps the children that earlier pipe-form calls started.
     void reapPipeChildren();
@@ -452,7 +453,9 @@ public:
     std::map<std::string, int> m_mountToLun;
     std::map<std::string, std::string> m_wwnToLun;
     std::list<std::string> m_cloneGroupSourceList;
-    regex_t m_cp[RX_COUNT];
+    // The process's compiled table for the locale in force at init, shared by
+    // every object; null before init.
+    const regex_t* m_cp;
     int m_volMapInited;
     MerlError m_e;
     SSLOG_FUNC_POINTER m_fpLog;
@@ -481,6 +484,11 @@ std::string rxgroup(const std::string& text, const regmatch_t& m);
 
 // The source text of row `index` of the expression table, or null.
 const char* zov_quillset_pattern(int index);
+
+// False when `text` cannot match row `index` of the expression table: it
+// lacks the word, or the start, that every match of the row holds. True
+// says only that the expression must decide.
+bool zov_quillset_may_match(int index, const std::string& text);
 
 // Removes carriage returns and line feeds anywhere, then white space at both
 // ends. Every parser cleans its captured values with it.

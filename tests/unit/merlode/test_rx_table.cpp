@@ -1,0 +1,144 @@
+// The expression table every object reads: the quick test before each row
+// never turns away a line the row's expression takes, and objects share one
+// compiled table per locale.
+#include <dirent.h>
+#include <locale.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/unit/merlode/sg_parse_fixture.h"
+
+using sgtest::Quillset;
+
+namespace {
+
+// Every line of every captured output, with its line feed, and lines made to
+// sit at the edges of the quick tests.
+std::vector<std::string> corpus() {
+    std::vector<std::string> lines = {
+        "",
+        "\n",
+        " \n",
+        "\t1 2\n",
+        "\v1 2\n",
+        "\xc2\xa0"
+        "1 2\n",
+        "\xe2\x80\x83"
+        "7 9\n",
+        "x 1 2\n",
+        "HLU No.\n",
+        "HLU No\n",
+        "c0t5d1\n",
+        " c0t5d1\n",
+        "Hostname\n",
+        " Hostname\n",
+        "--------\n",
+        "-------\n",
+        "a => [x]\n",
+        "Name:\xff\xfe\n",
+        "Storage Group Name:\t\xc3\xa9t\xc3\xa9\n",
+        "cmd failed here\n",
+        std::string("UID: 1\0 x", 9) + "\n",
+    };
+    const char* src = getenv("ZOV_SOURCE_DIR");
+    std::string base = std::string(src != nullptr ? src : ".") + "/tests/fixtures";
+    DIR* top = opendir(base.c_str());
+    if (top == nullptr) return lines;
+    while (dirent* d = readdir(top)) {
+        if (d->d_name[0] == '.') continue;
+        std::string dir = base + "/" + d->d_name;
+        DIR* sub = opendir(dir.c_str());
+        if (sub == nullptr) continue;
+        while (dirent* f = readdir(sub)) {
+            if (f->d_name[0] == '.') continue;
+            std::string text = sgtest::fixture(d->d_name, f->d_name);
+            size_t at = 0;
+            while (at < text.size()) {
+                size_t end = text.find('\n', at);
+                end = end == std::string::npos ? text.size() : end + 1;
+                lines.push_back(text.substr(at, end - at));
+                at = end;
+            }
+        }
+        closedir(sub);
+    }
+    closedir(top);
+    return lines;
+}
+
+void expect_no_false_refusal(const char* locale) {
+    ASSERT_NE(setlocale(LC_ALL, locale), nullptr) << locale;
+    std::vector<std::string> lines = corpus();
+    ASSERT_GT(lines.size(), 200u);
+    for (int row = 0; row < ZOV_QUILLSET_NUM_REGEX; row++) {
+        regex_t re;
+        ASSERT_EQ(regcomp(&re, zov_quillset_pattern(row), REG_EXTENDED), 0);
+        for (const std::string& line : lines) {
+            bool takes = regexec(&re, line.c_str(), 0, nullptr, 0) == 0;
+            if (!takes) continue;
+            EXPECT_TRUE(zov_quillset_may_match(row, line))
+                << "row " << row << " turned away [" << line << "] under " << locale;
+        }
+        regfree(&re);
+    }
+    setlocale(LC_ALL, "C");
+}
+
+TEST(RxTable, QuickTestNeverTurnsAwayALineTheExpressionTakes) {
+    expect_no_false_refusal("C");
+    expect_no_false_refusal("C.UTF-8");
+}
+
+TEST(RxTable, QuickTestTurnsAwayLinesWithoutTheRowsWord) {
+    EXPECT_FALSE(zov_quillset_may_match(RX_SESSION_NAME, "Session creation time:  Tue\n"));
+    EXPECT_FALSE(zov_quillset_may_match(RX_HOSTNAME_HEADER, " Hostname\n"));
+    EXPECT_FALSE(zov_quillset_may_match(RX_HLU_ALU_ROW, "x 1 2\n"));
+    EXPECT_TRUE(zov_quillset_may_match(RX_HLU_ALU_ROW,
+                                       "\xc2\xa0"
+                                       "1 2\n"));
+    EXPECT_FALSE(zov_quillset_may_match(-1, "anything"));
+    EXPECT_FALSE(zov_quillset_may_match(ZOV_QUILLSET_NUM_REGEX, "anything"));
+}
+
+TEST(RxTable, ObjectsShareOneTableAndMatchAsTheirOwnWould) {
+    Quillset a, b;
+    EXPECT_EQ(a->m_cp, b->m_cp);
+    regmatch_t m[3];
+    ASSERT_EQ(b->rxmatch(RX_HLU_ALU_ROW, "    7               19\n", 3, m), 0);
+    EXPECT_EQ(rxgroup("    7               19\n", m[2]), "19");
+    EXPECT_EQ(b->rxmatch(RX_SESSION_NAME, "Session creation time: x\n", 2, m), REG_NOMATCH);
+}
+
+TEST(RxTable, ObjectMadeUnderAnotherLocaleGetsATableCompiledUnderIt) {
+    Quillset plain;
+    ASSERT_NE(setlocale(LC_ALL, "C.UTF-8"), nullptr);
+    Quillset wide;
+    Quillset wide2;
+    EXPECT_NE(plain->m_cp, wide->m_cp);
+    EXPECT_EQ(wide->m_cp, wide2->m_cp);
+    // "." takes a two-byte character as one under UTF-8: the capture is the
+    // whole name.
+    regmatch_t m[2];
+    const std::string line = "Storage Group Name:    \xc3\xa9t\xc3\xa9\n";
+    EXPECT_EQ(wide->rxmatch(RX_SG_NAME, line, 2, m), 0);
+    EXPECT_EQ(rxgroup(line, m[1]), "\xc3\xa9t\xc3\xa9");
+    setlocale(LC_ALL, "C");
+}
+
+TEST(RxTable, ThreadsMakingObjectsAtOnceShareOneTable) {
+    Quillset first;
+    std::vector<const regex_t*> seen(4, nullptr);
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < seen.size(); i++)
+        threads.emplace_back([&seen, i] {
+            Quillset q;
+            regmatch_t m[2];
+            if (q->rxmatch(RX_LUN_NUMBER, "LOGICAL UNIT NUMBER 5\n", 2, m) == 0) seen[i] = q->m_cp;
+        });
+    for (std::thread& t : threads) t.join();
+    for (const regex_t* t : seen) EXPECT_EQ(t, first->m_cp);
+}
+
+}  // namespace
