@@ -8,29 +8,15 @@
 #include "tests/fuzz/fuzz_input.h"
 #include "tools/merlsnap/handle_file.h"
 
-namespace {
-std::string g_path;
-}
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    char tmpl[] = "/tmp/fuzzhandleXXXXXX";
-    int fd = mkstemp(tmpl);
-    if (fd < 0) abort();
-    close(fd);
-    g_path = tmpl;
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    FILE* f = fopen(g_path.c_str(), "w");
-    if (f == nullptr) return 0;
-    fwrite(data, 1, size, f);
-    fclose(f);
+    static const fuzz::ScratchFile file("fuzzhandle");
+    if (!file.put(data, size)) return 0;
+    const std::string& path = file.path();
     HandleFile h;
     std::string why;
-    if (read_handle_file(g_path, h, why)) {
+    if (read_handle_file(path, h, why)) {
         // What was read whole is written back whole, or refused for a reason.
-        std::string again = g_path + ".back";
+        std::string again = path + ".back";
         if (!write_handle_file(again, h, why) && why.find("line break") == std::string::npos)
             abort();
         remove(again.c_str());

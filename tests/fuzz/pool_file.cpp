@@ -11,17 +11,13 @@
 #include "tests/fuzz/fuzz_input.h"
 
 namespace {
-std::string g_path;
+const fuzz::ScratchFile* g_file = nullptr;
 zov_quillset* g_quillset = nullptr;
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     setenv("PATH", "/nonexistent", 1);  // no tool is ever found, so none runs
-    char tmpl[] = "/tmp/fuzzpoolXXXXXX";
-    int fd = mkstemp(tmpl);
-    if (fd < 0) abort();
-    close(fd);
-    g_path = tmpl;
+    g_file = new fuzz::ScratchFile("fuzzpool");
     g_quillset = new zov_quillset(&fuzz::drop_log, nullptr);
     std::vector<std::string> frames{"198.18.0.1"};
     delete g_quillset->init(frames, nullptr);
@@ -29,12 +25,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    FILE* f = fopen(g_path.c_str(), "w");
-    if (f == nullptr) return 0;
-    fwrite(data, 1, size, f);
-    fclose(f);
+    if (!g_file->put(data, size)) return 0;
     attrlist* attrs = nullptr;
-    attrlist_add(&attrs, "MERL_SNAP_POOL", g_path.c_str());
+    attrlist_add(&attrs, "MERL_SNAP_POOL", g_file->path().c_str());
     {
         MerlResourceManager pool(&fuzz::drop_log, nullptr);
         SSError* err = pool.init(attrs, g_quillset);
