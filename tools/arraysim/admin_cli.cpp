@@ -230,24 +230,16 @@ bool cmd_set(State& st, const std::vector<std::string>& a, std::string& err) {
             err);
     }
     if (what == "package") {
-        int f;
         Package* pk = nullptr;
-        if (a.size() >= 4 && parse_int(a[2], f))
-            for (auto& p : st.packages)
-                if (p.frame == f && p.name == a[3]) pk = &p;
-        if (!pk) {
-            err = "set package: no such package (give frame and name)";
-            return false;
-        }
-        return apply_kv(
-            a, 4,
-            [&](const std::string& k, const std::string& v) {
-                if (k == "rev") return pk->rev = v, true;
-                if (k == "commit") return parse_bool(v, pk->commit);
-                if (k == "active") return parse_bool(v, pk->active);
-                return false;
-            },
-            err);
+        for (auto& p : st.packages)
+            if (a.size() >= 4 && std::to_string(p.frame) == a[2] && p.name == a[3]) pk = &p;
+        if (!pk) err = "set package: no such package (give frame and name)";
+        auto set = [&](const std::string& k, const std::string& v) {
+            if (k == "rev") return pk->rev = v, true;
+            return k == "commit" ? parse_bool(v, pk->commit)
+                                 : k == "active" && parse_bool(v, pk->active);
+        };
+        return pk && apply_kv(a, 4, set, err);
     }
     err = "set: unknown record \"" + what + "\"";
     return false;
