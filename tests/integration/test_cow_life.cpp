@@ -61,7 +61,8 @@ TEST_F(CowLife, ProductionHandleThenMountHostLife) {
     EXPECT_EQ(mh->getSnapshotState(), ldr::READY);
     ldr::SSSourceList* paths = nullptr;
     ASSERT_FALSE(loader->take(mh->getSnapshotAccessPath(srcs, paths))) << loader->text;
-    std::vector<std::string> snapdevs{array.dev("sdb"), array.dev("sde")};
+    // No map was read on the way: the devices are as the host tool names them.
+    std::vector<std::string> snapdevs{"/dev/zsnp/sdb0", "/dev/zsnp/sde0"};
     EXPECT_EQ(ldr::names_of(paths), snapdevs);
     cowtest::module().freeSSObject(paths);
     EXPECT_EQ(array.log_lines("gelmot activate").size(), 2u);
@@ -195,6 +196,24 @@ TEST_F(CowLife, EnrolmentIsAllOrNothingAndMountNeedsKnownSources) {
     EXPECT_EQ(loader->code, 4);
     delete stranger;
     loader->finish(mh);
+}
+
+// The host tool's revision is good; the array's record of it, under the
+// name the check looks for, decides, unless a commit is still pending.
+TEST_F(CowLife, ArraysSoftwareListDecidesTheVersionCheck) {
+    ldr::ISnapshot* s = loader->production();
+    ASSERT_NE(s, nullptr) << loader->text;
+    loader->finish(s);
+    ASSERT_EQ(array.admin({"set", "package", "0", "TILLOCLI", "rev=7.29.9.0.0"}), 0);
+    EXPECT_EQ(loader->production(), nullptr);
+    EXPECT_EQ(loader->code, 16);
+    EXPECT_NE(loader->text.find("Invalid Quillset Version"), std::string::npos) << loader->text;
+    EXPECT_NE(loader->errors.find("revision: 7.29.9.0.0, minimum: 7.30.0.0.0"), std::string::npos)
+        << loader->errors;
+    ASSERT_EQ(array.admin({"set", "package", "0", "TILLOCLI", "commit=1"}), 0);
+    s = loader->production();
+    EXPECT_NE(s, nullptr) << loader->text;
+    loader->finish(s);
 }
 
 TEST_F(CowLife, ThreadsWithTheirOwnObjectsLoseNoSession) {

@@ -170,10 +170,11 @@ State make_state(const InitOptions& o) {
         }
         st.groups.push_back(local);
         if (o.mount_host) st.groups.push_back(mover);
-        const char* pk[][2] = {{"Base", "04.30.000.5.523"},
-                               {"Quillset", "04.30.000.5.002"},
-                               {"CloneSW", "04.30.000.5.002"},
-                               {"AdvSnapshots", "05.32.000.5.011"}};
+        // The array's own software, and the host software it keeps a record
+        // of under the names that the module's version survey looks for.
+        const char* pk[][2] = {{"Base", "04.30.000.5.523"},    {"Quillset", "04.30.000.5.002"},
+                               {"CloneSW", "04.30.000.5.002"}, {"AdvSnapshots", "05.32.000.5.011"},
+                               {"TILLOCLI", "7.33.1.0.12"},    {"ZOVhadrix", "3.2.1"}};
         for (auto& p : pk) st.packages.push_back(Package{f, p[0], p[1], false, true});
     }
     for (int i = 0; i < o.foreign; ++i)

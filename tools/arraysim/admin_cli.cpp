@@ -22,12 +22,13 @@ const char* kHelp =
     "  show                       print the state for people\n"
     "  set option KEY=VALUE...    sync_steps, secfile, vxdisk, hadrix_installed, clock, rev_tillo, "
     "rev_gelmot,\n"
-    "                             rev_hadrix, rev_pirnet\n"
-    "  set frame F KEY=VALUE...   down, name, serial\n"
+    "                             rev_hadrix, rev_pirnet, gelmot_form (raw or path)\n"
+    "  set frame F KEY=VALUE...   down, name, serial, sphosts (host names of its SPs, a,b)\n"
     "  set host NAME KEY=VALUE... agent, addr\n"
     "  set lun F N KEY=VALUE...   trespassed, snapname, snapdev, smp, smpdev, cg, mount, blocks\n"
     "  set clone GROUP ID KEY=VALUE...  state, cond, fractured, rate, pct, op\n"
-    "  set group F NAME KEY=VALUE...    form\n"
+    "  set group F NAME KEY=VALUE...    form (1, 2 or 3)\n"
+    "  set package F NAME KEY=VALUE...  rev, commit, active\n"
     "  fault add TOOL KIND [--match TEXT] [--arg TEXT] [--count N]\n"
     "        kinds: refuse, garbage, longline, slow, missing, execfail, down\n"
     "  fault list | fault clear\n"
@@ -43,6 +44,18 @@ bool parse_int(const std::string& s, int& v) {
     if (s.empty() || *end || x < -1000000000L || x > 1000000000L) return false;
     v = static_cast<int>(x);
     return true;
+}
+
+std::vector<std::string> split_list(const std::string& s) {
+    std::vector<std::string> out;
+    size_t p = 0;
+    while (p <= s.size()) {
+        size_t c = s.find(',', p);
+        if (c == std::string::npos) c = s.size();
+        if (c > p) out.push_back(s.substr(p, c - p));
+        p = c + 1;
+    }
+    return out;
 }
 
 bool parse_bool(const std::string& s, bool& v) {
@@ -84,7 +97,7 @@ bool apply_kv(const std::vector<std::string>& words, size_t from, F set, std::st
 
 bool cmd_set(State& st, const std::vector<std::string>& a, std::string& err) {
     if (a.size() < 2) {
-        err = "set: what? (option, frame, host, lun, clone, group)";
+        err = "set: what? (option, frame, host, lun, clone, group, package)";
         return false;
     }
     const std::string& what = a[1];
@@ -107,6 +120,8 @@ bool cmd_set(State& st, const std::vector<std::string>& a, std::string& err) {
                 if (k == "rev_gelmot") return o.rev_gelmot = v, true;
                 if (k == "rev_hadrix") return o.rev_hadrix = v, true;
                 if (k == "rev_pirnet") return o.rev_pirnet = v, true;
+                if (k == "gelmot_form")
+                    return (v == "raw" || v == "path") && (o.gelmot_form = v, true);
                 return false;
             },
             err);
@@ -124,6 +139,7 @@ bool cmd_set(State& st, const std::vector<std::string>& a, std::string& err) {
                 if (k == "down") return parse_bool(v, fr.down);
                 if (k == "name" && !v.empty()) return fr.name = v, true;
                 if (k == "serial" && !v.empty()) return fr.serial = v, true;
+                if (k == "sphosts") return fr.sphosts = split_list(v), true;
                 return false;
             },
             err);
@@ -208,10 +224,22 @@ bool cmd_set(State& st, const std::vector<std::string>& a, std::string& err) {
         return apply_kv(
             a, 4,
             [&](const std::string& k, const std::string& v) {
-                if (k == "form") return parse_int(v, gr.form) && (gr.form == 1 || gr.form == 2);
+                if (k == "form") return parse_int(v, gr.form) && gr.form >= 1 && gr.form <= 3;
                 return false;
             },
             err);
+    }
+    if (what == "package") {
+        Package* pk = nullptr;
+        for (auto& p : st.packages)
+            if (a.size() >= 4 && std::to_string(p.frame) == a[2] && p.name == a[3]) pk = &p;
+        if (!pk) err = "set package: no such package (give frame and name)";
+        auto set = [&](const std::string& k, const std::string& v) {
+            if (k == "rev") return pk->rev = v, true;
+            return k == "commit" ? parse_bool(v, pk->commit)
+                                 : k == "active" && parse_bool(v, pk->active);
+        };
+        return pk && apply_kv(a, 4, set, err);
     }
     err = "set: unknown record \"" + what + "\"";
     return false;

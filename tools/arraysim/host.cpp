@@ -118,7 +118,7 @@ void gelmot(State& st, const std::string& dir, const std::vector<std::string>& a
         return;
     }
     Lun* l = st.lun(s->frame, s->lun);
-    std::string dev = l ? dev_path(dir, l->snapdev) : std::string();
+    std::string dev = l ? snapshot_device_text(st, dir, l->snapdev) : std::string();
     if (act) {
         if (s->activated) {
             fail("gelmot: Error: session " + s->name + " is already activated.");

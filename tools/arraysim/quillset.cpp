@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "tools/arraysim/args.h"
 #include "tools/arraysim/text.h"
 #include "tools/arraysim/tools_internal.h"
 
@@ -12,53 +13,14 @@ namespace arraysim {
 
 namespace {
 
-struct Q {
+// A quillset or snap command on one frame; its switches follow the subcommand.
+struct Q : ToolArgs {
+    Q(State& state, const std::string& folder, int f, const std::vector<std::string>& words,
+      ToolResult& result)
+        : ToolArgs(words, 1, result), st(state), dir(folder), frame(f) {}
     State& st;
     const std::string& dir;
     int frame;
-    const std::vector<std::string>& a;
-    ToolResult& r;
-
-    int find(const char* sw) const {
-        for (size_t i = 1; i < a.size(); ++i)
-            if (iequals(a[i], sw)) return static_cast<int>(i);
-        return -1;
-    }
-    bool has(const char* sw) const { return find(sw) >= 0; }
-    bool value(const char* sw, std::string& v) const {
-        int i = find(sw);
-        if (i < 0 || i + 1 >= static_cast<int>(a.size())) return false;
-        v = a[i + 1];
-        return true;
-    }
-    void fail(const std::string& s) {
-        r.out += s;
-        if (!s.empty() && s.back() != '\n') r.out += '\n';
-        r.status = 1;
-    }
-    // Every argument after the subcommand must be a known switch (with its
-    // value count) or the subcommand's own operand.
-    bool check(size_t from, const std::vector<std::pair<const char*, int>>& allowed) {
-        for (size_t i = from; i < a.size(); ++i) {
-            bool ok = false;
-            for (const auto& al : allowed)
-                if (iequals(a[i], al.first)) {
-                    if (i + al.second >= a.size()) {
-                        fail("Error: switch " + a[i] + " requires a value.");
-                        return false;
-                    }
-                    i += al.second;
-                    ok = true;
-                    break;
-                }
-            if (!ok) {
-                fail("Error: unrecognized switch or argument: " + a[i] +
-                     "\nRun \"tilloseccli -help\" for the usage.");
-                return false;
-            }
-        }
-        return true;
-    }
 };
 
 std::string failed(const char* cmd, const std::string& why) {

@@ -89,6 +89,14 @@ ConsistencyGroup* State::cg(int frame, const std::string& name) {
     return nullptr;
 }
 
+std::string State::sp_host_name(int frame, const std::string& addr) const {
+    const Frame& f = frames[frame];
+    size_t sp = 0;
+    while (sp < f.addrs.size() && f.addrs[sp] != addr) ++sp;
+    if (sp < f.sphosts.size()) return f.sphosts[sp];
+    return f.name + (sp == 0 ? "-spa" : sp == 1 ? "-spb" : "-sp" + std::to_string(sp));
+}
+
 std::string State::owner_addr(const Lun& l) const {
     if (l.frame < 0 || l.frame >= static_cast<int>(frames.size())) return "0.0.0.0";
     const Frame& f = frames[l.frame];
@@ -401,6 +409,10 @@ bool parse_record(const std::string& kind, const std::vector<Token>& toks, State
                 r.addrs = to_list(t);
                 continue;
             }
+            if (t.is("sphosts")) {
+                r.sphosts = to_list(t);
+                continue;
+            }
             return false;
         }
         st.frames.push_back(std::move(r));
@@ -508,8 +520,11 @@ bool parse_record(const std::string& kind, const std::vector<Token>& toks, State
         Options& r = st.opt;
         for (const auto& t : toks) {
             NUM(sync_steps)
-            BOOL(secfile) BOOL(vxdisk) STR(rev_tillo) STR(rev_gelmot) STR(rev_hadrix)
-                STR(rev_pirnet) BOOL(hadrix_installed) LNUM(clock) NUM(seq) return false;
+            BOOL(secfile)
+            BOOL(vxdisk)
+            STR(rev_tillo)
+            STR(rev_gelmot) STR(rev_hadrix) STR(rev_pirnet) BOOL(hadrix_installed) STR(gelmot_form)
+                LNUM(clock) NUM(seq) return false;
         }
         return true;
     }
@@ -889,6 +904,7 @@ void format_into(const State& st, Out& o) {
     o.str("rev_hadrix", p.rev_hadrix);
     o.str("rev_pirnet", p.rev_pirnet);
     o.flag("hadrix_installed", p.hadrix_installed);
+    o.str("gelmot_form", p.gelmot_form);
     o.num("clock", p.clock);
     o.num("seq", p.seq);
     o.end();
@@ -898,6 +914,7 @@ void format_into(const State& st, Out& o) {
         o.str("serial", f.serial);
         o.str("uid", f.uid);
         o.list("addrs", f.addrs);
+        if (!f.sphosts.empty()) o.list("sphosts", f.sphosts);
         o.flag("down", f.down);
         o.end();
     }

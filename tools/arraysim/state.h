@@ -24,11 +24,12 @@ constexpr const char* kStateHeader = "arraysim-state";
 constexpr const char* kStateEnv = "ARRAYSIM_STATE";
 
 struct Frame {
-    std::string name;                // "Array Name:" of arrayname
-    std::string serial;              // serial number (getarrayuid)
-    std::string uid;                 // array UID, 16 bytes with colons
-    std::vector<std::string> addrs;  // storage processor addresses, SP A first
-    bool down = false;               // unreachable: every command fails to connect
+    std::string name;                  // "Array Name:" of arrayname
+    std::string serial;                // serial number (getarrayuid)
+    std::string uid;                   // array UID, 16 bytes with colons
+    std::vector<std::string> addrs;    // storage processor addresses, SP A first
+    std::vector<std::string> sphosts;  // their host names (getarrayuid); empty: made from `name`
+    bool down = false;                 // unreachable: every command fails to connect
 };
 
 struct Hba {
@@ -54,7 +55,9 @@ struct Group {
     std::string name;
     std::string uid;
     int host = -1;  // index into hosts, -1 none
-    int form = 1;   // 1: HLU/ALU table; 2: also the HLU/UID table
+    // 1: HLU/ALU table; 2: an empty one, then the HLU/UID table with its rows
+    // one blank in; 3: as 2 with the rows under the header's indentation
+    int form = 1;
     std::vector<Pair> pairs;
 };
 
@@ -261,8 +264,9 @@ struct Options {
     std::string rev_hadrix = "3.2.1 (build 117)";
     std::string rev_pirnet = "1.4.0";
     bool hadrix_installed = true;
-    long long clock = 0;  // seconds added to wall time for listings (tests)
-    int seq = 0;          // counter for made-up identifiers
+    std::string gelmot_form = "raw";  // how gelmot names a snapshot device: "raw" or "path"
+    long long clock = 0;              // seconds added to wall time for listings (tests)
+    int seq = 0;                      // counter for made-up identifiers
 };
 
 struct State {
@@ -291,6 +295,8 @@ struct State {
     Session* session(const std::string& name);
     KvtSnap* kvtsnap(int frame, const std::string& name);
     ConsistencyGroup* cg(int frame, const std::string& name);
+    // The host name of the storage processor of `frame` at `addr`.
+    std::string sp_host_name(int frame, const std::string& addr) const;
     // The LUN's owner address: the second address when trespassed.
     std::string owner_addr(const Lun& l) const;
 };

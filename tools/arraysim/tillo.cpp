@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "tools/arraysim/args.h"
 #include "tools/arraysim/sim.h"
 #include "tools/arraysim/text.h"
 #include "tools/arraysim/tools_internal.h"
@@ -13,60 +14,16 @@ namespace arraysim {
 
 namespace {
 
-// A parsed command line: subcommand words and switches with their values.
-struct Cmd {
+// A command of the tool on one frame (-1 for those that need none).
+struct Cmd : ToolArgs {
+    Cmd(State& state, const std::string& folder, const std::vector<std::string>& words, int f,
+        const std::string& address, ToolResult& result)
+        : ToolArgs(words, 0, result), st(state), dir(folder), frame(f), addr(address) {}
     State& st;
     const std::string& dir;
-    std::vector<std::string> a;  // arguments after the global switches
-    int frame = -1;
+    int frame;
     std::string addr;
-    ToolResult& r;
-
-    // Position of a switch (case-insensitive), or -1.
-    int find(const char* sw) const {
-        for (size_t i = 0; i < a.size(); ++i)
-            if (iequals(a[i], sw)) return static_cast<int>(i);
-        return -1;
-    }
-    bool has(const char* sw) const { return find(sw) >= 0; }
-    // The value after a switch; false when the switch or its value is missing.
-    bool value(const char* sw, std::string& v) const {
-        int i = find(sw);
-        if (i < 0 || i + 1 >= static_cast<int>(a.size())) return false;
-        v = a[i + 1];
-        return true;
-    }
-    void print(const std::string& s) { r.out += s; }
-    void fail(const std::string& s) {
-        r.out += s;
-        if (!s.empty() && s.back() != '\n') r.out += '\n';
-        r.status = 1;
-    }
 };
-
-// Switches and the words that are their values; anything else is refused.
-bool check_switches(Cmd& c, size_t from, const std::vector<std::pair<const char*, int>>& allowed) {
-    for (size_t i = from; i < c.a.size(); ++i) {
-        bool ok = false;
-        for (const auto& al : allowed) {
-            if (iequals(c.a[i], al.first)) {
-                if (i + al.second >= c.a.size()) {
-                    c.fail("Error: switch " + c.a[i] + " requires a value.");
-                    return false;
-                }
-                i += al.second;
-                ok = true;
-                break;
-            }
-        }
-        if (!ok) {
-            c.fail("Error: unrecognized switch or argument: " + c.a[i] +
-                   "\nRun \"tilloseccli -help\" for the usage.");
-            return false;
-        }
-    }
-    return true;
-}
 
 const char* kChangeFailed = "Error: %s command failed\n";
 
@@ -79,7 +36,7 @@ std::string failed_text(const char* cmd, const std::string& why) {
 // ------------------------------------------------------------ identity
 
 void cmd_getlun(Cmd& c) {
-    if (!check_switches(c, 1, {{"-uid", 0}})) return;
+    if (!c.check(1, {{"-uid", 0}})) return;
     std::string& o = c.r.out;
     // Runs on every device lookup: read the two fields it shows without
     // parsing the whole LUN records.
@@ -120,9 +77,7 @@ void cmd_lun(Cmd& c) {
             "[-belongsToCG]");
         return;
     }
-    if (!check_switches(c, 2,
-                        {{"-l", 1}, {"-uid", 0}, {"-snapMountPoints", 0}, {"-belongsToCG", 0}}))
-        return;
+    if (!c.check(2, {{"-l", 1}, {"-uid", 0}, {"-snapMountPoints", 0}, {"-belongsToCG", 0}})) return;
     bool uid = c.has("-uid"), smp = c.has("-snapMountPoints"), cg = c.has("-belongsToCG");
     std::string n;
     if (c.value("-l", n)) {
@@ -139,16 +94,18 @@ void cmd_lun(Cmd& c) {
 }
 
 void cmd_arrayname(Cmd& c) {
-    if (!check_switches(c, 1, {})) return;
+    if (!c.check(1, {})) return;
     kv(c.r.out, "Array Name", c.st.frames[c.frame].name, 12);
 }
 
 void cmd_getarrayuid(Cmd& c) {
-    if (!check_switches(c, 1, {})) return;
+    if (!c.check(1, {})) return;
+    // A table of the storage processor that answered: its host name and the
+    // frame's serial number.
     char buf[512];
-    snprintf(buf, sizeof buf, "\n%-24s  %s\n%-24s  %s\n%-24s  %s\n", "Hostname", "Serial Number",
-             "------------------------", "--------------------", c.addr.c_str(),
-             c.st.frames[c.frame].serial.c_str());
+    snprintf(buf, sizeof buf, "%-24s  %s\n%-24s  %s\n%-24s  %s\n", "Hostname", "Serial Number",
+             "------------------------", "--------------------",
+             c.st.sp_host_name(c.frame, c.addr).c_str(), c.st.frames[c.frame].serial.c_str());
     c.r.out += buf;
 }
 
@@ -165,13 +122,12 @@ void cmd_server(Cmd& c) {
             "       server -volmap -host <host> [-local]");
         return;
     }
-    if (!check_switches(c, 1,
-                        {{"-update", 0},
-                         {"-volmap", 0},
-                         {"-host", 1},
-                         {"-rescanDevices", 0},
-                         {"-o", 0},
-                         {"-local", 0}}))
+    if (!c.check(1, {{"-update", 0},
+                     {"-volmap", 0},
+                     {"-host", 1},
+                     {"-rescanDevices", 0},
+                     {"-o", 0},
+                     {"-local", 0}}))
         return;
     std::string hname;
     if (!c.value("-host", hname)) {
@@ -191,30 +147,7 @@ void cmd_server(Cmd& c) {
         return;
     }
     if (update) return;  // a rescan says nothing when it works
-    std::string& o = c.r.out;
-    for (const auto& g : c.st.groups) {
-        if (g.frame != c.frame || g.host != h) continue;
-        for (const auto& p : g.pairs) {
-            const Lun* l = c.st.lun(c.frame, p.alu);
-            if (!l) continue;
-            for (const auto& d : l->devs) {
-                if (d.host != h) continue;
-                auto block = [&](const std::string& id, const std::string& name) {
-                    kv(o, "Device Id", id, 24);
-                    kv(o, "Device Name", name, 24);
-                    kv(o, "Device Mapping", l->mount.empty() ? "N/A" : l->mount, 24);
-                    kv(o, "LOGICAL UNIT WWN", l->wwn, 24);
-                    kv(o, "LOGICAL UNIT NUMBER", std::to_string(l->num), 24);
-                    kv(o, "Trespassed", l->trespassed ? "YES" : "NO", 24);
-                    kv(o, "LUN Capacity(Blocks)", std::to_string(l->blocks), 24);
-                    kv(o, "Current Owner", l->trespassed ? "SP B" : "SP A", 24);
-                    o += '\n';
-                };
-                if (!d.pseudo.empty()) block(d.pseudo, d.pseudo);
-                for (const auto& p2 : d.paths) block(p2, p2);
-            }
-        }
-    }
+    print_volmap(c.st, c.dir, c.frame, h, c.r.out);
 }
 
 // ------------------------------------------------------------ storage groups
@@ -241,8 +174,8 @@ void print_group(Cmd& c, const Group& g, bool with_host) {
     o += "  HLU Number     ALU Number\n  ----------     ----------\n";
     // A group holds thousands of LUNs: its rows are laid out by hand, as
     // "    %-15d%d" and " %d     %s" would.
-    o.reserve(o.size() + g.pairs.size() * (g.form != 2 ? 28 : 84));
-    if (g.form != 2) {
+    o.reserve(o.size() + g.pairs.size() * (g.form == 1 ? 28 : 84));
+    if (g.form == 1) {
         for (const auto& p : g.pairs) {
             o += "    ";
             size_t at = o.size();
@@ -253,11 +186,13 @@ void print_group(Cmd& c, const Group& g, bool with_host) {
         }
     } else {
         o += "\n  HLU No.  LUN UID\n  -------  -----------------------------------------------\n";
+        // Form 2 has one blank ahead of the number, which the row expression
+        // captures; form 3 keeps the header's indentation, and there the
+        // capture starts at the second blank and comes out empty.
+        const char* lead = g.form == 3 ? "  " : " ";
         for (const auto& p : g.pairs) {
             long li = c.st.luns.find(g.frame, p.alu);
-            // One blank ahead of the number: the row expression captures the digits
-            // only when they follow the first blank of the line.
-            o += ' ';
+            o += lead;
             append_int(o, p.hlu);
             o += "     ";
             if (li >= 0)
@@ -276,7 +211,7 @@ void print_group(Cmd& c, const Group& g, bool with_host) {
 void cmd_storagegroup(Cmd& c) {
     std::string gname;
     if (c.has("-list")) {
-        if (!check_switches(c, 1, {{"-list", 0}, {"-host", 0}, {"-gname", 1}})) return;
+        if (!c.check(1, {{"-list", 0}, {"-host", 0}, {"-gname", 1}})) return;
         bool filter = c.value("-gname", gname);
         bool any = false;
         for (const auto& g : c.st.groups) {
@@ -299,10 +234,8 @@ void cmd_storagegroup(Cmd& c) {
             "       storagegroup -removehlu -gname <name> -hlu <hlu> [-o]");
         return;
     }
-    if (add && !check_switches(c, 1, {{"-addhlu", 0}, {"-gname", 1}, {"-hlu", 1}, {"-alu", 1}}))
-        return;
-    if (rem && !check_switches(c, 1, {{"-removehlu", 0}, {"-gname", 1}, {"-hlu", 1}, {"-o", 0}}))
-        return;
+    if (add && !c.check(1, {{"-addhlu", 0}, {"-gname", 1}, {"-hlu", 1}, {"-alu", 1}})) return;
+    if (rem && !c.check(1, {{"-removehlu", 0}, {"-gname", 1}, {"-hlu", 1}, {"-o", 0}})) return;
     std::string hlu_s, alu_s;
     if (!c.value("-gname", gname) || !c.value("-hlu", hlu_s) || (add && !c.value("-alu", alu_s))) {
         c.fail(add ? "Error: storagegroup -addhlu requires -gname, -hlu and -alu."
@@ -372,7 +305,7 @@ void cmd_port(Cmd& c) {
         c.fail("Error: port: expected -list.\nUsage: port -list [-hba]");
         return;
     }
-    if (!check_switches(c, 1, {{"-list", 0}, {"-hba", 0}})) return;
+    if (!c.check(1, {{"-list", 0}, {"-hba", 0}})) return;
     std::string& o = c.r.out;
     const Frame& f = c.st.frames[c.frame];
     for (size_t h = 0; h < c.st.hosts.size(); ++h) {
@@ -420,7 +353,7 @@ void cmd_ndu(Cmd& c) {
         c.fail("Error: ndu: expected -list.\nUsage: ndu -list");
         return;
     }
-    if (!check_switches(c, 1, {{"-list", 0}})) return;
+    if (!c.check(1, {{"-list", 0}})) return;
     std::string& o = c.r.out;
     for (const auto& p : c.st.packages) {
         if (p.frame != c.frame) continue;

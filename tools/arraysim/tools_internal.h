@@ -25,6 +25,19 @@ void drop_host_devs(State& st, const std::string& dir, Lun& l, int host);
 void touch_dev(const std::string& dir, const std::string& name);
 std::string dev_path(const std::string& dir, const std::string& name);
 
+// The volume map of `host` on `frame`, as "server -volmap" prints it.
+void print_volmap(const State& st, const std::string& dir, int frame, int host, std::string& o);
+
+// An activated snapshot's device as the host names it: the raw device under
+// a folder of ten characters, its slice last (the "raw" form, the default),
+// or the device file in the state folder (the "path" form).
+constexpr const char* kRawSnapshotDir = "/dev/zsnp/";
+constexpr const char* kSnapshotSlice = "0";
+std::string snapshot_device_text(const State& st, const std::string& dir,
+                                 const std::string& snapdev);
+// The snapshot device's id in the volume map: its name and slice.
+std::string snapshot_device_id(const std::string& snapdev);
+
 // Starts, steps and ends clone work.
 void clone_step(Clone& c, int steps);
 

@@ -204,6 +204,17 @@ TEST_F(SimOutput, ArraynameAndGetarrayuid_GiveNameAndSerial) {
     ASSERT_FALSE(ln.empty());
     ASSERT_TRUE(rx_.m(49, ln[0], &g));
     EXPECT_EQ(st_.frames[0].name, g);
+    // A table of the answering storage processor's host name and the serial.
+    std::string host;
+    auto uid = lines(tillo("getarrayuid").out);
+    ASSERT_EQ(3u, uid.size());
+    EXPECT_TRUE(rx_.m(14, uid[0]));
+    host = uid[2].substr(0, uid[2].find(' '));
+    EXPECT_EQ(st_.frames[0].name + "-spa", host);
+    st_.frames[0].sphosts = {"spa0", "spb0"};
+    addr_ = st_.frames[0].addrs[1];
+    EXPECT_EQ(0u, tillo("getarrayuid").out.find("Hostname")) << "a table from its first line";
+    EXPECT_EQ(0u, lines(tillo("getarrayuid").out)[2].find("spb0 "));
     int state = 0;
     std::string serial;
     for (const auto& l : lines(tillo("getarrayuid").out)) {
@@ -321,6 +332,12 @@ TEST_F(SimOutput, StorageGroupList_BothTableFormsAndTheMoverLine) {
     ASSERT_EQ(g.pairs.size(), groups["SG_prodhost"].size());
     EXPECT_EQ(2, groups["SG_prodhost"][2].first);
     EXPECT_EQ(77777777, groups["SG_prodhost"][2].second);
+    // The third: rows under the header's indentation, whose number is not
+    // captured.
+    st_.groups[0].form = 3;
+    groups = read_storage_list(rx_, tillo("storagegroup -list -host").out);
+    ASSERT_EQ(g.pairs.size(), groups["SG_prodhost"].size());
+    for (const auto& p : groups["SG_prodhost"]) EXPECT_EQ(std::make_pair(0, 77777777), p);
 
     // processMoverUID: the group whose host line holds this host's name.
     int state = 0;
@@ -377,6 +394,16 @@ TEST_F(SimOutput, VolumeMap_BlocksCarryEveryAwaitedKeyInOrder) {
     }
     EXPECT_EQ(8, blocks);  // four LUNs and two clone groups of two on frame 0
     EXPECT_EQ("0", name_to_lun[st_.lun(0, 0)->devs[0].paths[0]]);
+    // A device mounted nowhere has an empty mapping; a plain device is its
+    // own id.
+    st_.lun(0, 2)->mount = "/mnt/two";
+    std::vector<std::string> ids, maps;
+    for (const auto& l : lines(tillo("server -volmap -host prodhost -local").out)) {
+        if (l.find("Device Id:") != std::string::npos) ids.push_back(after_colon(l));
+        if (l.find("Device Name:") != std::string::npos) EXPECT_EQ(ids.back(), after_colon(l));
+        if (l.find("Device Mapping:") != std::string::npos) maps.push_back(after_colon(l));
+    }
+    EXPECT_EQ((std::vector<std::string>{"", "", "/mnt/two", "", "", "", "", ""}), maps);
     // The rescan says nothing; a stopped agent says so at the start of a line.
     EXPECT_EQ("", tillo("server -update -host prodhost -rescanDevices -o").out);
     st_.hosts[0].agent_up = false;
@@ -384,18 +411,24 @@ TEST_F(SimOutput, VolumeMap_BlocksCarryEveryAwaitedKeyInOrder) {
                       .find("agent not running"));
 }
 
-TEST_F(SimOutput, Multipath_PseudoBlockAnsweredByNameAndPathsByDevice) {
+TEST_F(SimOutput, Multipath_EachPathUnderThePseudoDevicesId) {
     InitOptions o;
     o.multipath = true;
     o.host = "prodhost";
     o.host_addr = "10.1.1.5";
     st_ = make_state(o);
-    std::vector<std::string> ids;
-    for (const auto& l : lines(tillo("server -volmap -host prodhost -local").out))
-        if (l.find("Device Id:") != std::string::npos) ids.push_back(after_colon(l));
-    ASSERT_GE(ids.size(), 3u);
-    EXPECT_NE(std::string::npos, ids[0].find("hadrix"));
-    EXPECT_EQ(std::string::npos, ids[1].find("hadrix"));
+    // Each path has its block, under the pseudo device's id.
+    std::vector<std::pair<std::string, std::string>> blocks;  // id, name
+    for (const auto& l : lines(tillo("server -volmap -host prodhost -local").out)) {
+        if (l.find("Device Id:") != std::string::npos) blocks.emplace_back(after_colon(l), "");
+        if (l.find("Device Name:") != std::string::npos) blocks.back().second = after_colon(l);
+    }
+    const HostDev& d = st_.lun(0, 0)->devs[0];
+    ASSERT_EQ(2u, d.paths.size());
+    ASSERT_LE(2u, blocks.size());
+    EXPECT_EQ(std::make_pair(d.pseudo, d.paths[0]), blocks[0]);
+    EXPECT_EQ(std::make_pair(d.pseudo, d.paths[1]), blocks[1]);
+    EXPECT_NE(std::string::npos, d.pseudo.find("hadrix"));
 }
 
 TEST_F(SimOutput, Versions_ToolsAndArraySoftwareMatchTheSurvey) {
@@ -429,7 +462,10 @@ TEST_F(SimOutput, Versions_ToolsAndArraySoftwareMatchTheSurvey) {
     }
     EXPECT_EQ("04.30.000.5.523", installed["Base"]);
     EXPECT_EQ(0u, installed.count("Quillset"));
-    EXPECT_EQ(3u, installed.size());
+    // The host software the array keeps a record of, by the survey's names.
+    EXPECT_EQ("7.33.1.0.12", installed["TILLOCLI"]);
+    EXPECT_EQ("3.2.1", installed["ZOVhadrix"]);
+    EXPECT_EQ(5u, installed.size());
 }
 
 TEST_F(SimOutput, Sessions_StartListActivateDeactivateStop) {
@@ -446,9 +482,20 @@ TEST_F(SimOutput, Sessions_StartListActivateDeactivateStop) {
         if (rx_.m(19, l, &g)) names.push_back(g);
     EXPECT_EQ(std::vector<std::string>{name}, names);
 
+    // The raw device: a folder of ten characters, then the id the volume
+    // map gives the snapshot device, whose last character is its slice.
     r = tool("gelmot", "activate -s " + name);
     ASSERT_TRUE(rx_.m(22, lines(r.out)[0], &g));
-    EXPECT_GE(g.size(), 10u);  // the module cuts ten characters off the front
+    const std::string snapdev = st_.lun(0, 1)->snapdev;
+    EXPECT_EQ(10u, g.find(snapdev)) << g;
+    EXPECT_EQ(snapdev.size() + 11, g.size()) << g;
+    std::vector<std::string> ids, devs;
+    for (const auto& l : lines(tillo("server -volmap -host prodhost -local").out)) {
+        if (l.find("Device Id:") != std::string::npos) ids.push_back(after_colon(l));
+        if (l.find("Device Name:") != std::string::npos) devs.push_back(after_colon(l));
+    }
+    ASSERT_EQ(snapdev, devs.back());
+    EXPECT_EQ(g.substr(10, g.size() - 11), ids.back().substr(0, ids.back().size() - 1));
     EXPECT_FALSE(rx_.m(22, lines(tool("gelmot", "activate -s " + name).out)[0]));
     EXPECT_TRUE(rx_.m(25, lines(tool("gelmot", "deactivate -s " + name).out)[0]));
     EXPECT_FALSE(rx_.m(25, lines(tool("gelmot", "deactivate -s " + name).out)[0]));

@@ -101,7 +101,9 @@ TEST_F(CapSim, VersionSurveyAsksEveryToolAndEveryFrame) {
     name_packages(pkgs);
     EXPECT_EQ(q->getVersions(pkgs, 3), nullptr);
     EXPECT_EQ(pkgs[MERL_PKG_TILLOCLI].m_revision, "7.33.1.0.12");
-    EXPECT_EQ(pkgs[MERL_PKG_HADRIPATH].m_revision, "3.2.1 (build 117)");
+    // The array's record of the host software has the last word.
+    EXPECT_EQ(pkgs[MERL_PKG_HADRIPATH].m_revision,
+              sgsim::field(sim->array, "package", "name", "ZOVhadrix", "rev"));
     EXPECT_EQ(pkgs[MERL_PKG_HADRIPATH].optional, 1);
     // The array's list came last and names the first record's package.
     EXPECT_EQ(pkgs[MERL_PKG_GELMOT].m_revision,
@@ -115,6 +117,9 @@ TEST_F(CapSim, VersionSurveyAsksEveryToolAndEveryFrame) {
 
 TEST_F(CapSim, OldRevisionsAreReportedAsTheToolsGiveThem) {
     sim->admin({"set", "option", "rev_tillo=6.22.0.1.1", "rev_gelmot=V1.0.9", "rev_hadrix=2.0"});
+    // A pending commit keeps the array's record of a package out.
+    sim->admin({"set", "package", "0", "TILLOCLI", "rev=7.40.0.0.0", "commit=1"});
+    sim->admin({"set", "package", "0", "ZOVhadrix", "active=0"});
     Quillset q({kFrame0});
     pkgRevision pkgs[3];
     name_packages(pkgs);
@@ -127,6 +132,7 @@ TEST_F(CapSim, OldRevisionsAreReportedAsTheToolsGiveThem) {
 
 TEST_F(CapSim, MissingHostToolsAreMarkedAndTheSurveyGoesOnOnTheClient) {
     sim->admin({"set", "option", "hadrix_installed=0"});
+    sim->admin({"set", "package", "0", "ZOVhadrix", "active=0"});
     sim->admin({"fault", "add", "gelmot", "missing"});
     sim->array.clear_commands();
     Quillset q({kFrame0});

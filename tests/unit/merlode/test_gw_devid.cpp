@@ -143,11 +143,11 @@ TEST_F(GwDevIdPreloaded, ArrayDevicesGiveLunAndOwningFrame) {
     EXPECT_NE(devs.path.frame_ip, devs.pseudo.frame_ip);
 
     // The serial number comes from the array once the device is known to it.
-    std::string shown;
-    sim->admin({"show"}, &shown);
-    std::string serial = q->getMerlSerialNumber(devs.path.path);
-    ASSERT_FALSE(serial.empty());
-    EXPECT_NE(shown.find(serial), std::string::npos) << serial;
+    // The serial number comes from the array once the device is known to it:
+    // the row under the rule, behind the storage processor's host name.
+    ASSERT_EQ(sim->admin({"set", "frame", "0", "serial=QXR-ZERO"}), 0);
+    ASSERT_EQ(sim->admin({"set", "frame", "1", "serial=QXR-ONE"}), 0);
+    EXPECT_EQ(q->getMerlSerialNumber(devs.path.path), "QXR-ZERO");
 }
 
 TEST_F(GwDevIdPreloaded, ForeignDeviceIsNotTheArrays) {

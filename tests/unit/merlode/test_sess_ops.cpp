@@ -4,6 +4,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <list>
 
 #include <gtest/gtest.h>
 
@@ -88,7 +89,8 @@ TEST_F(SessSim, WholeCycleStartVerifyActivateDeactivateRollbackStop) {
     EXPECT_EQ(q->activatesession(sd), nullptr);
     std::string snapdev = sgsim::field(sim->array, "lun", "num", "0", "snapdev");
     ASSERT_FALSE(snapdev.empty());
-    EXPECT_EQ(sd.dstName, sim->array.dir() + "/dev/" + snapdev);
+    // No map was read: the device stays as the host tool names it.
+    EXPECT_EQ(sd.dstName, "/dev/zsnp/" + snapdev + "0");
     EXPECT_EQ(sgsim::field(sim->array, "session", "name", name, "activated"), "1");
 
     {
@@ -204,34 +206,65 @@ TEST_F(SessSim, ActivateWithoutADeviceIsAnAccessPathError) {
     }
 }
 
-// The tool on a host names the device under a 10-character folder and with
-// a slice letter; the simulator's own device path has neither, so the
-// refusal text stands in for such an answer.
+// The host tool names a snapshot's device under a 10-character folder and
+// with a slice letter; the map names it without either. A map read after
+// the session started turns the tool's name into the map's device name.
+TEST_F(SessSim, ActivateTurnsTheRawDeviceIntoTheMapsDevice) {
+    std::string snapdev = sgsim::field(sim->array, "lun", "num", "0", "snapdev");
+    ASSERT_FALSE(snapdev.empty());
+    for (const char* form : {"raw", "path"}) {
+        sim->admin({"set", "option", std::string("gelmot_form=") + form});
+        Quillset q({kFrame0, kFrame1});
+        snapdevice sd = source(recent_session_name() + form, 0);
+        ASSERT_EQ(q->startsession(sd), nullptr);
+        std::list<snapdevice> sources{sd};
+        q->validateSnapConfig(sources);
+        EXPECT_EQ(q->activatesession(sd), nullptr);
+        if (std::string(form) == "raw") {
+            EXPECT_EQ(sd.dstName, snapdev) << form;
+            EXPECT_EQ(q.log.count("Access path is [" + snapdev + "]", 9), 1);
+        } else {
+            // A device path of the state folder is kept as the tool gave it.
+            EXPECT_EQ(sd.dstName, sim->array.dir() + "/dev/" + snapdev);
+        }
+        delete q->deactivatesession(sd);
+        delete q->stopsession(sd);
+    }
+}
+
+// The rewrite itself, on names the simulator would not print: a name must
+// hold exactly the map's id less its last character between the folder and
+// the slice letter.
 TEST(SessSimMultipath, ActivateMapsTheDeviceThroughTheVolumeMap) {
     SKIP_WITHOUT_SIM();
     Sim sim({"--frames", "1", "--luns", "1", "--clone-groups", "0", "--multipath"});
     ASSERT_TRUE(sim.ok());
+    std::string path;
+    for (auto& r : sgsim::records(sim.array, "dev"))
+        if (r["host"] == "0" && r["pseudo"] == "zovhadrixd") path = r["paths"];
+    path = path.substr(0, path.find(','));
+    ASSERT_FALSE(path.empty());
     Quillset q({kFrame0});
-    ASSERT_EQ(q->initVolMap("zovhadrixd"), nullptr);
+    ASSERT_EQ(q->initVolMap(path), nullptr);
     ASSERT_EQ(q->m_volMapList.size(), 1u);
     ASSERT_EQ(q->m_volMapList[0].pseudoNm, "zovhadrixd");
     struct Case {
-        const char* device;
-        const char* access;
+        std::string device;
+        std::string access;
     } cases[] = {
-        {"/dev/rdsk/zovhadrixs", "zovhadrixd"},              // folder and slice letters dropped
+        {"/dev/rdsk/zovhadrixs", path},                      // folder and slice letters dropped
         {"/dev/rdsk/zovhadrixXs", "/dev/rdsk/zovhadrixXs"},  // one letter too many
         {"/dev/dsk/zovhadrixs", "/dev/dsk/zovhadrixs"},      // a 9-character folder
     };
     for (const Case& c : cases) {
         sim.admin({"fault", "clear"});
         sim.admin({"fault", "add", "gelmot", "refuse", "--arg",
-                   std::string("Activated session s1 on device ") + c.device + "."});
+                   "Activated session s1 on device " + c.device + "."});
         snapdevice sd = source("s1", 0);
         EXPECT_EQ(q->activatesession(sd), nullptr) << c.device;
         EXPECT_EQ(sd.dstName, c.access) << c.device;
     }
-    EXPECT_EQ(q.log.count("Access path is [zovhadrixd]", 9), 1);
+    EXPECT_EQ(q.log.count("Access path is [" + path + "]", 9), 1);
 }
 
 TEST_F(SessSim, ShortDeviceNameIsKeptAndNeverCompared) {

@@ -2,6 +2,8 @@
 // of each frame, the host agent down, a frame down, the mount host's lookup
 // of a clone, and faults of the tool.
 #include <algorithm>
+#include <map>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -189,19 +191,57 @@ TEST_F(VolMapSim, ProxyLookupFindsTheCloneOnceThenNeedsAFreshLook) {
     EXPECT_EQ(none->proxyCloneInitVolMap(atoi(clone_lun.c_str()), 0), "");
 }
 
-TEST(VolMapSimMultipath, ProxyLookupAnswersAPseudoSourceWithThePseudoDevice) {
-    SKIP_WITHOUT_SIM();
-    Sim sim({"--frames", "1", "--luns", "1", "--clone-groups", "0", "--multipath"});
-    ASSERT_TRUE(sim.ok());
-    Quillset pseudo({kFrame0});
-    EXPECT_EQ(pseudo->proxyCloneInitVolMap(0, 1), "zovhadrixd");
-    // A physical source skips the pseudo device; the last path answers.
+// A multipath LUN shows the pseudo device as the id of each of its paths'
+// blocks: the id and the name are read into different fields, and each
+// lookup answers with the one it is meant to.
+struct VolMapSimMultipath : ::testing::Test {
+    std::unique_ptr<Sim> sim;
+    std::vector<std::string> paths;
+    std::string pseudo;
+    void SetUp() override {
+        SKIP_WITHOUT_SIM();
+        sim.reset(new Sim({"--frames", "1", "--luns", "1", "--clone-groups", "0", "--multipath"}));
+        ASSERT_TRUE(sim->ok());
+        for (auto& r : sgsim::records(sim->array, "dev"))
+            if (r["host"] == "0" && !r["pseudo"].empty() && pseudo.empty()) {
+                pseudo = r["pseudo"];
+                std::istringstream in(r["paths"]);
+                for (std::string p; std::getline(in, p, ',');) paths.push_back(p);
+            }
+        ASSERT_EQ(paths.size(), 2u);
+    }
+};
+
+TEST_F(VolMapSimMultipath, SourceIsFoundByItsPathNameUnderThePseudoId) {
+    Quillset q({kFrame0});
+    ASSERT_EQ(q->initVolMap(paths[1]), nullptr);
+    ASSERT_EQ(q->m_volMapList.size(), 1u);
+    EXPECT_EQ(q->m_volMapList[0].pseudoNm, pseudo);
+    EXPECT_EQ(q->m_volMapList[0].deviceName, paths[1]);
+    // The pseudo device is no block's name.
+    Quillset none({kFrame0});
+    EXPECT_NE(code_of(none->initVolMap(pseudo)), 0);
+}
+
+TEST_F(VolMapSimMultipath, ProxyLookupAnswersAPseudoSourceWithAPathAndSkipsItForAPhysicalOne) {
+    Quillset q({kFrame0});
+    EXPECT_EQ(q->proxyCloneInitVolMap(0, 1), paths[0]);
+    // A physical source passes over every block whose id is a pseudo device.
     Quillset physical({kFrame0});
-    std::string got = physical->proxyCloneInitVolMap(0, 0);
-    EXPECT_FALSE(got.empty());
-    EXPECT_EQ(got.find("hadrix"), std::string::npos);
-    ASSERT_FALSE(physical->m_volMapList.empty());
-    EXPECT_EQ(got, physical->m_volMapList.back().pseudoNm);
+    EXPECT_EQ(physical->proxyCloneInitVolMap(0, 0), "");
+    EXPECT_TRUE(physical->m_volMapList.empty());
+}
+
+// The mount table: devices mounted somewhere are read by their mapping, the
+// others stay in the map. An unmapped device has an empty mapping.
+TEST_F(VolMapSim, WholeMapReadsMountedDevicesByMappingAndKeepsTheRest) {
+    std::string dev = device_of("0");
+    ASSERT_EQ(sim->admin({"set", "lun", "0", "0", "mount=/mnt/data"}), 0);
+    Quillset q({kFrame0, kFrame1});
+    delete q->initVolMap(CONFIGWIZARD);
+    EXPECT_EQ(q->m_mountToLun, (std::map<std::string, int>{{"/mnt/data", 0}}));
+    ASSERT_FALSE(q->m_volMapList.empty());
+    for (const Hadrix& h : q->m_volMapList) EXPECT_NE(h.deviceName, dev);
 }
 
 }  // namespace
