@@ -400,7 +400,9 @@ TEST_F(SimOutput, VolumeMap_BlocksCarryEveryAwaitedKeyInOrder) {
     std::vector<std::string> ids, maps;
     for (const auto& l : lines(tillo("server -volmap -host prodhost -local").out)) {
         if (l.find("Device Id:") != std::string::npos) ids.push_back(after_colon(l));
-        if (l.find("Device Name:") != std::string::npos) EXPECT_EQ(ids.back(), after_colon(l));
+        if (l.find("Device Name:") != std::string::npos) {
+            EXPECT_EQ(ids.back(), after_colon(l));
+        }
         if (l.find("Device Mapping:") != std::string::npos) maps.push_back(after_colon(l));
     }
     EXPECT_EQ((std::vector<std::string>{"", "", "/mnt/two", "", "", "", "", ""}), maps);

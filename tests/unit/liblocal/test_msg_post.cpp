@@ -115,6 +115,12 @@ TEST_F(Post, LogLineLayoutAndRenderedFormRoundTrip) {
     // Fields that make no error number are no log line either.
     char huge[] = "3 0 63333333333333333 3 1 1 2 3 h    1 1";
     EXPECT_EQ(render_logline(nullptr, huge), huge);
+    // Lines a fuzzer kept as slow, with a field width of six digits, a
+    // conversion of no known kind and bytes past a NUL: each renders.
+    char wide[] = "50 44 0 6 0 1 2 3 h   1 23 1  e %   -232113E zs%jG 1 32 3 0 \x14 ";
+    EXPECT_NE(render_logline(nullptr, wide), nullptr);
+    char odd[] = "51 23 1 e%     -232112E 3\xc8  u 1 2 3 0 1";
+    EXPECT_NE(render_logline(nullptr, odd), nullptr);
 }
 
 TEST_F(Post, TimeTheSystemCannotShowLeavesTheStampEmpty) {
