@@ -181,6 +181,8 @@ private:
 // The name and WWN a LUN has unless its line says otherwise (version 2).
 std::string default_lun_name(int num);
 std::string default_lun_wwn(int frame, int num);
+// default_lun_wwn appended to `out`, for readers that build a listing.
+void append_default_lun_wwn(std::string& out, int frame, int num);
 
 // A state record that is malformed, found when it is first used.
 struct StateError : std::runtime_error {

@@ -1,0 +1,185 @@
+// The LUN table: records kept as the text they were read as until first used.
+#include <algorithm>
+#include <cstring>
+
+#include "tools/arraysim/state.h"
+#include "tools/arraysim/state_text.h"
+
+namespace arraysim {
+
+using text::Line;
+using text::malformed;
+using text::next_line;
+using text::split_line;
+using text::Token;
+
+LunTable::LunTable(const LunTable& o) {
+    *this = o;
+}
+
+LunTable& LunTable::operator=(const LunTable& o) {
+    if (this == &o) return *this;
+    text_ = o.text_;
+    version_ = o.version_;
+    slots_.clear();
+    slots_.reserve(o.slots_.size());
+    for (const auto& s : o.slots_) {
+        Slot n;
+        n.frame = s.frame;
+        n.num = s.num;
+        n.raw = s.raw;
+        n.len = s.len;
+        n.line = s.line;
+        if (s.lun) n.lun.reset(new Lun(*s.lun));
+        slots_.push_back(std::move(n));
+    }
+    index_.clear();
+    index_ok_ = false;
+    return *this;
+}
+
+void LunTable::push_back(Lun l) {
+    Slot s;
+    s.frame = l.frame;
+    s.num = l.num;
+    s.lun.reset(new Lun(std::move(l)));
+    slots_.push_back(std::move(s));
+    index_ok_ = false;
+}
+
+void LunTable::clear() {
+    slots_.clear();
+    text_.reset();
+    index_.clear();
+    index_ok_ = false;
+}
+
+void LunTable::add_raw(int frame, int num, const char* raw, size_t len, int line) {
+    Slot s;
+    s.frame = frame;
+    s.num = num;
+    s.raw = raw;
+    s.len = len;
+    s.line = line;
+    slots_.push_back(std::move(s));
+    index_ok_ = false;
+}
+
+int LunTable::frame_at(size_t i) const {
+    const Slot& s = slots_[i];
+    return s.lun ? s.lun->frame : s.frame;
+}
+
+int LunTable::num_at(size_t i) const {
+    const Slot& s = slots_[i];
+    return s.lun ? s.lun->num : s.num;
+}
+
+static unsigned long long lun_key(int frame, int num) {
+    return static_cast<unsigned long long>(static_cast<unsigned>(frame)) << 32 |
+           static_cast<unsigned>(num);
+}
+
+long LunTable::find(int frame, int num) const {
+    // Commands look LUNs up by the thousand (a storage group's pairs): a
+    // sorted index keeps that linear.
+    if (!index_ok_) {
+        index_.clear();
+        index_.reserve(slots_.size());
+        bool sorted = true;
+        for (size_t i = 0; i < slots_.size(); ++i) {
+            index_.emplace_back(lun_key(frame_at(i), num_at(i)), i);
+            if (i && index_[i].first < index_[i - 1].first) sorted = false;
+        }
+        if (!sorted) std::stable_sort(index_.begin(), index_.end());
+        index_ok_ = true;
+    }
+    unsigned long long k = lun_key(frame, num);
+    auto it = std::lower_bound(index_.begin(), index_.end(), std::make_pair(k, size_t(0)));
+    if (it != index_.end() && it->first == k && frame_at(it->second) == frame &&
+        num_at(it->second) == num)
+        return static_cast<long>(it->second);
+    // A parsed record may have been renumbered since the index was made.
+    for (size_t i = 0; i < slots_.size(); ++i)
+        if (frame_at(i) == frame && num_at(i) == num) return static_cast<long>(i);
+    return -1;
+}
+
+void LunTable::append_wwn(size_t i, std::string& out) const {
+    const Slot& s = slots_[i];
+    if (s.lun || !s.raw) {
+        out += materialize(i).wwn;
+        return;
+    }
+    // Values escape blanks and '=', so " wwn=" can only start the key; a dev
+    // line under the LUN line has no such key.
+    const char* end = s.raw + s.len;
+    static const char key[] = "wwn=";
+    const size_t kl = sizeof key - 1;
+    for (const char* p = s.raw;;) {
+        p = static_cast<const char*>(memchr(p, ' ', end - p));
+        if (!p) {
+            if (version_ >= 2) append_default_lun_wwn(out, s.frame, s.num);
+            return;
+        }
+        ++p;
+        if (static_cast<size_t>(end - p) < kl || memcmp(p, key, kl) != 0) continue;
+        const char* v = p + kl;
+        const char* ve = v;
+        while (ve < end && *ve != ' ' && *ve != '\r' && *ve != '\n') ++ve;
+        if (!memchr(v, '%', ve - v))
+            out.append(v, ve);
+        else
+            out += unescape_value(v, ve - v);
+        return;
+    }
+}
+
+const char* LunTable::raw_at(size_t i, size_t& len) const {
+    const Slot& s = slots_[i];
+    if (s.lun) return nullptr;
+    len = s.len;
+    return s.raw;
+}
+
+Lun& LunTable::materialize(size_t i) const {
+    const Slot& s = slots_[i];
+    if (s.lun) return *s.lun;
+    std::unique_ptr<Lun> l(new Lun);
+    std::string kind;
+    std::vector<Token> toks;
+    const char* p = s.raw;
+    const char* end = s.raw + s.len;
+    int lineno = s.line - 1;
+    bool first = true;
+    while (p < end) {
+        ++lineno;
+        Line ln = next_line(p, end);
+        p = ln.next;
+        if (ln.q == ln.te) continue;
+        bool ok = split_line(ln.q, ln.te, kind, toks);
+        if (ok && first) {
+            ok = kind == "lun" && text::parse_lun(toks, *l, version_);
+            first = false;
+        } else if (ok) {
+            HostDev d;
+            ok = kind == "dev" && text::parse_dev(toks, d);
+            if (ok) l->devs.push_back(std::move(d));
+        }
+        if (!ok) throw StateError(malformed(lineno, ln.q, ln.te));
+    }
+    s.lun = std::move(l);
+    return *s.lun;
+}
+
+bool LunTable::materialize_all(std::string& err) const {
+    try {
+        for (size_t i = 0; i < slots_.size(); ++i) materialize(i);
+    } catch (const StateError& e) {
+        err = e.what();
+        return false;
+    }
+    return true;
+}
+
+}  // namespace arraysim
