@@ -48,17 +48,8 @@ bool to_bool(const Token& t, bool& out) {
     return false;
 }
 
-std::vector<std::string> to_list(const Token& t) {
-    std::vector<std::string> out;
-    size_t start = 0;
-    for (size_t i = 0; i <= t.vlen; ++i) {
-        if (i == t.vlen || t.val[i] == ',') {
-            if (i > start) out.push_back(unescape_value(t.val + start, i - start));
-            start = i + 1;
-        }
-    }
-    return out;
-}
+// Defined with the other list readers below.
+std::vector<std::string> to_list(const Token& t);
 
 bool parse_int(const char* p, size_t n, int& out) {
     // Most numbers are short and unsigned (LUN numbers, HLU/ALU pairs).
@@ -81,43 +72,52 @@ bool parse_int(const char* p, size_t n, int& out) {
     return true;
 }
 
-// Lists of numbers are long (a storage group of thousands of LUNs): read them
-// in place, without a string per item. Empty items are skipped.
-bool to_int_list(const Token& t, std::vector<int>& out) {
-    out.clear();
+// Calls `item` with each non-empty comma-separated item of the value, in
+// place: lists are long (a storage group of thousands of LUNs) and want no
+// string per item. False as soon as `item` refuses one.
+template <class F>
+bool each_item(const Token& t, F item) {
     const char* p = t.val;
     const char* end = t.val + t.vlen;
     while (p < end) {
         const char* c = static_cast<const char*>(memchr(p, ',', end - p));
         const char* ie = c ? c : end;
-        if (ie > p) {
-            int v;
-            if (!parse_int(p, ie - p, v)) return false;
-            out.push_back(v);
-        }
+        if (ie > p && !item(p, ie)) return false;
         p = ie + 1;
     }
     return true;
 }
 
+std::vector<std::string> to_list(const Token& t) {
+    std::vector<std::string> out;
+    each_item(t, [&](const char* p, const char* ie) {
+        out.push_back(unescape_value(p, ie - p));
+        return true;
+    });
+    return out;
+}
+
+bool to_int_list(const Token& t, std::vector<int>& out) {
+    out.clear();
+    return each_item(t, [&](const char* p, const char* ie) {
+        int v;
+        if (!parse_int(p, ie - p, v)) return false;
+        out.push_back(v);
+        return true;
+    });
+}
+
 bool parse_pairs(const Token& t, std::vector<Pair>& out) {
     out.clear();
-    const char* p = t.val;
-    const char* end = t.val + t.vlen;
-    while (p < end) {
-        const char* c = static_cast<const char*>(memchr(p, ',', end - p));
-        const char* ie = c ? c : end;
-        if (ie > p) {
-            const char* colon = static_cast<const char*>(memchr(p, ':', ie - p));
-            Pair pr;
-            if (!colon || !parse_int(p, colon - p, pr.hlu) ||
-                !parse_int(colon + 1, ie - colon - 1, pr.alu))
-                return false;
-            out.push_back(pr);
-        }
-        p = ie + 1;
-    }
-    return true;
+    return each_item(t, [&](const char* p, const char* ie) {
+        const char* colon = static_cast<const char*>(memchr(p, ':', ie - p));
+        Pair pr;
+        if (!colon || !parse_int(p, colon - p, pr.hlu) ||
+            !parse_int(colon + 1, ie - colon - 1, pr.alu))
+            return false;
+        out.push_back(pr);
+        return true;
+    });
 }
 
 // Splits one line into its kind and key=value tokens. Returns false on a
