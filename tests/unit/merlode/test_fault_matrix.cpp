@@ -252,6 +252,7 @@ private:
         delete s;
     }
     int init_production() {
+        finish(m_prod);  // a retry makes a fresh object
         m_prod = object();
         if (m_prod == nullptr) return -1;
         SCInitStruct is;
@@ -269,7 +270,9 @@ private:
     }
     // A mirror's synchronisation moves on with each query of its task.
     int wait(ISnapshot* s, SSTaskId task) {
-        for (int i = 0; i < 40; i++) {
+        // A healthy synchronisation of this array ends within a few queries;
+        // one the array never finishes is given up after as many.
+        for (int i = 0; i < 8; i++) {
             SSTaskStatus st = SS_TASK_ERROR;
             SSError* taskErr = nullptr;
             if (int code = take(s->getTaskStatus(task, st, taskErr))) return code;
@@ -298,6 +301,7 @@ private:
     int from_handle() {
         finish(m_prod);
         m_prod = nullptr;
+        finish(m_mh);
         m_mh = object();
         if (m_mh == nullptr) return -1;
         SCSnapshotHandle h;
