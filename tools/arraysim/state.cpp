@@ -43,6 +43,11 @@ const Lun* State::lun(int frame, int num) const {
     return i < 0 ? nullptr : &luns[static_cast<size_t>(i)];
 }
 
+const Lun* State::peek_lun(int frame, int num) const {
+    long i = luns.find(frame, num);
+    return i < 0 ? nullptr : &luns.peek(static_cast<size_t>(i));
+}
+
 Lun* State::lun_any_frame(int num) {
     for (size_t i = 0; i < luns.size(); ++i)
         if (luns.num_at(i) == num) return &luns[i];

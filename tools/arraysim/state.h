@@ -155,6 +155,10 @@ public:
     const char* raw_at(size_t i, size_t& len) const;
     // Parses every record; false and `err` on the first malformed one.
     bool materialize_all(std::string& err) const;
+    // Record `i` for reading once, without keeping it: a listing that reads
+    // every LUN parses each into one reused record instead of thousands of
+    // new ones. Valid until the next peek; throws StateError as [] does.
+    const Lun& peek(size_t i) const;
     // The format version the records were read in (what a missing key means).
     int version() const { return version_; }
     void set_version(int v) { version_ = v; }
@@ -169,6 +173,7 @@ private:
         mutable std::unique_ptr<Lun> lun;
     };
     Lun& materialize(size_t i) const;
+    void parse_slot(const Slot& s, Lun& l) const;
 
     std::vector<Slot> slots_;
     std::shared_ptr<const void> text_;
@@ -291,6 +296,8 @@ struct State {
     int local_host() const;
     Lun* lun(int frame, int num);
     const Lun* lun(int frame, int num) const;
+    // The same for reading once (see LunTable::peek).
+    const Lun* peek_lun(int frame, int num) const;
     Lun* lun_any_frame(int num);
     int group_by_name(int frame, const std::string& name) const;
     CloneGroup* clonegroup(int frame, const std::string& uid_or_name);

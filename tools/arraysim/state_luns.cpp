@@ -142,12 +142,10 @@ const char* LunTable::raw_at(size_t i, size_t& len) const {
     return s.raw;
 }
 
-Lun& LunTable::materialize(size_t i) const {
-    const Slot& s = slots_[i];
-    if (s.lun) return *s.lun;
-    std::unique_ptr<Lun> l(new Lun);
+void LunTable::parse_slot(const Slot& s, Lun& l) const {
     std::string kind;
-    std::vector<Token> toks;
+    // Kept between records: a listing reads thousands of them.
+    static thread_local std::vector<Token> toks;
     const char* p = s.raw;
     const char* end = s.raw + s.len;
     int lineno = s.line - 1;
@@ -159,17 +157,44 @@ Lun& LunTable::materialize(size_t i) const {
         if (ln.q == ln.te) continue;
         bool ok = split_line(ln.q, ln.te, kind, toks);
         if (ok && first) {
-            ok = kind == "lun" && text::parse_lun(toks, *l, version_);
+            ok = kind == "lun" && text::parse_lun(toks, l, version_);
             first = false;
         } else if (ok) {
-            HostDev d;
-            ok = kind == "dev" && text::parse_dev(toks, d);
-            if (ok) l->devs.push_back(std::move(d));
+            l.devs.emplace_back();
+            ok = kind == "dev" && text::parse_dev(toks, l.devs.back());
         }
         if (!ok) throw StateError(malformed(lineno, ln.q, ln.te));
     }
+}
+
+Lun& LunTable::materialize(size_t i) const {
+    const Slot& s = slots_[i];
+    if (s.lun) return *s.lun;
+    std::unique_ptr<Lun> l(new Lun);
+    parse_slot(s, *l);
     s.lun = std::move(l);
     return *s.lun;
+}
+
+const Lun& LunTable::peek(size_t i) const {
+    const Slot& s = slots_[i];
+    if (s.lun || !s.raw) return materialize(i);
+    // Every field of a Lun reset in place: the strings keep their room from
+    // one record to the next.
+    static thread_local Lun l;
+    l.name.clear();
+    l.wwn.clear();
+    l.blocks = 0;
+    l.trespassed = false;
+    l.mount.clear();
+    l.snapname.clear();
+    l.snapdev.clear();
+    l.smp = -1;
+    l.smpdev.clear();
+    l.cg.clear();
+    l.devs.clear();
+    parse_slot(s, l);
+    return l;
 }
 
 bool LunTable::materialize_all(std::string& err) const {

@@ -83,7 +83,7 @@ void print_volmap(const State& st, const std::string&, int frame, int host, std:
         if (g.frame != frame || g.host != host) continue;
         o.reserve(o.size() + g.pairs.size() * 330);
         for (const auto& p : g.pairs) {
-            const Lun* l = st.lun(frame, p.alu);
+            const Lun* l = st.peek_lun(frame, p.alu);
             if (!l) continue;
             for (const auto& d : l->devs) {
                 if (d.host != host) continue;
