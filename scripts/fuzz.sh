@@ -38,7 +38,7 @@ for exe in "$dir"/tests/fuzz/fuzz_*; do
   # The attribute lexer is built to report pointers compared across buffers.
   [ "$name" = attr_text ] && pairs=2
   start=$(date +%s)
-  if ASAN_OPTIONS="detect_invalid_pointer_pairs=$pairs:$ASAN_OPTIONS" "$exe" "${limit[@]}" -max_len=8192 -timeout=10 -rss_limit_mb=2048 \
+  if ASAN_OPTIONS="detect_invalid_pointer_pairs=$pairs:$ASAN_OPTIONS" "$exe" "${limit[@]}" -max_len=8192 -timeout=60 -rss_limit_mb=2048 \
       -artifact_prefix="$dir/findings/$name-" -print_final_stats=1 "$corpus" \
       >"$dir/$name.log" 2>&1; then
     runs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$dir/$name.log" | grep -o '[0-9]*$' || echo "?")

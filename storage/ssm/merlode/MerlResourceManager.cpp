@@ -142,13 +142,22 @@ SSError* MerlResourceManager::parseMerlResourceDev(char* buf, MerlResourceDev& d
     return nullptr;
 }
 
+// A number of a pool file's time value. Far beyond any day it is held at a
+// bound (a million hours), where it still matches no time of day, so that
+// the window arithmetic below can never overflow.
+static long clock_field(const char* text) {
+    const long bound = 1L << 20;
+    long v = strtol(text, nullptr, 10);
+    return v > bound ? bound : v < -bound ? -bound : v;
+}
+
 // hours * 60 + the hours again: the minutes of a time value play no part in
 // the window's length.
 static long gap_units(const char* value) {
-    long v = strtol(value, nullptr, 10) * 60;
+    long v = clock_field(value) * 60;
     std::string hours = value;
     hours = hours.substr(0, hours.find(':'));
-    return v + strtol(hours.c_str(), nullptr, 10);
+    return v + clock_field(hours.c_str());
 }
 
 void MerlResourceManager::setTag(char** tokens, int count) {
@@ -325,8 +334,8 @@ SSError* MerlResourceManager::matchTag(SnapResource*& snapRes, int& match) {
         m_e.logprintf(7, kFile, __LINE__, "timeTag = %s gap = %d", tag.value.c_str(), tag.gap);
         std::string rest = tag.value;
         std::string first = merl_space::nextToken(rest, ":");
-        long tagMin = strtol(first.c_str(), nullptr, 10) * 60;
-        if (!rest.empty()) tagMin += strtol(merl_space::nextToken(rest, ":").c_str(), nullptr, 10);
+        long tagMin = clock_field(first.c_str()) * 60;
+        if (!rest.empty()) tagMin += clock_field(merl_space::nextToken(rest, ":").c_str());
         m_e.logprintf(7, kFile, __LINE__, "tagMin = %d todMin= %d", static_cast<int>(tagMin),
                       static_cast<int>(todMin));
         match = todMin >= tagMin && todMin < tagMin + tag.gap ? 1 : 0;

@@ -131,6 +131,12 @@ TEST(PoolFile, TimeGapCountsHoursOnlyAndIsAbsolute) {
     Pool one("Time 09:00\nQXR1:0 8\n");
     EXPECT_EQ(one.build(), nullptr);
     EXPECT_EQ(one.mgr->m_ResourceList[0]->targetList[0]->tag.gap, 0);
+    // Hours far past any day (a fuzzer's) make a window that matches nothing,
+    // with no arithmetic overflowing on the way.
+    Pool huge("Time 9223372036854775807:00 -9223372036854775807:00\nQXR1:0 8\n");
+    EXPECT_EQ(huge.build(), nullptr);
+    ASSERT_EQ(huge.mgr->m_ResourceList.size(), 1u);
+    EXPECT_GT(huge.mgr->m_ResourceList[0]->targetList[0]->tag.gap, 0);
 }
 
 TEST(PoolFile, MissingFileIsAnErrorOnlyWhenNamed) {
