@@ -111,8 +111,9 @@ struct Array {
     }
 };
 
-// The production life up to the handle, as a loader drives it.
-bool take_snapshot(const char* tech, const std::vector<std::string>& devices) {
+// The production life up to the handle, as a loader drives it; `polls`
+// counts the status queries made while a clone synchronised.
+bool take_snapshot(const char* tech, const std::vector<std::string>& devices, long& polls) {
     Module& m = module();
     ldr::StorageSubsystem* ss = nullptr;
     ldr::SSDirectoryService* ds = nullptr;
@@ -137,6 +138,7 @@ bool take_snapshot(const char* tech, const std::vector<std::string>& devices) {
         for (int i = 0; ok && i < 100 && s->getSnapshotState() == ldr::PREPARE_IN_PROGRESS; i++) {
             int status = 0;
             ldr::SSError* taskErr = nullptr;
+            polls++;
             ok = !failed(s->getTaskStatus(task, status, taskErr));
             failed(taskErr);
             if (status != 1) ok = ok && status == 2;
@@ -159,6 +161,9 @@ bool take_snapshot(const char* tech, const std::vector<std::string>& devices) {
     return ok;
 }
 
+// Clones in one consistent split when the attributes name no other number.
+const long kClonesPerSplit = 8;
+
 // The array commands each technology needs for `n` sources of the first
 // frame, counted from the walks the module must make: the tool versions (one
 // "-help" each, "ndu -list" per frame), then per technology:
@@ -166,14 +171,22 @@ bool take_snapshot(const char* tech, const std::vector<std::string>& devices) {
 //        the LUN, and the start of its session;
 //   mirror: the clone groups' sources on each frame; per source the array's
 //        name, clone groups and storage groups on each frame, and the
-//        clone's rate, read and reserved; then one consistent split;
+//        clone's rate, read and reserved; one re-synchronisation per clone
+//        chosen while fractured (`fractured`); each of the `polls` status
+//        queries the loader made asks each clone on each frame, stopping at
+//        the first still synchronising, so at most every clone; then the
+//        split: a lone clone fractured alone, more in consistent splits of
+//        up to eight clones each;
 //   advanced: per source the LUN's mount point and group once to enrol it
 //        and once per frame to prepare it, a flush and the snapshot.
-long required_commands(int tech, long n) {
+long required_commands(int tech, long n, long fractured, long polls) {
     const long f = kFrameCount, versions = 3 + f;
     switch (tech) {
     case 0: return versions + 2 * n;
-    case 1: return versions + f + n * (3 * f + 2) + 1;
+    case 1: {
+        long splits = n <= 1 ? n : (n + kClonesPerSplit - 1) / kClonesPerSplit;
+        return versions + f + n * (3 * f + 2) + fractured + polls * n * f + splits;
+    }
     default: return versions + n * (1 + f + 2);
     }
 }
@@ -194,7 +207,7 @@ void BM_Snapshot(benchmark::State& state) {
         return;
     }
     double wall = 0, self = 0, children = 0;
-    long commands = 0;
+    long commands = 0, required = 0;
     for (auto _ : state) {
         state.PauseTiming();
         Array array(n);
@@ -205,12 +218,15 @@ void BM_Snapshot(benchmark::State& state) {
         double w0 = wall_s(), s0 = bench_goals::cpu_seconds(RUSAGE_SELF),
                c0 = bench_goals::cpu_seconds(RUSAGE_CHILDREN);
         state.ResumeTiming();
-        bool ok = take_snapshot(kTechs[tech], array.sources);
+        long polls = 0;
+        bool ok = take_snapshot(kTechs[tech], array.sources, polls);
         state.PauseTiming();
         wall += wall_s() - w0;
         self += bench_goals::cpu_seconds(RUSAGE_SELF) - s0;
         children += bench_goals::cpu_seconds(RUSAGE_CHILDREN) - c0;
         commands += array.commands();
+        // The array is made with every clone in sync: none is chosen fractured.
+        required += required_commands(tech, n, 0, polls);
         if (!ok) {
             state.SkipWithError("snapshot failed");
             break;
@@ -219,7 +235,7 @@ void BM_Snapshot(benchmark::State& state) {
     }
     double it = static_cast<double>(state.iterations());
     state.counters["commands"] = commands / it;
-    state.counters["required"] = static_cast<double>(required_commands(tech, n));
+    state.counters["required"] = required / it;
     state.counters["self_ms"] = self * 1e3 / it;
     state.counters["children_ms"] = children * 1e3 / it;
     state.counters["self_pct"] = wall > 0 ? 100 * self / wall : 0;

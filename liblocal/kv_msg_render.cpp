@@ -281,7 +281,9 @@ void emit_string(Sink& sink, const char* s, int width, int prec, bool left) {
         bytes = static_cast<size_t>(p - s);
     } else {
         bytes = strlen(s);
-        cols = utf8_ttystrlen(s);
+        // Columns matter only to padding; a log line of long listing text
+        // would pay a decode of every character for nothing.
+        if (width > 0) cols = utf8_ttystrlen(s);
     }
     size_t pad =
         width > 0 && static_cast<size_t>(width) > cols ? static_cast<size_t>(width) - cols : 0;

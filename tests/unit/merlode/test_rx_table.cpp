@@ -91,6 +91,100 @@ TEST(RxTable, QuickTestNeverTurnsAwayALineTheExpressionTakes) {
     expect_no_false_refusal("C.UTF-8");
 }
 
+// Lines at the edges of the hand-written matchers: each keyword with every
+// kind of gap, value and line end, and table rows of every spacing.
+std::vector<std::string> edge_lines() {
+    const char* const words[] = {"Storage Group Name:",
+                                 "Name of the session:",
+                                 "Name:",
+                                 "CloneID:",
+                                 "CloneGroupUid:",
+                                 "CloneState:",
+                                 "Sources:",
+                                 "Clones:",
+                                 "CloneCondition:",
+                                 "IsFractured:",
+                                 "CloneLUNs:",
+                                 "LOGICAL UNIT NUMBER",
+                                 "UID:",
+                                 "SyncRate:",
+                                 "CloneLUNWWNs:",
+                                 "Storage Group UID:"};
+    const char* const leads[] = {"", "x ", "Name: "};
+    const char* const gaps[] = {"", " ", "    ", "\t", "\v\f", "\r", "\n"};
+    const char* const values[] = {"",
+                                  "7",
+                                  "12ab",
+                                  "a b",
+                                  "60:06:01:60",
+                                  "_w",
+                                  "-",
+                                  "a ",
+                                  "7 8",
+                                  "x\ty",
+                                  "\xc3\xa9",
+                                  "a\xc2\xa0"
+                                  "b"};
+    const char* const ends[] = {"", "\n", " \n", "\r\n", "\nX\n", "\n\n"};
+    std::vector<std::string> lines;
+    for (const char* w : words)
+        for (const char* l : leads)
+            for (const char* g : gaps)
+                for (const char* v : values)
+                    for (const char* e : ends) lines.push_back(std::string(l) + w + g + v + e);
+    const char* const cells[] = {"", "7", "a_b", "c-d", "\xc3\xa9"};
+    const char* const blanks[] = {"", " ", "    ", "\n", " \v "};
+    for (const char* lead : blanks)
+        for (const char* a : cells)
+            for (const char* gap : blanks)
+                for (const char* b : cells)
+                    for (const char* e : ends) lines.push_back(std::string(lead) + a + gap + b + e);
+    lines.push_back(std::string("CloneID: a\0b\n", 13));
+    lines.push_back(std::string("    7\0 19\n", 10));
+    return lines;
+}
+
+// Whatever answers for a row, the object reports what the row's expression
+// reports: the same verdict and the same captures.
+void expect_same_as_expression(const char* locale) {
+    ASSERT_NE(setlocale(LC_ALL, locale), nullptr) << locale;
+    std::vector<std::string> lines = corpus();
+    std::vector<std::string> edges = edge_lines();
+    lines.insert(lines.end(), edges.begin(), edges.end());
+    Quillset q;
+    for (int row = 0; row < ZOV_QUILLSET_NUM_REGEX; row++) {
+        regex_t re;
+        ASSERT_EQ(regcomp(&re, zov_quillset_pattern(row), REG_EXTENDED), 0);
+        for (const std::string& line : lines) {
+            regmatch_t want[4], got[4];
+            int rc = regexec(&re, line.c_str(), 4, want, 0);
+            ASSERT_EQ(q->rxmatch(row, line, 4, got), rc)
+                << "row " << row << " [" << line << "] under " << locale;
+            for (int g = 0; rc == 0 && g < 4; g++) {
+                EXPECT_EQ(got[g].rm_so, want[g].rm_so)
+                    << "row " << row << " group " << g << " [" << line << "] under " << locale;
+                EXPECT_EQ(got[g].rm_eo, want[g].rm_eo)
+                    << "row " << row << " group " << g << " [" << line << "] under " << locale;
+            }
+            // Fewer slots than groups, as most parsers ask.
+            regmatch_t want1[1], got1[1];
+            int rc1 = regexec(&re, line.c_str(), 1, want1, 0);
+            ASSERT_EQ(q->rxmatch(row, line, 1, got1), rc1);
+            if (rc1 == 0) {
+                EXPECT_EQ(got1[0].rm_eo, want1[0].rm_eo) << "row " << row;
+            }
+            EXPECT_EQ(q->rxmatch(row, line, 0, nullptr), rc1);
+        }
+        regfree(&re);
+    }
+    setlocale(LC_ALL, "C");
+}
+
+TEST(RxTable, ObjectAnswersAsTheExpressionOnEveryLineAndEdge) {
+    expect_same_as_expression("C");
+    expect_same_as_expression("C.UTF-8");
+}
+
 TEST(RxTable, QuickTestTurnsAwayLinesWithoutTheRowsWord) {
     EXPECT_FALSE(zov_quillset_may_match(RX_SESSION_NAME, "Session creation time:  Tue\n"));
     EXPECT_FALSE(zov_quillset_may_match(RX_HOSTNAME_HEADER, " Hostname\n"));

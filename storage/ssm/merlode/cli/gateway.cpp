@@ -32,6 +32,7 @@
 #include "liblocal/kv_spawn.h"
 #include "liblocal/kv_thread.h"
 #include "storage/ssm/merlode/cli/gw_internal.h"
+#include "storage/ssm/merlode/cli/rx_plain.h"
 
 static const char* const kFile = "storage/ssm/merlode/cli/gateway";
 
@@ -184,8 +185,9 @@ const RowKey kKeys[RX_COUNT] = {
 
 struct RxTable {
     regex_t rows[RX_COUNT];
-    int compiled = 0;  // rows compiled, from the first
-    int rc = 0;        // regcomp's code for the row that failed
+    int compiled = 0;    // rows compiled, from the first
+    int rc = 0;          // regcomp's code for the row that failed
+    bool plain = false;  // the hand-written matchers hold under its locale
     char reg_err[1024] = {0};
     std::string ctype, collate;
 };
@@ -225,6 +227,7 @@ static const RxTable& rx_table() {
     RxTable* t = new RxTable();
     t->ctype = ctype;
     t->collate = collate;
+    t->plain = rx_plain_locale_ok();
     for (int i = 0; i < RX_COUNT; i++) {
         t->rc = regcomp(&t->rows[i], kPatterns[i], REG_EXTENDED);
         if (t->rc != 0) {
@@ -281,7 +284,8 @@ zov_quillset::zov_quillset(SSLOG_FUNC_POINTER fpLog, void* logCtx)
       m_fpLog(fpLog),
       m_logCtx(logCtx),
       m_attrlist(nullptr),
-      m_cpCompiled(0) {}
+      m_cpCompiled(0),
+      m_rxPlain(false) {}
 
 zov_quillset::~zov_quillset() {
     // Children of the pipe form whose output the caller has read by now.
@@ -301,6 +305,7 @@ SSError* zov_quillset::init(std::vector<std::string>& ipaddrs, attrlist* attrs) 
     const RxTable& table = rx_table();
     m_cp = table.rows;
     m_cpCompiled = table.compiled;
+    m_rxPlain = table.plain;
     if (table.compiled < ZOV_QUILLSET_NUM_REGEX) {
         m_e.logprintf(1, kFile, __LINE__, "%s", table.reg_err);
         return m_e.generr(kFile, __LINE__, nullptr, SS_EC_INTERNAL_ERROR,
@@ -512,6 +517,10 @@ void zov_quillset::reapPipeChildren() {
 int zov_quillset::rxmatch(int index, const std::string& text, size_t nmatch, regmatch_t* pmatch) {
     if (index < 0 || index >= m_cpCompiled) return REG_NOMATCH;
     if (!zov_quillset_may_match(index, text)) return REG_NOMATCH;
+    if (m_rxPlain) {
+        int rc = rx_plain_match(index, text, nmatch, pmatch);
+        if (rc != RX_PLAIN_UNSURE) return rc;
+    }
     return regexec(&m_cp[index], text.c_str(), nmatch, pmatch, 0);
 }
 

@@ -51,6 +51,19 @@ inline int to_int(const std::string& s) {
 // sscanf "%i" of a capture into `out`, which keeps its value when the text
 // holds no number (the parsers rely on that).
 inline bool scan_i(const std::string& text, int& out) {
+    // Up to nine decimal digits without a leading 0 (which "%i" reads as
+    // octal) are what the array prints; they fit an int, and sscanf would
+    // read them alike at many times the cost.
+    const size_t n = text.size();
+    if (n >= 1 && n <= 9 && (text[0] != '0' || n == 1)) {
+        int d = 0;
+        size_t i = 0;
+        for (; i < n && text[i] >= '0' && text[i] <= '9'; i++) d = d * 10 + (text[i] - '0');
+        if (i == n) {
+            out = d;
+            return true;
+        }
+    }
     int v = 0;
     if (sscanf(text.c_str(), "%i", &v) != 1) return false;
     out = v;

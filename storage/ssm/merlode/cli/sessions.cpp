@@ -147,6 +147,10 @@ SSError* zov_quillset::processSessionNames(FILE* stream, const std::string& ipad
 
     // Age survey over every name seen so far, of this frame or earlier ones.
     const kv_time64_t limit = kv_time(nullptr) - kOldSessionSecs;
+    // The sessions of one snapshot share their stamp, and mktime asks the
+    // time zone afresh on every call: one answer per stamp in a row.
+    int lastStamp[5] = {-1, -1, -1, -1, -1};
+    kv_time64_t lastMade = (kv_time64_t)-1;
     for (const std::string& name : m_sessionList) {
         if (name.size() != kSessionNameLen) {
             m_e.logprintf(7, kFile, __LINE__, "%s: found non-conforming session name: [%s] (%d)",
@@ -160,16 +164,21 @@ SSError* zov_quillset::processSessionNames(FILE* stream, const std::string& ipad
                           name.c_str());
             continue;
         }
-        struct tm t;
-        memset(&t, 0, sizeof(t));
-        t.tm_sec = 0;
-        t.tm_min = min;
-        t.tm_hour = hour;
-        t.tm_mday = day;
-        t.tm_mon = mon;  // written counted from 0, so taken as it stands
-        t.tm_year = year - 1900;
-        t.tm_isdst = 0;
-        kv_time64_t made = kv_mktime(&t);
+        const int stamp[5] = {year, mon, day, hour, min};
+        if (memcmp(stamp, lastStamp, sizeof(stamp)) != 0) {
+            struct tm t;
+            memset(&t, 0, sizeof(t));
+            t.tm_sec = 0;
+            t.tm_min = min;
+            t.tm_hour = hour;
+            t.tm_mday = day;
+            t.tm_mon = mon;  // written counted from 0, so taken as it stands
+            t.tm_year = year - 1900;
+            t.tm_isdst = 0;
+            lastMade = kv_mktime(&t);
+            memcpy(lastStamp, stamp, sizeof(stamp));
+        }
+        const kv_time64_t made = lastMade;
         if (made != (kv_time64_t)-1 && kv_time_cmp(made, limit) < 0)
             m_e.logprintf(0, kFile, __LINE__,
                           "%s: INFO - Found session (%s) on frame (%s) that appears to be very old",

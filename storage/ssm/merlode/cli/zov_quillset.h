@@ -474,6 +474,8 @@ public:
 
     // How many rows of m_cp hold a compiled expression (released at the end).
     int m_cpCompiled;
+    // The table's locale lets the hand-written matchers answer for it.
+    bool m_rxPlain;
     // Children of the pipe form of perIpAddr, reaped at its next call and at
     // the end of the object, so that none is left behind as a zombie.
     std::vector<int> m_pipeChildren;
