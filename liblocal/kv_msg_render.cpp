@@ -443,11 +443,14 @@ void emit_all(Sink& sink, const char* form, ValueSource& src) {
                 emit_int(sink, nfmt, sp.lenmod, sp.conv, v.i);
             break;
         case Val::DBL:
-            build_nfmt(nfmt, sizeof(nfmt), sp, width, prec, left, "", sp.conv);
+            // The letter must read a double, whatever a message's text said.
+            build_nfmt(nfmt, sizeof(nfmt), sp, width, prec, left, "",
+                       is_float_conv(sp.conv) ? sp.conv : 'g');
             emit_native(sink, nfmt, v.d);
             break;
         case Val::LDBL:
-            build_nfmt(nfmt, sizeof(nfmt), sp, width, prec, left, "L", sp.conv);
+            build_nfmt(nfmt, sizeof(nfmt), sp, width, prec, left, "L",
+                       is_float_conv(sp.conv) ? sp.conv : 'g');
             emit_native(sink, nfmt, v.ld);
             break;
         case Val::STR: emit_string(sink, v.s, width, prec, left); break;
@@ -587,7 +590,10 @@ public:
         Val v;
         const char* t = text(pos);
         char c = sp.conv;
-        if (sp.lenmod == LM_BIGL) {  // a long double has no text form here
+        // A long double has no text form here. Only a floating conversion
+        // takes one: "%Ls" of a stored message is a string, not a number
+        // printed through "%s".
+        if (sp.lenmod == LM_BIGL && is_float_conv(c)) {
             v.kind = Val::DBL;
             v.d = 0;
             return v;
