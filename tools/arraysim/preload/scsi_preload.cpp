@@ -8,6 +8,7 @@
 #include <scsi/sg.h>
 #include <stdarg.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -46,16 +47,47 @@ bool sim_device(const char* path, std::string& name) {
     return !name.empty() && name.find('/') == std::string::npos;
 }
 
+// The state as last read, and which file that was. A loader opens each
+// source several times per snapshot, and reading thousands of LUNs again for
+// every open cost more than the loader's own work. The tools replace the file
+// by renaming, so a changed file has a new inode (or time, or size).
+struct CachedState {
+    bool ok = false;
+    dev_t dev = 0;
+    ino_t ino = 0;
+    struct timespec mtim = {0, 0};
+    off_t size = 0;
+    State st;
+};
+CachedState* g_state = nullptr;  // never freed: used until exit
+
+bool identity_of(const std::string& name, DevIdentity& id) {
+    const char* dir = getenv(kStateEnv);
+    struct stat sb;
+    if (!dir || stat(state_file(dir).c_str(), &sb) != 0) return false;
+    std::lock_guard<std::mutex> l(g_mtx);
+    if (!g_state) g_state = new CachedState;
+    CachedState& c = *g_state;
+    if (!c.ok || c.dev != sb.st_dev || c.ino != sb.st_ino || c.size != sb.st_size ||
+        c.mtim.tv_sec != sb.st_mtim.tv_sec || c.mtim.tv_nsec != sb.st_mtim.tv_nsec) {
+        std::string err;
+        c.ok = load_state(dir, c.st, err);
+        c.dev = sb.st_dev;
+        c.ino = sb.st_ino;
+        c.mtim = sb.st_mtim;
+        c.size = sb.st_size;
+    }
+    return c.ok && device_identity(c.st, name, id);
+}
+
 // After a successful real open: remember the device, or refuse a file whose
 // device the array no longer has.
 int adopt(int fd, const char* path) {
     std::string name;
     if (fd < 0 || !sim_device(path, name)) return fd;
     if (tape::preload_adopt(fd, name)) return fd;
-    State st;
-    std::string err;
     DevIdentity id;
-    if (!load_state(getenv(kStateEnv), st, err) || !device_identity(st, name, id)) {
+    if (!identity_of(name, id)) {
         real<int (*)(int)>("close")(fd);
         errno = ENXIO;
         return -1;
