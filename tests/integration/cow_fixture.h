@@ -6,9 +6,7 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -16,8 +14,8 @@
 #include <vector>
 
 #include "tests/integration/loader_decls.h"
-
-extern char** environ;
+#include "tests/support/child.h"
+#include "tests/support/temp_dir.h"
 
 namespace cowtest {
 
@@ -41,30 +39,9 @@ inline Entry& module() {
 }
 
 inline int run(const std::vector<std::string>& args, std::string* out = nullptr) {
-    std::vector<char*> argv;
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    int fds[2];
-    if (pipe(fds) != 0) return -1;
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_adddup2(&fa, fds[1], 1);
-    posix_spawn_file_actions_adddup2(&fa, fds[1], 2);
-    posix_spawn_file_actions_addclose(&fa, fds[0]);
-    pid_t pid = -1;
-    int rc = posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&fa);
-    close(fds[1]);
-    std::string text;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof buf)) > 0) text.append(buf, static_cast<size_t>(n));
-    close(fds[0]);
-    if (rc != 0) return -1;
-    int status = 0;
-    waitpid(pid, &status, 0);
-    if (out != nullptr) *out = text;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    zovtest::ChildResult r = zovtest::run_child(args);
+    if (out != nullptr) *out = r.out;
+    return r.status;
 }
 
 // A fresh simulated array, by default 2 frames with 4 COW-configured disks
@@ -72,9 +49,8 @@ inline int run(const std::vector<std::string>& args, std::string* out = nullptr)
 class Array {
 public:
     explicit Array(std::vector<std::string> init = {"--frames", "2", "--luns", "4"}) {
-        char tmpl[] = "/tmp/cowlifeXXXXXX";  // no dash: handles cut sources at one
-        if (mkdtemp(tmpl) == nullptr) return;
-        m_dir = tmpl;
+        if (!m_tmp.ok()) return;
+        m_dir = m_tmp.path();
         m_oldPath = getenv("PATH") != nullptr ? getenv("PATH") : "/usr/bin:/bin";
         setenv("ARRAYSIM_STATE", m_dir.c_str(), 1);
         setenv("PATH", (std::string(ARRAYSIM_BIN_DIR) + ":" + m_oldPath).c_str(), 1);
@@ -84,7 +60,6 @@ public:
     ~Array() {
         setenv("PATH", m_oldPath.c_str(), 1);
         unsetenv("ARRAYSIM_STATE");
-        if (!m_dir.empty()) run({"/bin/rm", "-rf", m_dir});
     }
     bool ok() const { return m_ok; }
     const std::string& dir() const { return m_dir; }
@@ -118,6 +93,9 @@ public:
     }
 
 private:
+    // Under /tmp with no dash: handles cut sources at one, and TMPDIR may
+    // hold one.
+    zovtest::TempDir m_tmp{"cowlife", "/tmp"};
     std::string m_dir;
     std::string m_oldPath;
     bool m_ok = false;
