@@ -64,7 +64,8 @@ endfunction()
 
 # zov_test_binary(NAME DIR [DEPS lib...])
 # One GoogleTest binary per test folder, registered with CTest under its name.
-# Tests stand above every layer and include from the top of the tree.
+# Tests stand above every layer and include from the top of the tree; the
+# helpers in tests/support come with every binary.
 function(zov_test_binary name dir)
   cmake_parse_arguments(ZT "" "" "DEPS" ${ARGN})
   file(GLOB srcs CONFIGURE_DEPENDS ${dir}/*.cpp)
@@ -73,7 +74,7 @@ function(zov_test_binary name dir)
   endif()
   add_executable(${name} ${srcs})
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR})
-  target_link_libraries(${name} PRIVATE ${ZT_DEPS} GTest::gtest GTest::gtest_main Threads::Threads)
+  target_link_libraries(${name} PRIVATE ${ZT_DEPS} zov_test_support GTest::gtest GTest::gtest_main Threads::Threads)
   add_test(NAME ${name} COMMAND ${name} --gtest_brief=1)
   set_tests_properties(${name} PROPERTIES TIMEOUT 600
     ENVIRONMENT "ZOV_BUILD_DIR=${CMAKE_BINARY_DIR};ZOV_SOURCE_DIR=${CMAKE_SOURCE_DIR}")

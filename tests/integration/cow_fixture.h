@@ -6,9 +6,7 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -16,8 +14,10 @@
 #include <vector>
 
 #include "tests/integration/loader_decls.h"
-
-extern char** environ;
+#include "tests/integration/shapes.h"
+#include "tests/support/child.h"
+#include "tests/support/sim_state.h"
+#include "tests/support/temp_dir.h"
 
 namespace cowtest {
 
@@ -41,30 +41,9 @@ inline Entry& module() {
 }
 
 inline int run(const std::vector<std::string>& args, std::string* out = nullptr) {
-    std::vector<char*> argv;
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    int fds[2];
-    if (pipe(fds) != 0) return -1;
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_adddup2(&fa, fds[1], 1);
-    posix_spawn_file_actions_adddup2(&fa, fds[1], 2);
-    posix_spawn_file_actions_addclose(&fa, fds[0]);
-    pid_t pid = -1;
-    int rc = posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&fa);
-    close(fds[1]);
-    std::string text;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof buf)) > 0) text.append(buf, static_cast<size_t>(n));
-    close(fds[0]);
-    if (rc != 0) return -1;
-    int status = 0;
-    waitpid(pid, &status, 0);
-    if (out != nullptr) *out = text;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    zovtest::ChildResult r = zovtest::run_child(args);
+    if (out != nullptr) *out = r.out;
+    return r.status;
 }
 
 // A fresh simulated array, by default 2 frames with 4 COW-configured disks
@@ -72,19 +51,22 @@ inline int run(const std::vector<std::string>& args, std::string* out = nullptr)
 class Array {
 public:
     explicit Array(std::vector<std::string> init = {"--frames", "2", "--luns", "4"}) {
-        char tmpl[] = "/tmp/cowlifeXXXXXX";  // no dash: handles cut sources at one
-        if (mkdtemp(tmpl) == nullptr) return;
-        m_dir = tmpl;
+        if (!m_tmp.ok()) return;
+        m_dir = m_tmp.path();
         m_oldPath = getenv("PATH") != nullptr ? getenv("PATH") : "/usr/bin:/bin";
         setenv("ARRAYSIM_STATE", m_dir.c_str(), 1);
         setenv("PATH", (std::string(ARRAYSIM_BIN_DIR) + ":" + m_oldPath).c_str(), 1);
         init.insert(init.begin(), "init");
         m_ok = admin(init) == 0;
     }
+    // The array of `shape`: made, then changed as the shape says.
+    explicit Array(const Shape& shape) : Array(shape.init) {
+        for (const std::vector<std::string>& a : shape.after)
+            if (m_ok && admin(a) != 0) m_ok = false;
+    }
     ~Array() {
         setenv("PATH", m_oldPath.c_str(), 1);
         unsetenv("ARRAYSIM_STATE");
-        if (!m_dir.empty()) run({"/bin/rm", "-rf", m_dir});
     }
     bool ok() const { return m_ok; }
     const std::string& dir() const { return m_dir; }
@@ -94,6 +76,70 @@ public:
         std::vector<std::string> a{std::string(ARRAYSIM_BIN_DIR) + "/arraysim"};
         a.insert(a.end(), args.begin(), args.end());
         return run(a, out);
+    }
+    // Every frame's two addresses, "a:b", in frame order (down or not).
+    std::vector<std::string> frames() const {
+        std::vector<std::string> v;
+        for (const zovtest::SimRecord& r : zovtest::sim_records(m_dir)) {
+            if (r.kind != "frame") continue;
+            std::string a = r.get("addrs");
+            size_t comma = a.find(',');
+            if (comma != std::string::npos) a[comma] = ':';
+            v.push_back(a);
+        }
+        return v;
+    }
+    // One LUN as the tests use it: its host device (the pseudo device of a
+    // multipath LUN) and its COW configuration.
+    struct Lun {
+        int frame = 0;
+        std::string num, dev, snapdev;
+        bool cow = false;
+    };
+    // The LUNs this host sees, in file order, on frames that answer.
+    std::vector<Lun> luns() const {
+        std::vector<Lun> v;
+        std::vector<bool> down;
+        bool in_lun = false;
+        for (const zovtest::SimRecord& r : zovtest::sim_records(m_dir)) {
+            if (r.kind == "frame") down.push_back(r.get("down") == "1");
+            if (r.kind == "lun") {
+                Lun l;
+                l.frame = std::stoi(r.get("frame"));
+                l.num = r.get("num");
+                l.snapdev = r.get("snapdev");
+                l.cow = !r.get("snapname").empty();
+                in_lun = l.frame < static_cast<int>(down.size()) && !down[l.frame];
+                if (in_lun) v.push_back(l);
+            } else if (r.kind == "dev" && in_lun && r.get("host") == "0" && v.back().dev.empty()) {
+                std::string pseudo = r.get("pseudo");
+                std::string paths = r.get("paths");
+                v.back().dev = dev(!pseudo.empty() ? pseudo : paths.substr(0, paths.find(',')));
+            } else if (r.kind != "dev") {
+                in_lun = false;
+            }
+        }
+        return v;
+    }
+    // The first `n` COW-configured LUNs' devices; fewer when the array has
+    // fewer.
+    std::vector<std::string> cow_sources(size_t n) const {
+        std::vector<std::string> v;
+        for (const Lun& l : luns())
+            if (l.cow && v.size() < n) v.push_back(l.dev);
+        return v;
+    }
+    // The device where the host tool shows an activated session of `source`.
+    std::string snapdev_of(const std::string& source) const {
+        for (const Lun& l : luns())
+            if (l.dev == source) return l.snapdev;
+        return "";
+    }
+    // A device of the array with no COW configuration.
+    std::string plain_device() const {
+        for (const Lun& l : luns())
+            if (!l.cow) return l.dev;
+        return "";
     }
     std::vector<std::string> log_lines(const std::string& containing) const {
         std::vector<std::string> v;
@@ -118,6 +164,9 @@ public:
     }
 
 private:
+    // Under /tmp with no dash: handles cut sources at one, and TMPDIR may
+    // hold one.
+    zovtest::TempDir m_tmp{"cowlife", "/tmp"};
     std::string m_dir;
     std::string m_oldPath;
     bool m_ok = false;
@@ -126,15 +175,17 @@ private:
 // The loader's side: a subsystem and a directory service per test.
 class Loader {
 public:
-    Loader() {
+    // `frames`: one "a:b" an array frame.
+    explicit Loader(std::vector<std::string> frames = {"198.18.0.1:198.18.0.2"})
+        : m_frames(std::move(frames)) {
         Entry& m = module();
         if (m.instantiateSS == nullptr) return;
         if (m.instantiateSS(m_ss) != nullptr || m_ss == nullptr) return;
         if (take(m_ss->init(nullptr, &Loader::log, this))) return;
         if (take(m_ss->getDirectoryService(0, m_ds))) return;
-        ldr::attrlist* frames = ldr::make_attr("FRAME_IP", {"198.18.0.1:198.18.0.2"});
-        bool failed = take(m_ds->init(frames));
-        ldr::free_attrs(frames);
+        ldr::attrlist* frame_attrs = ldr::make_attr("FRAME_IP", m_frames);
+        bool failed = take(m_ds->init(frame_attrs));
+        ldr::free_attrs(frame_attrs);
         m_ok = !failed;
     }
     ~Loader() {
@@ -175,7 +226,7 @@ public:
     ldr::ISnapshot* production() {
         ldr::ISnapshot* s = service();
         if (s == nullptr) return nullptr;
-        ldr::attrlist* attrs = ldr::make_attr("FRAME_IP", {"198.18.0.1:198.18.0.2"});
+        ldr::attrlist* attrs = ldr::make_attr("FRAME_IP", m_frames);
         attrs->next = ldr::make_attr("VMR_DATA_MOVER", {"mover1"});
         ldr::attrlist* last = attrs->next;
         for (const auto& a : extra_attrs) {
@@ -262,9 +313,18 @@ private:
     static void log(int level, const char*, int, const char* msg, void* ctx) {
         if (level <= 3) static_cast<Loader*>(ctx)->errors += std::string(msg) + "\n";
     }
+    std::vector<std::string> m_frames;
     ldr::StorageSubsystem* m_ss = nullptr;
     ldr::SSDirectoryService* m_ds = nullptr;
     bool m_ok = false;
 };
 
 }  // namespace cowtest
+
+// Declares `var` as the first `n` COW sources of the test's array, or skips
+// the test on a shape that has fewer.
+#define COWTEST_SOURCES(var, n)                                                           \
+    const std::vector<std::string> var = array->cow_sources(n);                           \
+    if (var.size() < (n))                                                                 \
+    GTEST_SKIP() << GetParam().name << " has " << var.size() << " COW sources, the life " \
+                 << "needs " << (n)

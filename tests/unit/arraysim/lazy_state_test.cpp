@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 
+#include "tests/support/temp_dir.h"
 #include "tools/arraysim/sim.h"
 #include "tools/arraysim/text.h"
 
@@ -17,14 +18,8 @@ namespace {
 class LazyState : public ::testing::Test {
 protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/arraysim-lazy-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(tmpl));
-        dir_ = tmpl;
-    }
-    void TearDown() override {
-        if (!dir_.empty()) {
-            ASSERT_EQ(0, system(("rm -rf '" + dir_ + "'").c_str()));
-        }
+        ASSERT_TRUE(tmp_.ok());
+        dir_ = tmp_.path();
     }
     void put(const std::string& text) { ASSERT_TRUE(write_file_atomic(state_file(dir_), text)); }
     std::string text() {
@@ -32,6 +27,7 @@ protected:
         read_file(state_file(dir_), s);
         return s;
     }
+    zovtest::TempDir tmp_{"arraysim-lazy-"};
     std::string dir_;
 };
 

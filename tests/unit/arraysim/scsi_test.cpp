@@ -11,6 +11,8 @@
 #include <cstring>
 #include <string>
 
+#include "tests/support/child.h"
+#include "tests/support/temp_dir.h"
 #include "tools/arraysim/inquiry.h"
 #include "tools/arraysim/sim.h"
 
@@ -21,9 +23,7 @@ namespace {
 class FakeScsi : public ::testing::Test {
 protected:
     void SetUp() override {
-        const char* b = getenv("ZOV_BUILD_DIR");
-        std::string lib = std::string(b ? b : ".") + "/arraysim-bin/libarraysim_scsi.so";
-        h_ = dlopen(lib.c_str(), RTLD_NOW | RTLD_LOCAL);
+        h_ = dlopen(zovtest::sim_layer().c_str(), RTLD_NOW | RTLD_LOCAL);
         if (!h_) {
             GTEST_SKIP() << "preload library not built: " << dlerror();
         }
@@ -31,9 +31,8 @@ protected:
         ioctl_ = reinterpret_cast<int (*)(int, unsigned long, ...)>(dlsym(h_, "ioctl"));
         close_ = reinterpret_cast<int (*)(int)>(dlsym(h_, "close"));
         ASSERT_TRUE(open_ && ioctl_ && close_);
-        char tmpl[] = "/tmp/arraysim-scsi-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(tmpl));
-        dir_ = tmpl;
+        ASSERT_TRUE(tmp_.ok());
+        dir_ = tmp_.path();
         InitOptions o;
         o.luns = 300;  // LUN numbers above 255 use both bytes
         o.host = "h";
@@ -47,9 +46,6 @@ protected:
     }
     void TearDown() override {
         if (h_) dlclose(h_);
-        if (!dir_.empty()) {
-            ASSERT_EQ(0, system(("rm -rf '" + dir_ + "'").c_str()));
-        }
     }
     std::string dev(const std::string& name) { return dev_dir(dir_) + "/" + name; }
     // One INQUIRY through SG_IO; returns the SAM status, -1 on ioctl failure.
@@ -80,6 +76,7 @@ protected:
     int (*open_)(const char*, int, ...) = nullptr;
     int (*ioctl_)(int, unsigned long, ...) = nullptr;
     int (*close_)(int) = nullptr;
+    zovtest::TempDir tmp_{"arraysim-scsi-"};
     std::string dir_;
     State st_;
 };

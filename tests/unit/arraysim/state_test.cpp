@@ -1,21 +1,19 @@
 // The state file (round trip, version, bad lines) and the program as the
 // module meets it: real children, concurrent, under the folder lock, with the
 // command log and the fault rules.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "tests/support/child.h"
+#include "tests/support/temp_dir.h"
 #include "tools/arraysim/sim.h"
-
-extern char** environ;
 
 using namespace arraysim;
 
@@ -89,50 +87,24 @@ TEST(StateFile, ScenarioIsCompletedIntoAConsistentArray) {
 class Program : public ::testing::Test {
 protected:
     void SetUp() override {
-        const char* b = getenv("ZOV_BUILD_DIR");
-        bin_ = std::string(b ? b : ".") + "/arraysim-bin";
+        bin_ = zovtest::sim_bin_dir();
         if (access((bin_ + "/arraysim").c_str(), X_OK) != 0) {
             GTEST_SKIP() << "arraysim not built at " << bin_;
         }
-        char tmpl[] = "/tmp/arraysim-test-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(tmpl));
-        dir_ = tmpl;
+        ASSERT_TRUE(tmp_.ok());
+        dir_ = tmp_.path();
         setenv("ARRAYSIM_STATE", dir_.c_str(), 1);
         ASSERT_EQ(0, run({"arraysim", "init", "--luns", "6", "--host", "prodhost", "--host-addr",
                           "10.1.1.5"}));
         addr_ = "198.18.0.1";
     }
-    void TearDown() override {
-        if (!dir_.empty()) {
-            std::string cmd = "rm -rf '" + dir_ + "'";
-            ASSERT_EQ(0, system(cmd.c_str()));
-        }
-    }
-    // Starts the program under argv[0]'s name; returns the pid.
-    pid_t start(const std::vector<std::string>& argv, const char* out_file = "/dev/null") {
-        posix_spawn_file_actions_t fa;
-        posix_spawn_file_actions_init(&fa);
-        posix_spawn_file_actions_addopen(&fa, 1, out_file, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_adddup2(&fa, 1, 2);
-        std::vector<char*> av;
-        for (const auto& a : argv) av.push_back(const_cast<char*>(a.c_str()));
-        av.push_back(nullptr);
-        std::string path = bin_ + "/" + (argv[0] == "arraysim" ? "arraysim" : argv[0]);
-        pid_t pid = -1;
-        EXPECT_EQ(0, posix_spawn(&pid, path.c_str(), &fa, nullptr, av.data(), environ));
-        posix_spawn_file_actions_destroy(&fa);
-        return pid;
-    }
-    int wait_for(pid_t pid) {
-        int st = 0;
-        waitpid(pid, &st, 0);
-        return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    }
+    // Runs the program under argv[0]'s name; returns its exit status.
     int run(const std::vector<std::string>& argv, std::string* out = nullptr) {
-        std::string f = dir_.empty() ? "/dev/null" : dir_ + "/.out";
-        int rc = wait_for(start(argv, f.c_str()));
-        if (out) read_file(f, *out);
-        return rc;
+        zovtest::ChildOptions o;
+        o.path = bin_ + "/" + argv[0];
+        zovtest::ChildResult r = zovtest::run_child(argv, o);
+        if (out) *out = r.out;
+        return r.status;
     }
     std::string state_text() {
         std::string s;
@@ -140,16 +112,21 @@ protected:
         return s;
     }
 
+    zovtest::TempDir tmp_{"arraysim-test-"};
     std::string bin_, dir_, addr_;
 };
 
 TEST_F(Program, ConcurrentChildrenLoseNoUpdate) {
-    std::vector<pid_t> pids;
+    std::vector<int> rcs(12, -1);
+    std::vector<std::thread> children;
     for (int i = 0; i < 12; ++i)
-        pids.push_back(
-            start({"tilloseccli", "-h", addr_, "quillset", "-startsession",
-                   "sess" + std::to_string(i), "-lun", std::to_string(i % 6), "-persistence"}));
-    for (pid_t p : pids) EXPECT_EQ(0, wait_for(p));
+        children.emplace_back([this, i, &rcs] {
+            rcs[i] =
+                run({"tilloseccli", "-h", addr_, "quillset", "-startsession",
+                     "sess" + std::to_string(i), "-lun", std::to_string(i % 6), "-persistence"});
+        });
+    for (std::thread& t : children) t.join();
+    for (int rc : rcs) EXPECT_EQ(0, rc);
     State st;
     std::string err;
     ASSERT_TRUE(load_state(dir_, st, err)) << err;

@@ -12,16 +12,17 @@
 
 #include "drivers/cdi/cdi.h"
 #include "drivers/cdi/cdi_priv.h"
+#include "tests/support/temp_dir.h"
 #include "tests/unit/cdi/fake_scsi.h"
 
 class CdiTest : public ::testing::Test {
 protected:
-    std::string root;  // short: generic node names must fit in 32 bytes
+    zovtest::TempDir tmp{"cdi", "/tmp"};  // short: generic node names must fit in 32 bytes
+    std::string root;
 
     void SetUp() override {
-        char tmpl[] = "/tmp/cdiXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        root = tmpl;
+        ASSERT_TRUE(tmp.ok());
+        root = tmp.path();
         mkdir((root + "/dev").c_str(), 0755);
         setenv("SYSFS_PATH", (root + "/sys").c_str(), 1);
         unsetenv("CDI_DEBUG");
@@ -33,8 +34,6 @@ protected:
         FakeScsi::get().uninstall();
         unsetenv("SYSFS_PATH");
         EXPECT_EQ(fds_before, count_open_fds()) << "a descriptor was left open";
-        std::string cmd = "rm -rf '" + root + "'";
-        if (system(cmd.c_str()) != 0) ADD_FAILURE() << "cleanup failed";
     }
 
     // The thread's state is read again with the new kernel release.

@@ -2,23 +2,13 @@
 // INQUIRY bytes, /proc/scsi/scsi entries, a fake sysfs tree under
 // SYSFS_PATH (links included, and trees that are missing or lie), and the
 // per-thread cache.
-#include <fstream>
 #include <functional>
-#include <sstream>
 
 #include "drivers/cdi/cdi_os.h"
+#include "tests/support/fixture.h"
 #include "tests/unit/cdi/cdi_test_env.h"
 
 namespace {
-
-std::string fixture(const char* name) {
-    const char* top = getenv("ZOV_SOURCE_DIR");
-    std::string path = std::string(top ? top : ".") + "/tests/fixtures/cdi/" + name;
-    std::ifstream in(path);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 INQ identity(const char* vendor, const char* product, const char* rev, int type) {
     INQ q;
@@ -76,7 +66,7 @@ TEST(InquiryDecode, PageListAndPayloadAreBoundedByWhatArrived) {
 }
 
 TEST(InquiryDecode, ProcEntriesMatchOnAllFourFieldsAndCountFromZero) {
-    std::string text = fixture("proc_scsi_scsi.txt");
+    std::string text = zovtest::fixture("cdi/proc_scsi_scsi.txt");
     ASSERT_FALSE(text.empty());
     UscsiHooks h = {nullptr, nullptr, nullptr, "/dev/sg"};
     uscsi_set_hooks(&h);
@@ -232,7 +222,7 @@ TEST_F(SgSearch, NodeOfAnotherDeviceIsNotTakenButItsNameIs) {
 }
 
 TEST_F(SgSearch, DiskFallsThroughToProcAndSerialTellsTwinsApart) {
-    std::string text = fixture("proc_scsi_scsi.txt");
+    std::string text = zovtest::fixture("cdi/proc_scsi_scsi.txt");
     write_file(root + "/proc_scsi", text);
     FakeDevice& d = FakeScsi::get().add(dev("sdb"));
     d.standard = make_inquiry("QXR", "MERLODE DISK", "0815", 0);
@@ -257,7 +247,7 @@ TEST_F(SgSearch, DiskFallsThroughToProcAndSerialTellsTwinsApart) {
 }
 
 TEST_F(SgSearch, CacheServesTheNextOpenAndIsRebuiltWhenItsNodeIsGone) {
-    write_file(root + "/proc_scsi", fixture("proc_scsi_scsi.txt"));
+    write_file(root + "/proc_scsi", zovtest::fixture("cdi/proc_scsi_scsi.txt"));
     FakeDevice& d = FakeScsi::get().add(dev("sdb"));
     d.standard = make_inquiry("QXR", "MERLODE DISK", "0815", 0);
     give_identity_pages(d, "SERIAL-B", "wwn-b");
@@ -305,7 +295,7 @@ TEST_F(SgSearch, ReopenClosesThePreviousAuxiliaryNode) {
 }
 
 TEST_F(SgSearch, DeviceWithoutIdentityIsNotMatchedToAnything) {
-    write_file(root + "/proc_scsi", fixture("proc_scsi_scsi.txt"));
+    write_file(root + "/proc_scsi", zovtest::fixture("cdi/proc_scsi_scsi.txt"));
     FakeDevice& d = FakeScsi::get().add(dev("dead"));
     d.status = 0x02;  // every command a check condition
     FakeDevice& node = FakeScsi::get().add(sg(0));

@@ -13,6 +13,7 @@
 #include "drivers/cdi/cdi.h"
 #include "drivers/cdi/cdi_rqs.h"
 #include "liblocal/kv_spawn.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -126,17 +127,13 @@ TEST(Axx, TableEdgesRangeCodesAndUnknownCodes) {
 
 class VendorDir : public ::testing::Test {
 protected:
+    zovtest::TempDir tmp{"rqs"};
     std::string dir;
     void SetUp() override {
-        char tmpl[] = "/tmp/rqsXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = std::string(tmpl) + "/";
+        ASSERT_TRUE(tmp.ok());
+        dir = tmp.path() + "/";
     }
-    void TearDown() override {
-        std::string cmd = "rm -rf '" + dir + "'";
-        ASSERT_EQ(system(cmd.c_str()), 0);
-        kv_spawn_origin_reset_for_test();
-    }
+    void TearDown() override { kv_spawn_origin_reset_for_test(); }
     void write(const std::string& name, const std::string& text) {
         std::ofstream(dir + name) << text;
     }

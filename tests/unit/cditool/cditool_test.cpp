@@ -2,12 +2,15 @@
 // drive and changer (through the preload layer) and prints what a person
 // needs to see; its arguments are checked without a device.
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 
+#include <sstream>
 #include <string>
+#include <vector>
 
+#include "tests/support/child.h"
+#include "tests/support/fixture.h"
+#include "tests/support/temp_dir.h"
 #include "tools/cditool/cditool.h"
 
 namespace {
@@ -16,38 +19,34 @@ class CditoolRun : public ::testing::Test {
 protected:
     std::string dir, bin, sim;
     void SetUp() override {
-        const char* b = getenv("ZOV_BUILD_DIR");
-        if (!b) GTEST_SKIP() << "run through ctest";
-        bin = std::string(b) + "/tools/cditool/cditool";
-        sim = std::string(b) + "/arraysim-bin";
-        char tmpl[] = "/tmp/cditoolXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
-        ASSERT_EQ(sh(sim + "/arraysim tape --state " + dir + " init --drives 2 --slots 2"), "");
+        if (!getenv("ZOV_BUILD_DIR")) GTEST_SKIP() << "run through ctest";
+        bin = zovtest::build_dir() + "/tools/cditool/cditool";
+        sim = zovtest::sim_bin_dir() + "/arraysim";
+        ASSERT_TRUE(tmp.ok());
+        dir = tmp.path();
+        ASSERT_EQ(run({sim, "tape", "--state", dir, "init", "--drives", "2", "--slots", "2"}), "");
         ASSERT_EQ(
-            sh(sim + "/arraysim tape --state " + dir + " set medium TAPE000 items=R512*2,F,R100,F"),
+            run({sim, "tape", "--state", dir, "set", "medium", "TAPE000", "items=R512*2,F,R100,F"}),
             "");
     }
-    void TearDown() override {
-        if (!dir.empty()) {
-            ASSERT_EQ(system(("rm -rf '" + dir + "'").c_str()), 0);
-        }
-    }
-    std::string sh(const std::string& cmd, int* rc = nullptr) {
-        std::string full = "ARRAYSIM_STATE=" + dir + " SYSFS_PATH=" + dir +
-                           "/nosys ASAN_OPTIONS=verify_asan_link_order=0 LD_PRELOAD=" + sim +
-                           "/libarraysim_scsi.so " + cmd + " 2>&1";
-        FILE* p = popen(full.c_str(), "r");
-        std::string out;
-        char buf[512];
-        while (p && fgets(buf, sizeof buf, p)) out += buf;
-        int st = p ? pclose(p) : -1;
-        if (rc) *rc = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-        return out;
+    // The program as a child over the simulator's drives, through the
+    // preloaded device layer, with no real sysfs to find.
+    std::string run(const std::vector<std::string>& argv, int* rc = nullptr) {
+        zovtest::ChildOptions o;
+        o.env = zovtest::preload_env();
+        zovtest::set_var(o.env, "ARRAYSIM_STATE", dir);
+        zovtest::set_var(o.env, "SYSFS_PATH", dir + "/nosys");
+        zovtest::ChildResult r = zovtest::run_child(argv, o);
+        if (rc) *rc = r.status;
+        return r.out;
     }
     std::string tool(const std::string& args, int* rc = nullptr) {
-        return sh(bin + " " + args, rc);
+        std::vector<std::string> argv{bin};
+        std::istringstream words(args);
+        for (std::string w; words >> w;) argv.push_back(w);
+        return run(argv, rc);
     }
+    zovtest::TempDir tmp{"cditool"};
 };
 
 TEST_F(CditoolRun, PrintsTheAnswerDriveStatusAndSense) {

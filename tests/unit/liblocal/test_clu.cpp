@@ -13,19 +13,21 @@
 #include "host_fake_resolver.h"
 #include "liblocal/kv_clu.h"
 #include "liblocal/kv_host.h"
+#include "tests/support/fixture.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
 // A scratch folder with stand-in cluster tools (tiny shell scripts).
 class CluFixture : public ::testing::Test {
 protected:
+    zovtest::TempDir tmp{"clu_test_"};
     std::string dir;
     std::string marker;
 
     void SetUp() override {
-        char tmpl[] = "/tmp/clu_test_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
+        ASSERT_TRUE(tmp.ok());
+        dir = tmp.path();
         marker = dir + "/ran";
         mkdir((dir + "/conf").c_str(), 0755);
         mkdir((dir + "/bin").c_str(), 0755);
@@ -49,8 +51,6 @@ protected:
         clu_set_paths_for_test(nullptr);
         clu_reset_for_test();
         unsetenv("NO_CLU_QUERY");
-        std::string cmd = "rm -rf '" + dir + "'";
-        ASSERT_EQ(system(cmd.c_str()), 0);
     }
     void script(const std::string& path, const std::string& body) {
         std::ofstream f(path);
@@ -291,8 +291,7 @@ class CluWithHosts : public CluFixture {
 protected:
     void SetUp() override {
         CluFixture::SetUp();
-        fake_resolver::load(std::string(getenv("ZOV_SOURCE_DIR") ? getenv("ZOV_SOURCE_DIR") : ".") +
-                            "/tests/fixtures/hosts/hosts");
+        fake_resolver::load(zovtest::source_dir() + "/tests/fixtures/hosts/hosts");
         ASSERT_FALSE(fake_resolver::table().empty());
         // The floating address of the virtual host sits on an interface here.
         fake_resolver::interfaces() = {"127.0.0.1", "127.0.1.1", "127.0.2.50"};

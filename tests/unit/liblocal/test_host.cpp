@@ -11,6 +11,7 @@
 #include "liblocal/kv_clu.h"
 #include "liblocal/kv_host.h"
 #include "liblocal/kv_msg.h"
+#include "tests/support/fixture.h"
 
 namespace {
 
@@ -29,8 +30,7 @@ protected:
                           "/nonexistent/bin", "/nonexistent/mtab"};
         clu_set_paths_for_test(&none);
         clu_reset_for_test();
-        fake_resolver::load(std::string(getenv("ZOV_SOURCE_DIR") ? getenv("ZOV_SOURCE_DIR") : ".") +
-                            "/tests/fixtures/hosts/hosts");
+        fake_resolver::load(zovtest::source_dir() + "/tests/fixtures/hosts/hosts");
         ASSERT_FALSE(fake_resolver::table().empty()) << "fixture not found; set ZOV_SOURCE_DIR";
         fake_resolver::interfaces() = {"127.0.0.1", "::1", "127.0.1.1", "0.0.0.0"};
         fake_resolver::no_reverse().clear();

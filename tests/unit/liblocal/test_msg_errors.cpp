@@ -13,6 +13,7 @@
 
 #include "liblocal/kv_error.h"
 #include "liblocal/kv_msg.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -144,9 +145,8 @@ std::string long_literal(int i) {
 class Catalogue : public testing::Test {
 protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/msgcatXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
+        ASSERT_TRUE(tmp_.ok());
+        dir_ = tmp_.path();
         std::string loc = dir_ + "/xx_XX";
         ASSERT_EQ(mkdir(loc.c_str(), 0755), 0);
         std::string src = dir_ + "/cat.msg";
@@ -166,9 +166,8 @@ protected:
         kv_set_my_locale(nullptr);
         kv_set_catalog_dir(nullptr);
         kv_i18n_enable(1);
-        std::string cmd = "rm -rf " + dir_;
-        if (system(cmd.c_str()) != 0) ADD_FAILURE() << "cleanup";
     }
+    zovtest::TempDir tmp_{"msgcat"};
     std::string dir_;
 };
 

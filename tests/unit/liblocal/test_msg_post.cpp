@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "liblocal/kv_msg.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -150,22 +151,18 @@ TEST_F(Post, TimestampedConsoleGetsTheLogLine) {
 class LogFile : public testing::Test {
 protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/msglogXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
+        ASSERT_TRUE(tmp_.ok());
+        dir_ = tmp_.path();
         path_ = dir_ + "/daemon.raw";
     }
-    void TearDown() override {
-        setlog_dtls_query_func(nullptr);
-        std::string cmd = "rm -rf " + dir_;
-        if (system(cmd.c_str()) != 0) ADD_FAILURE();
-    }
+    void TearDown() override { setlog_dtls_query_func(nullptr); }
     std::vector<std::string> lines() {
         std::ifstream in(path_);
         std::vector<std::string> v;
         for (std::string l; std::getline(in, l);) v.push_back(l);
         return v;
     }
+    zovtest::TempDir tmp_{"msglog"};
     std::string dir_, path_;
 };
 

@@ -13,20 +13,12 @@
 
 #include "liblocal/kv_file.h"
 #include "liblocal/kv_print.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 class PortFile : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/zov_port_file_XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(tmpl));
-        dir_ = tmpl;
-    }
-    void TearDown() override {
-        std::string cmd = "rm -rf '" + dir_ + "'";
-        chmod(dir_.c_str(), 0755);
-        if (system(cmd.c_str()) != 0) ADD_FAILURE() << "cleanup of " << dir_;
-    }
+    void SetUp() override { ASSERT_TRUE(tmp_.ok()); }
     std::string path(const char* name) const { return dir_ + "/" + name; }
     void write_file(const std::string& p, const std::string& body) const {
         FILE* fp = fopen(p.c_str(), "w");
@@ -44,7 +36,8 @@ protected:
         fclose(fp);
         return out;
     }
-    std::string dir_;
+    zovtest::TempDir tmp_{"zov_port_file_"};
+    const std::string& dir_ = tmp_.path();
 };
 const char k_bom[] = "\xEF\xBB\xBF";
 }  // namespace

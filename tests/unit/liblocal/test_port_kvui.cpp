@@ -13,6 +13,8 @@
 #include <string>
 
 #include "liblocal/kvui.h"
+#include "tests/support/child.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 // POSIX cksum written from its definition with a table, unlike the library's
@@ -50,18 +52,12 @@ TEST(PortKvui, CksumAgreesWithTheSystemTool) {
     if (access("/usr/bin/cksum", X_OK) != 0) GTEST_SKIP() << "no cksum tool";
     kvui_t u;
     kvui_create5(&u, 10, 4242, 0x5f000000, 0x0001abcd, 0x12345678);
-    char path[] = "/tmp/zov_port_kvui_XXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(20, write(fd, &u, 20));
-    close(fd);
-    std::string cmd = std::string("/usr/bin/cksum < ") + path;
-    FILE* p = popen(cmd.c_str(), "r");
-    ASSERT_NE(nullptr, p);
+    zovtest::TempDir dir("zov_port_kvui_");
+    std::string path = dir.write("uid", std::string(reinterpret_cast<const char*>(&u), 20));
+    zovtest::ChildResult sum = zovtest::run_child({"/usr/bin/cksum", path});
+    ASSERT_EQ(0, sum.status) << sum.out;
     unsigned long crc = 0, len = 0;
-    ASSERT_EQ(2, fscanf(p, "%lu %lu", &crc, &len));
-    pclose(p);
-    unlink(path);
+    ASSERT_EQ(2, sscanf(sum.out.c_str(), "%lu %lu", &crc, &len));
     EXPECT_EQ(20u, len);
     char text[KVUI_STRING_SIZE];
     kvui_to_string(&u, text, KVUI_FMT_LONG);

@@ -20,6 +20,7 @@
 
 #include "liblocal/kv_env.h"
 #include "liblocal/kv_spawn.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -299,12 +300,12 @@ TEST_F(SpawnTest, Modes_DevNullSessionAndShell) {
 }
 
 TEST_F(SpawnTest, WorkingDirectory_GivenOrStatus76) {
-    char tmpl[] = "/tmp/spawn_cwd_XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(tmpl));
+    zovtest::TempDir dir("spawn_cwd_");
     RunOpts o;
-    o.cwd = tmpl;
-    EXPECT_EQ(std::string(tmpl) + "\n", run({probe_, "cwd"}, o).out);
-    rmdir(tmpl);
+    std::string cwd = dir.path();
+    o.cwd = &cwd[0];
+    EXPECT_EQ(dir.path() + "\n", run({probe_, "cwd"}, o).out);
+    rmdir(dir.path().c_str());
     Result bad = run({probe_, "cwd"}, o);
     ASSERT_TRUE(WIFEXITED(bad.status));
     EXPECT_EQ(SPAWN_EXEC_FAILED, WEXITSTATUS(bad.status));

@@ -13,6 +13,7 @@
 
 #include "liblocal/kv_env.h"
 #include "liblocal/kv_spawn.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -157,9 +158,8 @@ TEST(KvEnv, GetenvUlongValueForms) {
 class OriginTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/spawn_origin_XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(tmpl));
-        root_ = tmpl;
+        ASSERT_TRUE(tmp_.ok());
+        root_ = tmp_.path();
         mk(root_ + "/bin");
         mk(root_ + "/lib");
         mk(root_ + "/lib/vmr");
@@ -168,17 +168,14 @@ protected:
         tool(root_ + "/lib/vmr/deep");
         kv_spawn_origin_reset_for_test();
     }
-    void TearDown() override {
-        kv_spawn_origin_reset_for_test();
-        std::string cmd = "rm -rf " + root_;
-        ASSERT_EQ(0, system(cmd.c_str()));
-    }
+    void TearDown() override { kv_spawn_origin_reset_for_test(); }
     static void mk(const std::string& d) { ASSERT_EQ(0, mkdir(d.c_str(), 0755)); }
     static void tool(const std::string& f) {
         int fd = open(f.c_str(), O_CREAT | O_WRONLY, 0755);
         ASSERT_GE(fd, 0);
         close(fd);
     }
+    zovtest::TempDir tmp_{"spawn_origin_"};
     std::string root_;
 };
 

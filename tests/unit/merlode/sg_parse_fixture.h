@@ -1,5 +1,5 @@
 // Test helpers for the parsers of the volume map, storage groups, capability
-// and sessions: captured fixture text fed through fmemopen, a zov_quillset
+// and sessions: captured fixture text fed through a stream, a zov_quillset
 // with its expression table compiled, and a log that keeps every line.
 // Not thread-safe; one per test.
 #pragma once
@@ -8,70 +8,21 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "storage/ssm/merlode/cli/zov_quillset.h"
+#include "tests/support/fixture.h"
+#include "tests/support/log_capture.h"
 
 namespace sgtest {
 
-struct LogLine {
-    int level;
-    std::string text;
-};
-
-// The log callback's context: every line the object wrote.
-struct LogSink {
-    std::vector<LogLine> lines;
-
-    static void fn(int level, const char*, int, const char* msg, void* ctx) {
-        static_cast<LogSink*>(ctx)->lines.push_back({level, msg ? msg : ""});
-    }
-    // Number of lines holding `needle`, at `level` unless it is -99.
-    int count(const std::string& needle, int level = -99) const {
-        int n = 0;
-        for (const LogLine& l : lines)
-            if ((level == -99 || l.level == level) && l.text.find(needle) != std::string::npos) n++;
-        return n;
-    }
-};
-
-// Text of tests/fixtures/<cmd>/<name>.
-inline std::string fixture(const std::string& cmd, const std::string& name) {
-    std::string root;
-    if (const char* s = getenv("ZOV_SOURCE_DIR")) {
-        root = s;
-    } else {
-        std::string here = __FILE__;  // .../tests/unit/merlode/sg_parse_fixture.h
-        root = here.substr(0, here.rfind("/tests/unit/"));
-    }
-    std::ifstream in(root + "/tests/fixtures/" + cmd + "/" + name);
-    EXPECT_TRUE(in.good()) << "missing fixture " << cmd << "/" << name;
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-// A stream over `text`, the way a parser gets a child's output.
-class Feed {
-public:
-    explicit Feed(const std::string& text) : buf_(text) {
-        fp_ = buf_.empty() ? fopen("/dev/null", "r") : fmemopen(&buf_[0], buf_.size(), "r");
-    }
-    ~Feed() {
-        if (fp_) fclose(fp_);
-    }
-    FILE* get() const { return fp_; }
-
-private:
-    std::string buf_;
-    FILE* fp_;
-};
+using LogSink = zovtest::LogCapture;
+using zovtest::Feed;
+using zovtest::fixture;
 
 // A zov_quillset whose expression table is compiled. Whether the array tool
 // is found on this machine does not matter to a parser.

@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "liblocal/kv_thread.h"
+#include "tests/support/sim_state.h"
 #include "tests/unit/merlode/sg_parse_fixture.h"
 #include "tests/unit/merlode/sim_fixture.h"
 
@@ -32,18 +33,8 @@ inline std::string host() {
 inline std::vector<std::map<std::string, std::string>> records(const SimArray& sim,
                                                                const std::string& kind) {
     std::vector<std::map<std::string, std::string>> out;
-    std::ifstream in(sim.dir() + "/state");
-    for (std::string l; std::getline(in, l);) {
-        std::istringstream words(l);
-        std::string k;
-        if (!(words >> k) || k != kind) continue;
-        std::map<std::string, std::string> rec;
-        for (std::string w; words >> w;) {
-            size_t eq = w.find('=');
-            if (eq != std::string::npos) rec[w.substr(0, eq)] = w.substr(eq + 1);
-        }
-        out.push_back(rec);
-    }
+    for (const zovtest::SimRecord& r : zovtest::sim_records(sim.dir()))
+        if (r.kind == kind) out.push_back(r.field);
     return out;
 }
 

@@ -4,26 +4,22 @@
 // the simulator is not built. Not thread-safe; one per test.
 #pragma once
 
-#include <errno.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "tests/support/child.h"
 #include "tests/unit/merlode/gw_test_util.h"
-
-extern char** environ;
 
 class SimArray {
 public:
     // Folder of the simulator's program and tool links.
-    static std::string bin_dir() { return build_dir() + "/arraysim-bin"; }
+    static std::string bin_dir() { return zovtest::sim_bin_dir(); }
     static std::string program() { return bin_dir() + "/arraysim"; }
     static bool available() {
         struct stat st;
@@ -49,18 +45,11 @@ public:
     // Runs "arraysim --state DIR ARGS..." and returns its exit status; its
     // output goes to `out` when given.
     int admin(const std::vector<std::string>& args, std::string* out = nullptr) const {
-        std::string cmd = "'" + program() + "' --state '" + m_dir + "'";
-        for (const std::string& a : args) cmd += " '" + a + "'";
-        cmd += " 2>&1";
-        FILE* p = popen(cmd.c_str(), "r");
-        if (p == nullptr) return -1;
-        std::string text;
-        char buf[4096];
-        size_t n;
-        while ((n = fread(buf, 1, sizeof buf, p)) > 0) text.append(buf, n);
-        int status = pclose(p);
-        if (out != nullptr) *out = text;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        std::vector<std::string> argv{program(), "--state", m_dir};
+        argv.insert(argv.end(), args.begin(), args.end());
+        zovtest::ChildResult r = zovtest::run_child(argv);
+        if (out != nullptr) *out = r.out;
+        return r.status;
     }
 
     // The command lines the tools received, oldest first.
@@ -74,57 +63,14 @@ public:
 
     // The fake SCSI device layer, which answers INQUIRY only when it was
     // preloaded at process start.
-    static std::string preload_library() { return bin_dir() + "/libarraysim_scsi.so"; }
-    // True in the run that run_preloaded started.
-    static bool preloaded() { return getenv(kPreloadedMark) != nullptr; }
+    static std::string preload_library() { return zovtest::sim_layer(); }
+    static bool preloaded() { return zovtest::preloaded(); }
     // Runs the tests matching `filter` of this very binary with the device
     // layer preloaded; returns the exit status and leaves the output in `out`.
     static int run_preloaded(const std::string& filter, std::string& out) {
-        std::vector<std::string> env;
-        std::string preload = preload_library();
-        std::string asan = "verify_asan_link_order=0";
-        for (char** e = environ; *e != nullptr; e++) {
-            std::string v(*e);
-            if (v.compare(0, 11, "LD_PRELOAD=") == 0)
-                preload += ":" + v.substr(11);
-            else if (v.compare(0, 13, "ASAN_OPTIONS=") == 0)
-                asan = v.substr(13) + ":" + asan;
-            else
-                env.push_back(v);
-        }
-        env.push_back("LD_PRELOAD=" + preload);
-        // The library is built without the sanitizer on purpose: it must not
-        // be refused for standing ahead of the sanitizer's runtime.
-        env.push_back("ASAN_OPTIONS=" + asan);
-        env.push_back(std::string(kPreloadedMark) + "=1");
-        std::vector<char*> envp;
-        for (std::string& s : env) envp.push_back(&s[0]);
-        envp.push_back(nullptr);
-        std::string self = "/proc/self/exe";
-        std::string flt = "--gtest_filter=" + filter;
-        char* argv[] = {&self[0], &flt[0], nullptr};
-
-        int fds[2];
-        if (pipe(fds) != 0) return -1;
-        pid_t pid = fork();
-        if (pid == 0) {
-            dup2(fds[1], 1);
-            dup2(fds[1], 2);
-            close(fds[0]);
-            close(fds[1]);
-            execve("/proc/self/exe", argv, envp.data());
-            _exit(127);
-        }
-        close(fds[1]);
-        out.clear();
-        char buf[4096];
-        ssize_t n;
-        while ((n = read(fds[0], buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR))
-            if (n > 0) out.append(buf, n);
-        close(fds[0]);
-        int status = 0;
-        if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        zovtest::ChildResult r = zovtest::run_self_preloaded({"--gtest_filter=" + filter});
+        out = r.out;
+        return r.status;
     }
 
     // The first two addresses of frame `f` as the simulator makes them.
@@ -133,7 +79,6 @@ public:
     }
 
 private:
-    static constexpr const char* kPreloadedMark = "ZOV_SIM_PRELOADED";
     TempDir m_tmp;
     std::string m_dir;
     bool m_ok = false;

@@ -196,7 +196,7 @@ protected:
         env.reset(new ScopedEnv("GW_TEXT_FILE", file.c_str()));
         // init needs a tool of the array's name to be found.
         path.reset(new ScopedEnv("PATH", (dir.path() + ":/usr/bin:/bin").c_str()));
-        dir.add_exe("tilloseccli");
+        add_exe(dir, "tilloseccli");
         q.reset(new KeepQuillset(&log));
         std::vector<std::string> frames{"198.18.0.1", "198.18.1.1"};
         SSError* err = q->init(frames, nullptr);

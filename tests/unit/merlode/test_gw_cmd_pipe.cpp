@@ -60,10 +60,10 @@ TEST(GwCmd, CachesHitsNotMisses) {
     CMD c;
     EXPECT_EQ(c.findCmdPath("gw-no-such-tool"), "");
     // Installed after a miss: found on the next call.
-    std::string in_b = b.add_exe("gw-no-such-tool");
+    std::string in_b = add_exe(b, "gw-no-such-tool");
     EXPECT_EQ(c.findCmdPath("gw-no-such-tool"), in_b);
     // A better placed copy later does not displace the cached hit.
-    a.add_exe("gw-no-such-tool");
+    add_exe(a, "gw-no-such-tool");
     EXPECT_EQ(c.findCmdPath("gw-no-such-tool"), in_b);
     // A plain file without execute permission is no hit.
     std::string plainfile = a.path() + "/gw-plain";
@@ -252,9 +252,9 @@ TEST(GwLocators, ToolsFoundOnceAndMissesRepeated) {
     zov_quillset q(&LogCapture::fn, &log);
     EXPECT_EQ(q.GetGelmotCliExe(), "");
     EXPECT_EQ(q.GetPirnetCliExe(), "");
-    std::string g = bin.add_exe("gelmot");
-    std::string p = bin.add_exe("pirnet");
-    std::string t = bin.add_exe("tilloseccli");
+    std::string g = add_exe(bin, "gelmot");
+    std::string p = add_exe(bin, "pirnet");
+    std::string t = add_exe(bin, "tilloseccli");
     EXPECT_EQ(q.GetGelmotCliExe(), g);
     EXPECT_EQ(q.GetPirnetCliExe(), p);
     EXPECT_EQ(q.GetTilloCliExe(), t);

@@ -15,7 +15,7 @@ namespace {
 class GwParse : public ::testing::Test {
 protected:
     void SetUp() override {
-        tools.add_exe("tilloseccli");
+        add_exe(tools, "tilloseccli");
         path.reset(new ScopedEnv("PATH", tools.path().c_str()));
         q.reset(new zov_quillset(&LogCapture::fn, &log));
         std::vector<std::string> frames{"198.18.0.1"};

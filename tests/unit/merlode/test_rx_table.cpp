@@ -42,8 +42,7 @@ std::vector<std::string> corpus() {
         "cmd failed here\n",
         std::string("UID: 1\0 x", 9) + "\n",
     };
-    const char* src = getenv("ZOV_SOURCE_DIR");
-    std::string base = std::string(src != nullptr ? src : ".") + "/tests/fixtures";
+    std::string base = zovtest::source_dir() + "/tests/fixtures";
     DIR* top = opendir(base.c_str());
     if (top == nullptr) return lines;
     while (dirent* d = readdir(top)) {

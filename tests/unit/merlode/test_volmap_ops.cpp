@@ -26,16 +26,13 @@ int code_of(SSError* err) {
 // The WWN of LUN `num` as the array's own tool reports it; the state file
 // leaves out what follows from the number.
 std::string wwn_of(const SimArray& array, const std::string& frame, const std::string& num) {
-    // A tool call takes its state folder from the environment, as the module's do.
-    std::string cmd = "ARRAYSIM_STATE='" + array.dir() + "' '" + SimArray::program() +
-                      "' tilloseccli -h " + frame + " getlun -uid";
-    std::string out;
-    if (FILE* p = popen(cmd.c_str(), "r")) {
-        char buf[4096];
-        size_t n;
-        while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-        pclose(p);
-    }
+    // A tool takes its state folder from the environment, as the module's do.
+    zovtest::ChildOptions o;
+    o.env = zovtest::current_env();
+    zovtest::set_var(o.env, "ARRAYSIM_STATE", array.dir());
+    std::string out =
+        zovtest::run_child({SimArray::program(), "tilloseccli", "-h", frame, "getlun", "-uid"}, o)
+            .out;
     std::string key = "LOGICAL UNIT NUMBER " + num + "\n";
     size_t at = out.find(key);
     if (at == std::string::npos) return "";

@@ -7,10 +7,11 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "tests/support/fixture.h"
+#include "tests/support/temp_dir.h"
 #include "tools/merlsnap/handle_file.h"
 #include "tools/merlsnap/module.h"
 #include "tools/merlsnap/report.h"
@@ -20,26 +21,16 @@ namespace {
 class HandleFileTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/handlefileXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        m_dir = tmpl;
+        ASSERT_TRUE(m_tmp.ok());
+        m_dir = m_tmp.path();
         m_path = m_dir + "/snap.handle";
     }
-    void TearDown() override {
-        remove(m_path.c_str());
-        remove((m_dir + "/other").c_str());
-        rmdir(m_dir.c_str());
-    }
-    std::string content() const {
-        std::ifstream in(m_path, std::ios::binary);
-        std::stringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
+    std::string content() const { return zovtest::read_text(m_path); }
     void put(const std::string& path, const std::string& text) const {
         std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
     }
 
+    zovtest::TempDir m_tmp{"handlefile"};
     std::string m_dir, m_path;
     const HandleFile m_handle{"MIRROR", "0a1b-2c3d",
                               "MRRv1;198.18.0.1:198.18.0.2;0a1b-2c3d-0000|/dev/sdd;9|/dev/sdg"};

@@ -9,11 +9,10 @@
 #include <sys/wait.h>
 #include <time.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "drivers/cdi/cdi.h"
 #include "libndmp/ndmp_clnt/ndmp_clnt.h"
+#include "tests/support/fixture.h"
+#include "tests/support/temp_dir.h"
 #include "tests/unit/ndmp/ndmp_test_util.h"
 
 extern char** environ;
@@ -35,20 +34,12 @@ unsigned short free_port() {
     return ntohs(a.sin_port);
 }
 
-std::string slurp(const std::string& path) {
-    std::ifstream f(path);
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
-
 class Ndmjob : public ::testing::Test {
 protected:
     void start(const std::vector<std::string>& extra = {}) {
         if (access(kNdmjob, X_OK) != 0) GTEST_SKIP() << "ndmjob is not installed";
-        char tmpl[] = "/tmp/ndmjobXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
+        ASSERT_TRUE(tmp_.ok());
+        dir_ = tmp_.path();
         tape_ = dir_ + "/tape0";
         robot_ = dir_ + "/robot";
         close(open(tape_.c_str(), O_CREAT | O_WRONLY, 0644));
@@ -74,13 +65,14 @@ protected:
         stdin_w_ = in[1];
         // Ready when the log says so; a daemon that exits first has failed.
         for (int i = 0; i < 500; i++) {
-            if (slurp(log_).find("READY") != std::string::npos) break;
+            if (zovtest::read_text(log_).find("READY") != std::string::npos) break;
             int st;
-            ASSERT_EQ(waitpid(pid_, &st, WNOHANG), 0) << slurp(log_);
+            ASSERT_EQ(waitpid(pid_, &st, WNOHANG), 0) << zovtest::read_text(log_);
             struct timespec ts = {0, 10 * 1000 * 1000};
             nanosleep(&ts, nullptr);
         }
-        ASSERT_NE(slurp(log_).find("READY"), std::string::npos) << slurp(log_);
+        ASSERT_NE(zovtest::read_text(log_).find("READY"), std::string::npos)
+            << zovtest::read_text(log_);
         ndmp_test_set_port(port_);
         ndmp_test_set_time_limits(1500, 3000);
     }
@@ -92,18 +84,13 @@ protected:
             kill(pid_, SIGTERM);
             waitpid(pid_, nullptr, 0);
         }
-        if (!dir_.empty()) {
-            std::string cmd_rm[] = {tape_, tape_ + ".lck", tape_ + ".pos", log_};
-            for (auto& f : cmd_rm) unlink(f.c_str());
-            rmdir(robot_.c_str());
-            rmdir(dir_.c_str());
-        }
     }
     void* connect_auth() {
         return ndmp_create_connect(const_cast<char*>("127.0.0.1"), const_cast<char*>("ndmp"),
                                    const_cast<char*>("ndmp"), nullptr, 5, 5);
     }
 
+    zovtest::TempDir tmp_{"ndmjob"};
     std::string dir_, tape_, robot_, log_;
     unsigned short port_ = 0;
     pid_t pid_ = -1;

@@ -10,28 +10,29 @@
 #include <unistd.h>
 
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "libndmp/ndmp/ndmp.h"
 #include "libndmp/ndmp/ndmp_test_seam.h"
+#include "tests/support/log_capture.h"
 
 #define NDMP_XDR(f) reinterpret_cast<xdrproc_t>(reinterpret_cast<void (*)(void)>(f))
 
 namespace ndmptest {
 
-// Every line the client gives out, with its message number.
+// Every line the client gives out, with its message number, while one of
+// these lives. The client's log hook takes no context, so the lines go to one
+// capture of the process.
 struct LogCapture {
-    static std::mutex mu;
-    static std::vector<std::pair<int, std::string>> lines;
-    static void sink(int id, const char* text) {
-        std::lock_guard<std::mutex> g(mu);
-        lines.emplace_back(id, text);
+    static zovtest::LogCapture& log() {
+        static zovtest::LogCapture c;
+        return c;
     }
+    static void sink(int id, const char* text) { log().add(id, text); }
     LogCapture() {
-        clear();
+        log().clear();
         ndmp_set_log_func(sink);
         ndmp_set_trace_level(9);
     }
@@ -39,29 +40,10 @@ struct LogCapture {
         ndmp_set_log_func(nullptr);
         ndmp_set_trace_level(0);
     }
-    static void clear() {
-        std::lock_guard<std::mutex> g(mu);
-        lines.clear();
-    }
-    static bool has_id(int id) {
-        std::lock_guard<std::mutex> g(mu);
-        for (auto& l : lines)
-            if (l.first == id) return true;
-        return false;
-    }
-    static bool contains(const std::string& s) {
-        std::lock_guard<std::mutex> g(mu);
-        for (auto& l : lines)
-            if (l.second.find(s) != std::string::npos) return true;
-        return false;
-    }
-    static size_t count(const std::string& s) {
-        std::lock_guard<std::mutex> g(mu);
-        size_t n = 0;
-        for (auto& l : lines)
-            if (l.second.find(s) != std::string::npos) n++;
-        return n;
-    }
+    static void clear() { log().clear(); }
+    static bool has_id(int id) { return log().has_level(id); }
+    static bool contains(const std::string& s) { return log().has(s); }
+    static size_t count(const std::string& s) { return static_cast<size_t>(log().count(s)); }
 };
 
 // One end of a scripted connection.
