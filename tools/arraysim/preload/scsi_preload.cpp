@@ -60,12 +60,15 @@ struct CachedState {
     State st;
 };
 CachedState* g_state = nullptr;  // never freed: used until exit
+// Its own lock: reading the state closes descriptors, and the close wrapper
+// takes g_mtx.
+std::mutex g_state_mtx;
 
 bool identity_of(const std::string& name, DevIdentity& id) {
     const char* dir = getenv(kStateEnv);
     struct stat sb;
     if (!dir || stat(state_file(dir).c_str(), &sb) != 0) return false;
-    std::lock_guard<std::mutex> l(g_mtx);
+    std::lock_guard<std::mutex> l(g_state_mtx);
     if (!g_state) g_state = new CachedState;
     CachedState& c = *g_state;
     if (!c.ok || c.dev != sb.st_dev || c.ino != sb.st_ino || c.size != sb.st_size ||
