@@ -82,4 +82,15 @@ inline double cpu_seconds(int who) {
            (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
 }
 
+// The main of a benchmark with goals: runs what the command line selects,
+// keeping the figures, and exits 1 when `judge` counts a missed goal.
+inline int run_and_judge(int argc, char** argv, int (*judge)(const KeepingReporter&)) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+    KeepingReporter rep;
+    benchmark::RunSpecifiedBenchmarks(&rep);
+    benchmark::Shutdown();
+    return judge(rep) == 0 ? 0 : 1;
+}
+
 }  // namespace bench_goals

@@ -297,10 +297,5 @@ void ensure_preloaded(char** argv) {
 int main(int argc, char** argv) {
     ensure_preloaded(argv);
     register_all();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-    bench_goals::KeepingReporter rep;
-    benchmark::RunSpecifiedBenchmarks(&rep);
-    benchmark::Shutdown();
-    return judge(rep) == 0 ? 0 : 1;
+    return bench_goals::run_and_judge(argc, argv, &judge);
 }
