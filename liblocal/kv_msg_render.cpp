@@ -443,7 +443,8 @@ void emit_all(Sink& sink, const char* form, ValueSource& src) {
                 emit_int(sink, nfmt, sp.lenmod, sp.conv, v.i);
             break;
         case Val::DBL:
-            // The letter must read a double, whatever a message's text said.
+            // The letter must read a double whatever a stored message's text
+            // asked for ("%Ls" makes a number): the format goes to the C library.
             build_nfmt(nfmt, sizeof(nfmt), sp, width, prec, left, "",
                        is_float_conv(sp.conv) ? sp.conv : 'g');
             emit_native(sink, nfmt, v.d);
@@ -590,10 +591,7 @@ public:
         Val v;
         const char* t = text(pos);
         char c = sp.conv;
-        // A long double has no text form here. Only a floating conversion
-        // takes one: "%Ls" of a stored message is a string, not a number
-        // printed through "%s".
-        if (sp.lenmod == LM_BIGL && is_float_conv(c)) {
+        if (sp.lenmod == LM_BIGL) {  // a long double has no text form here
             v.kind = Val::DBL;
             v.d = 0;
             return v;

@@ -123,7 +123,7 @@ TEST_F(Post, LogLineLayoutAndRenderedFormRoundTrip) {
     char odd[] = "51 23 1 e%     -232112E 3\xc8  u 1 2 3 0 1";
     EXPECT_NE(render_logline(nullptr, odd), nullptr);
     // A stored message whose "%Ls" went to the C library as "%s" with a
-    // double behind it (a crash the fuzzer found) renders as a string.
+    // double behind it (a crash the fuzzer found) renders.
     EXPECT_NE(render_stbuf(nullptr, "50 33 0 6 3 1 1 23 1e%     - 232111Lsh0 1 2 5 o 5 1"),
               nullptr);
 }
