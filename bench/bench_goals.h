@@ -82,6 +82,13 @@ inline double cpu_seconds(int who) {
            (ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
 }
 
+// The system (kernel) part of that time.
+inline double kernel_seconds(int who) {
+    struct rusage ru;
+    getrusage(who, &ru);
+    return ru.ru_stime.tv_sec + ru.ru_stime.tv_usec / 1e6;
+}
+
 // The main of a benchmark with goals: runs what the command line selects,
 // keeping the figures, and exits 1 when `judge` counts a missed goal.
 inline int run_and_judge(int argc, char** argv, int (*judge)(const KeepingReporter&)) {
