@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -58,11 +59,13 @@ public:
         setenv("PATH", (std::string(ARRAYSIM_BIN_DIR) + ":" + m_oldPath).c_str(), 1);
         init.insert(init.begin(), "init");
         m_ok = admin(init) == 0;
+        if (m_ok) read_layout();
     }
     // The array of `shape`: made, then changed as the shape says.
     explicit Array(const Shape& shape) : Array(shape.init) {
         for (const std::vector<std::string>& a : shape.after)
             if (m_ok && admin(a) != 0) m_ok = false;
+        if (m_ok && !shape.after.empty()) read_layout();
     }
     ~Array() {
         setenv("PATH", m_oldPath.c_str(), 1);
@@ -80,67 +83,143 @@ public:
     // Every frame's two addresses, "a:b", in frame order (down or not).
     std::vector<std::string> frames() const {
         std::vector<std::string> v;
-        for (const zovtest::SimRecord& r : zovtest::sim_records(m_dir)) {
-            if (r.kind != "frame") continue;
-            std::string a = r.get("addrs");
-            size_t comma = a.find(',');
-            if (comma != std::string::npos) a[comma] = ':';
-            v.push_back(a);
-        }
+        for (const Frame& f : m_frames) v.push_back(f.addrs[0] + ":" + f.addrs[1]);
         return v;
     }
+    // How many frames answer.
+    size_t frames_up() const {
+        size_t n = 0;
+        for (const Frame& f : m_frames) n += f.down ? 0 : 1;
+        return n;
+    }
+    // The address the array's tool is asked at for frame `frame`.
+    const std::string& addr(int frame) const { return m_frames.at(frame).addrs[0]; }
+
     // One LUN as the tests use it: its host device (the pseudo device of a
-    // multipath LUN) and its COW configuration.
+    // multipath LUN), its COW configuration, its snapshot mount point and
+    // its consistency group.
     struct Lun {
         int frame = 0;
         std::string num, dev, snapdev;
         bool cow = false;
+        std::string host_dev;   // the host device's name, as the host's own tools print it
+        std::string host_path;  // its first path (itself, where it is no pseudo device)
+        std::string smp, smpdev, cg;
     };
     // The LUNs this host sees, in file order, on frames that answer.
-    std::vector<Lun> luns() const {
-        std::vector<Lun> v;
-        std::vector<bool> down;
-        bool in_lun = false;
-        for (const zovtest::SimRecord& r : zovtest::sim_records(m_dir)) {
-            if (r.kind == "frame") down.push_back(r.get("down") == "1");
-            if (r.kind == "lun") {
-                Lun l;
-                l.frame = std::stoi(r.get("frame"));
-                l.num = r.get("num");
-                l.snapdev = r.get("snapdev");
-                l.cow = !r.get("snapname").empty();
-                in_lun = l.frame < static_cast<int>(down.size()) && !down[l.frame];
-                if (in_lun) v.push_back(l);
-            } else if (r.kind == "dev" && in_lun && r.get("host") == "0" && v.back().dev.empty()) {
-                std::string pseudo = r.get("pseudo");
-                std::string paths = r.get("paths");
-                v.back().dev = dev(!pseudo.empty() ? pseudo : paths.substr(0, paths.find(',')));
-            } else if (r.kind != "dev") {
-                in_lun = false;
-            }
-        }
-        return v;
+    const std::vector<Lun>& luns() const { return m_luns; }
+    const Lun* lun(const std::string& num) const {
+        for (const Lun& l : m_luns)
+            if (l.num == num) return &l;
+        return nullptr;
+    }
+    const Lun* lun_of(const std::string& device) const {
+        for (const Lun& l : m_luns)
+            if (l.dev == device) return &l;
+        return nullptr;
     }
     // The first `n` COW-configured LUNs' devices; fewer when the array has
     // fewer.
     std::vector<std::string> cow_sources(size_t n) const {
         std::vector<std::string> v;
-        for (const Lun& l : luns())
+        for (const Lun& l : m_luns)
             if (l.cow && v.size() < n) v.push_back(l.dev);
         return v;
     }
     // The device where the host tool shows an activated session of `source`.
     std::string snapdev_of(const std::string& source) const {
-        for (const Lun& l : luns())
-            if (l.dev == source) return l.snapdev;
-        return "";
+        const Lun* l = lun_of(source);
+        return l != nullptr ? l->snapdev : "";
     }
     // A device of the array with no COW configuration.
     std::string plain_device() const {
-        for (const Lun& l : luns())
+        for (const Lun& l : m_luns)
             if (!l.cow) return l.dev;
         return "";
     }
+    // A LUN device other than those of `taken`.
+    std::string other_device(const std::vector<std::string>& taken) const {
+        for (const Lun& l : m_luns)
+            if (std::find(taken.begin(), taken.end(), l.dev) == taken.end()) return l.dev;
+        return "";
+    }
+
+    // A device of the host that another maker's disk answers for.
+    std::string foreign_device() const { return m_foreign.empty() ? "" : dev(m_foreign[0]); }
+    // A device of the array with neither a COW configuration nor a
+    // snapshot mount point.
+    std::string unconfigured_device() const {
+        for (const Lun& l : m_luns)
+            if (!l.cow && l.smp.empty()) return l.dev;
+        return "";
+    }
+
+    // Clone groups on frames that answer, in the order the array lists them.
+    struct Clone {
+        std::string id, lun;
+    };
+    struct CloneGroup {
+        int frame = 0;
+        std::string name, uid, src;
+        std::vector<Clone> clones;
+    };
+    const std::vector<CloneGroup>& clone_groups() const { return m_clone_groups; }
+    // A source with the clone a mirror snapshot of it takes while every
+    // clone is in sync: the first clone of the first group listed for it.
+    struct MirrorSource {
+        std::string dev;
+        const Lun* lun;
+        const CloneGroup* group;
+        const Lun* clone;
+    };
+    // The first `n` LUNs with a clone group; fewer when the array has fewer.
+    std::vector<MirrorSource> mirror_sources(size_t n) const {
+        std::vector<MirrorSource> v;
+        for (const CloneGroup& g : m_clone_groups) {
+            if (v.size() == n) break;
+            bool seen = false;
+            for (const MirrorSource& m : v) seen = seen || m.lun->num == g.src;
+            const Lun* src = lun(g.src);
+            const Lun* clone = g.clones.empty() ? nullptr : lun(g.clones[0].lun);
+            if (!seen && src != nullptr && clone != nullptr)
+                v.push_back(MirrorSource{src->dev, src, &g, clone});
+        }
+        return v;
+    }
+
+    // Consistency groups on frames that answer.
+    struct ConsistencyGroup {
+        int frame = 0;
+        std::string name;
+        std::vector<std::string> luns;
+    };
+    const std::vector<ConsistencyGroup>& consistency_groups() const { return m_cgs; }
+    // The first `n` LUNs of frame `frame` with a snapshot mount point and
+    // no consistency group, the ones advanced snapshots take by path.
+    std::vector<const Lun*> kvt_sources(size_t n, int frame) const {
+        std::vector<const Lun*> v;
+        for (const Lun& l : m_luns)
+            if (l.frame == frame && !l.smp.empty() && l.cg.empty() && v.size() < n) v.push_back(&l);
+        return v;
+    }
+    // Whether frame `frame` answers.
+    bool up(int frame) const { return !m_frames.at(frame).down; }
+    // A LUN's WWN in the colon-free form a loader hands over, as the array
+    // lists it.
+    std::string wwn(const Lun& l) const {
+        std::string out;
+        admin({"tilloseccli", "-h", addr(l.frame), "lun", "-list", "-l", l.num, "-uid"}, &out);
+        size_t at = out.find("UID:");
+        if (at == std::string::npos) return "";
+        std::string w;
+        for (char c : out.substr(out.find_first_not_of(" ", at + 4)))
+            if (c == '\n')
+                break;
+            else if (c != ':')
+                w += c;
+        return w;
+    }
+
     std::vector<std::string> log_lines(const std::string& containing) const {
         std::vector<std::string> v;
         std::ifstream in(m_dir + "/commands.log");
@@ -170,7 +249,88 @@ private:
     std::string m_dir;
     std::string m_oldPath;
     bool m_ok = false;
+
+    // The layout as made: the lives change sessions and clone states, never
+    // which frames, LUNs, groups and devices there are, so it is read once
+    // (and threads read it without a lock).
+    struct Frame {
+        std::vector<std::string> addrs;
+        bool down = false;
+    };
+    void read_layout();
+    std::vector<Frame> m_frames;
+    std::vector<Lun> m_luns;
+    std::vector<CloneGroup> m_clone_groups;
+    std::vector<ConsistencyGroup> m_cgs;
+    std::vector<std::string> m_foreign;
 };
+
+inline void Array::read_layout() {
+    m_frames.clear();
+    m_luns.clear();
+    m_clone_groups.clear();
+    m_cgs.clear();
+    m_foreign.clear();
+    const std::vector<zovtest::SimRecord> records = zovtest::sim_records(m_dir);
+    for (const zovtest::SimRecord& r : records) {
+        if (r.kind != "frame") continue;
+        Frame f;
+        std::string a = r.get("addrs");
+        size_t comma = a.find(',');
+        f.addrs = {a.substr(0, comma), comma != std::string::npos ? a.substr(comma + 1) : ""};
+        f.down = r.get("down") == "1";
+        m_frames.push_back(f);
+    }
+    auto answers = [&](const std::string& frame) {
+        size_t f = std::stoul(frame);
+        return f < m_frames.size() && !m_frames[f].down;
+    };
+    bool in_lun = false, in_group = false;
+    for (const zovtest::SimRecord& r : records) {
+        if (r.kind == "lun") {
+            in_lun = answers(r.get("frame"));
+            if (!in_lun) continue;
+            Lun l;
+            l.frame = std::stoi(r.get("frame"));
+            l.num = r.get("num");
+            l.snapdev = r.get("snapdev");
+            l.cow = !r.get("snapname").empty();
+            l.smp = r.get("smp");
+            l.smpdev = r.get("smpdev");
+            l.cg = r.get("cg");
+            m_luns.push_back(l);
+        } else if (r.kind == "dev") {
+            if (!in_lun || r.get("host") != "0" || !m_luns.back().dev.empty()) continue;
+            std::string pseudo = r.get("pseudo");
+            std::string paths = r.get("paths");
+            m_luns.back().host_path = paths.substr(0, paths.find(','));
+            m_luns.back().host_dev = !pseudo.empty() ? pseudo : m_luns.back().host_path;
+            m_luns.back().dev = dev(m_luns.back().host_dev);
+        } else if (r.kind == "clonegroup") {
+            in_lun = false;
+            in_group = answers(r.get("frame"));
+            if (in_group)
+                m_clone_groups.push_back(CloneGroup{
+                    std::stoi(r.get("frame")), r.get("name"), r.get("uid"), r.get("src"), {}});
+        } else if (r.kind == "clone") {
+            if (in_group) m_clone_groups.back().clones.push_back(Clone{r.get("id"), r.get("lun")});
+        } else if (r.kind == "cg") {
+            in_lun = in_group = false;
+            if (!answers(r.get("frame"))) continue;
+            ConsistencyGroup cg{std::stoi(r.get("frame")), r.get("name"), {}};
+            std::string list = r.get("luns");
+            for (size_t b = 0; b < list.size();) {
+                size_t e = std::min(list.find(',', b), list.size());
+                cg.luns.push_back(list.substr(b, e - b));
+                b = e + 1;
+            }
+            m_cgs.push_back(cg);
+        } else {
+            in_lun = in_group = false;
+            if (r.kind == "foreign") m_foreign.push_back(r.get("name"));
+        }
+    }
+}
 
 // The loader's side: a subsystem and a directory service per test.
 class Loader {

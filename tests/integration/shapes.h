@@ -1,5 +1,7 @@
 // The arrays the integration suite runs over: each a name, the options of
 // `arraysim init` and the changes made after it. A new shape is one row.
+// Every frame has three clone groups, on its first three sources: the
+// mirror life with threads takes three sources that have clones.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -18,15 +20,17 @@ struct Shape {
 
 inline const std::vector<Shape>& shapes() {
     static const std::vector<Shape> all = {
-        {"OneFrameOneLun", {"--frames", "1", "--luns", "1"}, {}},
-        {"TwoFramesFourLuns", {"--frames", "2", "--luns", "4"}, {}},
+        {"OneFrameOneLun", {"--frames", "1", "--luns", "1", "--clone-groups", "3"}, {}},
+        {"TwoFramesFourLuns", {"--frames", "2", "--luns", "4", "--clone-groups", "3"}, {}},
         // The second source of every life is the trespassed one.
         {"FourFramesMultipathTrespassed",
-         {"--frames", "4", "--luns", "4", "--multipath"},
+         {"--frames", "4", "--luns", "4", "--clone-groups", "3", "--multipath"},
          {{"set", "lun", "0", "1", "trespassed=1"}}},
-        {"SecondFrameDown", {"--frames", "2", "--luns", "4"}, {{"set", "frame", "1", "down=1"}}},
+        {"SecondFrameDown",
+         {"--frames", "2", "--luns", "4", "--clone-groups", "3"},
+         {{"set", "frame", "1", "down=1"}}},
         // The lives use the first LUNs; the rest make every listing long.
-        {"FiveHundredLuns", {"--frames", "1", "--luns", "500"}, {}},
+        {"FiveHundredLuns", {"--frames", "1", "--luns", "500", "--clone-groups", "3"}, {}},
     };
     return all;
 }

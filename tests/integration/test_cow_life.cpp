@@ -144,7 +144,9 @@ TEST_P(CowLife, FailedLastSessionStopsAllAndStaysPrepared) {
     EXPECT_TRUE(loader->take(s->snapshot(nullptr, task)));
     EXPECT_EQ(s->getSnapshotState(), ldr::PREPARED);
     EXPECT_TRUE(array->sessions().empty());
-    // Each session is stopped on every address the loader named.
+    // Each session is stopped on every address the loader named, a frame
+    // that is down included: the stop is not a walk that ends at the first
+    // answer.
     EXPECT_EQ(array->log_lines("-stopsession").size(), 3 * 2 * array->frames().size());
     delete srcs;
     loader->finish(s);
@@ -209,8 +211,16 @@ TEST_P(CowLife, ArraysSoftwareListDecidesTheVersionCheck) {
     ldr::ISnapshot* s = loader->production();
     ASSERT_NE(s, nullptr) << loader->text;
     loader->finish(s);
-    // On every frame: which frame's record the check reads is not pinned here.
+    // The survey asks every address and a later frame's record overwrites an
+    // earlier one's: a bad revision on the first frame alone fails the check
+    // only where no later frame answers.
     const size_t frames = array->frames().size();
+    bool later_answers = false;
+    for (size_t f = 1; f < frames; f++) later_answers = later_answers || array->up(f);
+    ASSERT_EQ(array->admin({"set", "package", "0", "TILLOCLI", "rev=7.29.9.0.0"}), 0);
+    s = loader->production();
+    EXPECT_EQ(s != nullptr, later_answers) << loader->text;
+    loader->finish(s);
     for (size_t f = 0; f < frames; f++)
         ASSERT_EQ(array->admin({"set", "package", std::to_string(f), "TILLOCLI", "rev=7.29.9.0.0"}),
                   0);

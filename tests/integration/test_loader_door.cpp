@@ -1,6 +1,7 @@
 // A loader written from the interface declarations alone (no header of the
 // module): it opens the built module with dlopen, follows the loader's
-// calling order and checks what comes back, byte for byte.
+// calling order and checks what comes back, byte for byte, with the frames
+// and devices of each array shape.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <stdint.h>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/integration/cow_fixture.h"
 #include "tests/integration/loader_decls.h"
 
 namespace {
@@ -22,7 +24,7 @@ void capture(int level, const char*, int, const char* message, void* ctx) {
     static_cast<Captured*>(ctx)->lines.push_back(std::to_string(level) + " " + message);
 }
 
-class LoaderDoor : public ::testing::Test {
+class LoaderDoor : public ::testing::TestWithParam<cowtest::Shape> {
 protected:
     void* handle = nullptr;
     ldr::SSError* (*instantiateSS)(ldr::StorageSubsystem*&) = nullptr;
@@ -53,7 +55,11 @@ protected:
     }
 };
 
-TEST_F(LoaderDoor, FollowsTheCallingOrderEndToEnd) {
+TEST_P(LoaderDoor, FollowsTheCallingOrderEndToEnd) {
+    cowtest::Array array(GetParam());
+    ASSERT_TRUE(array.ok()) << "simulated array";
+    ASSERT_FALSE(array.luns().empty());
+    const std::string source = array.luns()[0].dev;
     ldr::SSAPIVersion v = getSSAPIVersion();
     EXPECT_EQ(v.m_majorVersion, 1);
     EXPECT_EQ(v.m_minorVersion, 1);
@@ -88,7 +94,7 @@ TEST_F(LoaderDoor, FollowsTheCallingOrderEndToEnd) {
 
     ASSERT_EQ(ss->getDirectoryService(0, ds), nullptr);
     ASSERT_NE(ds, nullptr);
-    ldr::attrlist* frames = ldr::make_attr("FRAME_IP", {"b:a", "a"});
+    ldr::attrlist* frames = ldr::make_attr("FRAME_IP", array.frames());
     ASSERT_EQ(ds->init(frames), nullptr);
     ldr::free_attrs(frames);
     EXPECT_EQ(log.lines.back(), "9 END: merlDirectoryService::init");
@@ -130,7 +136,7 @@ TEST_F(LoaderDoor, FollowsTheCallingOrderEndToEnd) {
         "supported");
 
     ldr::attrlist* out = nullptr;
-    e = ds->getSourceAttributes("/dev/sdb", nullptr, out);
+    e = ds->getSourceAttributes(source.c_str(), nullptr, out);
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->errorCode, 19);
     EXPECT_EQ(text_of(e), "Snap Provider Error : No source attributes supported for this vendor.");
@@ -142,11 +148,14 @@ TEST_F(LoaderDoor, FollowsTheCallingOrderEndToEnd) {
     freeSSObject(ss);
 }
 
-TEST_F(LoaderDoor, FreeSSAttrlistTakesAModuleLayoutList) {
+// Shape-free: no array is made or asked.
+TEST_P(LoaderDoor, FreeSSAttrlistTakesAModuleLayoutList) {
     // The module frees what it produced; a list in the shared layout made by
     // the module's own allocator family (malloc) is accepted too.
     freeSSAttrlist(nullptr);
     freeSSAttrlist(ldr::make_attr("A", {"1", "2"}));
 }
+
+COWTEST_OVER_SHAPES(LoaderDoor);
 
 }  // namespace

@@ -1,6 +1,6 @@
-// merlsnap as people and scripts run it against a simulated array: what it
-// shows of the module's work, and how it ends when the array, the handle
-// file or the person's own command misbehaves.
+// merlsnap as people and scripts run it against each shape of simulated
+// array: what it shows of the module's work, and how it ends when the array,
+// the handle file or the person's own command misbehaves.
 #include <stdio.h>
 #include <unistd.h>
 
@@ -14,9 +14,12 @@ namespace {
 
 using cowtest::Array;
 
-class Merlsnap : public ::testing::Test {
+class Merlsnap : public ::testing::TestWithParam<cowtest::Shape> {
 protected:
-    void SetUp() override { ASSERT_TRUE(array.ok()); }
+    void SetUp() override {
+        ASSERT_TRUE(array.ok());
+        ASSERT_FALSE(source(0).empty()) << "a COW source on the first frame";
+    }
 
     int merlsnap(std::vector<std::string> args, std::string* out = nullptr) {
         args.insert(args.begin(), MERLSNAP_PATH);
@@ -25,49 +28,51 @@ protected:
         if (out != nullptr) *out = text;
         return rc;
     }
-    // The host device of the first COW source LUN of a frame.
+    // The host device of the first COW source LUN of a frame that answers.
     std::string source(int frame) const {
-        std::ifstream in(array.dir() + "/state");
-        const std::string lun = "lun frame=" + std::to_string(frame) + " ";
-        bool want = false;
-        for (std::string l; std::getline(in, l);) {
-            if (l.compare(0, lun.size(), lun) == 0) want = l.find("snapname=") != std::string::npos;
-            if (want && l.compare(0, 17, "dev host=0 paths=") == 0)
-                return array.dev(l.substr(17, l.find_first_of(" ,", 17) - 17));
-        }
+        for (const Array::Lun& l : array.luns())
+            if (l.frame == frame && l.cow) return l.dev;
         return "";
     }
     int snapshot(const std::vector<std::string>& devices, std::string* out = nullptr,
                  std::vector<std::string> extra = {}) {
-        std::vector<std::string> a{
-            "snapshot", "--frame", "198.18.0.1:198.18.0.2", "--frame", "198.18.1.1:198.18.1.2",
-            "--handle", handle};
+        std::vector<std::string> a{"snapshot", "--handle", handle};
+        for (const std::string& f : array.frames()) {
+            a.push_back("--frame");
+            a.push_back(f);
+        }
         a.insert(a.end(), extra.begin(), extra.end());
         a.insert(a.end(), devices.begin(), devices.end());
         return merlsnap(a, out);
     }
 
-    Array array;
+    Array array{GetParam()};
     const std::string handle = array.dir() + "/snap.handle";
 };
 
-TEST_F(Merlsnap, ShowsTheOutcomeNotTheFrameWalkUnlessAskedOrFailing) {
-    const std::vector<std::string> both{source(0), source(1)};
-    ASSERT_FALSE(both[1].empty());
+TEST_P(Merlsnap, ShowsTheOutcomeNotTheFrameWalkUnlessAskedOrFailing) {
+    // A source on each of the first two frames that answer: the second
+    // one's session is started after the first frame's addresses refuse it.
+    std::vector<std::string> sources{source(0)};
+    const std::vector<std::string> frames = array.frames();
+    for (size_t f = 1; f < frames.size() && sources.size() < 2; f++)
+        if (!source(static_cast<int>(f)).empty()) sources.push_back(source(static_cast<int>(f)));
+    const bool walks = sources.size() > 1;
     std::string out;
-    ASSERT_EQ(snapshot(both, &out), 0) << out;
+    ASSERT_EQ(snapshot(sources, &out), 0) << out;
     EXPECT_EQ(out.find("[-1]"), std::string::npos) << out;
     EXPECT_NE(out.find("Took the snapshot"), std::string::npos) << out;
-    // The walk over the other frame's addresses is one option away.
-    ASSERT_EQ(snapshot(both, &out, {"--log-level", "3"}), 0) << out;
-    EXPECT_NE(out.find("[-1]"), std::string::npos) << out;
+    // The walk over the other frame's addresses is one option away; with no
+    // source beyond the first frame there is no walk to show.
+    ASSERT_EQ(snapshot(sources, &out, {"--log-level", "3"}), 0) << out;
+    EXPECT_EQ(out.find("[-1]") != std::string::npos, walks) << out;
     // A failure shows what the module logged on the way to it.
-    EXPECT_NE(snapshot({array.dev("sda")}, &out), 0);
+    EXPECT_NE(snapshot({array.foreign_device()}, &out), 0);
     EXPECT_NE(out.find("The module's log up to the failure:"), std::string::npos) << out;
     EXPECT_NE(out.find("is not snappable"), std::string::npos) << out;
 }
 
-TEST_F(Merlsnap, MountRunPassesTheCommandsFailureOnAfterReleasing) {
+TEST_P(Merlsnap, MountRunPassesTheCommandsFailureOnAfterReleasing) {
     ASSERT_EQ(snapshot({source(0)}), 0);
     std::string out;
     EXPECT_EQ(
@@ -81,7 +86,7 @@ TEST_F(Merlsnap, MountRunPassesTheCommandsFailureOnAfterReleasing) {
     EXPECT_NE(out.find("killed by signal 9"), std::string::npos) << out;
 }
 
-TEST_F(Merlsnap, ALongToolAnswerIsCappedOnTheTerminalAndWholeInJson) {
+TEST_P(Merlsnap, ALongToolAnswerIsCappedOnTheTerminalAndWholeInJson) {
     ASSERT_EQ(snapshot({source(0)}), 0);
     const std::string answer = "Error: " + std::string(100000, 'q');
     ASSERT_EQ(array.admin({"fault", "add", "tilloseccli", "refuse", "--match", "startrollback",
@@ -96,7 +101,7 @@ TEST_F(Merlsnap, ALongToolAnswerIsCappedOnTheTerminalAndWholeInJson) {
     EXPECT_NE(out.find(answer), std::string::npos);
 }
 
-TEST_F(Merlsnap, ADamagedHandleFileIsRefusedBeforeTheModuleSeesIt) {
+TEST_P(Merlsnap, ADamagedHandleFileIsRefusedBeforeTheModuleSeesIt) {
     ASSERT_EQ(snapshot({source(0)}), 0);
     std::string whole;
     {
@@ -113,7 +118,7 @@ TEST_F(Merlsnap, ADamagedHandleFileIsRefusedBeforeTheModuleSeesIt) {
     EXPECT_TRUE(array.log_lines("").empty());
 }
 
-TEST_F(Merlsnap, ASourceNamedWithADashIsRefusedBeforeAnyWork) {
+TEST_P(Merlsnap, ASourceNamedWithADashIsRefusedBeforeAnyWork) {
     const std::string link = array.dir() + "/data-disk";
     ASSERT_EQ(symlink(source(0).c_str(), link.c_str()), 0);
     array.admin({"log", "--clear"});
@@ -123,5 +128,7 @@ TEST_F(Merlsnap, ASourceNamedWithADashIsRefusedBeforeAnyWork) {
     EXPECT_TRUE(array.log_lines("").empty());
     EXPECT_NE(access(handle.c_str(), F_OK), 0);
 }
+
+COWTEST_OVER_SHAPES(Merlsnap);
 
 }  // namespace

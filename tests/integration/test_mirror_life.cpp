@@ -1,6 +1,8 @@
 // Mirror snapshots through the loader's interface against a simulated array:
 // the production life with its consistent split, the mount host's life,
 // rollback with task polling, the failure paths, and threads.
+#include <stdio.h>
+
 #include <regex>
 #include <thread>
 
@@ -10,41 +12,53 @@ namespace {
 
 using cowtest::Array;
 using cowtest::Loader;
+using Source = cowtest::Array::MirrorSource;
 
-const std::string kG0 = "50:06:01:60:00:00:00:00:00:00:00:00:C1:00:00:00";
-const std::string kG1 = "50:06:01:60:00:00:00:00:00:00:00:00:C1:00:00:01";
-const std::string kId1 = "0100000000000000";
+std::string as_literal(const std::string& s) {
+    return std::regex_replace(s, std::regex("[.^$|()\\[\\]{}*+?\\\\]"), "\\$&");
+}
 
-class MirrorLife : public ::testing::Test {
+// The source LUN as a clone record of the handle writes it.
+std::string lun3(const std::string& num) {
+    char buf[16];
+    snprintf(buf, sizeof buf, "%03d", std::stoi(num));
+    return buf;
+}
+
+// What a source's record of the handle names before its fracture flag: the
+// clone group, the clone, the clone LUN and the source LUN.
+std::string clone_record(const Source& m) {
+    return m.group->uid + "-" + m.group->clones[0].id + "-" + m.clone->num + "-" + lun3(m.lun->num);
+}
+
+class MirrorLife : public ::testing::TestWithParam<cowtest::Shape> {
 protected:
-    MirrorLife()
-        : array({"--frames", "1", "--clone-groups", "3", "--clones", "2", "--sync-steps", "2"}) {}
     void SetUp() override {
-        ASSERT_TRUE(array.ok()) << "simulated array";
-        loader.reset(new Loader);
+        array.reset(new Array(GetParam()));
+        ASSERT_TRUE(array->ok()) << "simulated array";
+        loader.reset(new Loader(array->frames()));
         ASSERT_TRUE(loader->ok()) << loader->text;
         loader->tech = "MIRROR";
     }
-    // A clone's field as the array lists it.
-    std::string clone_field(const std::string& group, const std::string& id,
-                            const std::string& key) {
+    // The field of the clone a source takes, as its frame lists it.
+    std::string clone_field(const Source& m, const std::string& key) {
         std::string out;
-        array.admin({"tilloseccli", "-h", "198.18.0.1", "quillset", "-listclone", "-CloneGroupUid",
-                     group, "-CloneId", id, "-all"},
-                    &out);
+        array->admin({"tilloseccli", "-h", array->addr(m.group->frame), "quillset", "-listclone",
+                      "-CloneGroupUid", m.group->uid, "-CloneId", m.group->clones[0].id, "-all"},
+                     &out);
         size_t at = out.find(key + ":");
         if (at == std::string::npos) return "";
         size_t b = out.find_first_not_of(" ", at + key.size() + 1);
         return out.substr(b, out.find('\n', b) - b);
     }
-    std::string rate(const std::string& group, const std::string& id = kId1) {
-        return clone_field(group, id, "SyncRate");
-    }
-    void set_clone(const std::string& group_name, const std::string& id,
-                   const std::vector<std::string>& fields) {
-        std::vector<std::string> args{"set", "clone", group_name, id};
+    std::string rate(const Source& m) { return clone_field(m, "SyncRate"); }
+    void set_clone(const Source& m, const std::vector<std::string>& fields) {
+        std::vector<std::string> args{"set", "clone", m.group->name, m.group->clones[0].id};
         args.insert(args.end(), fields.begin(), fields.end());
-        ASSERT_EQ(array.admin(args), 0);
+        ASSERT_EQ(array->admin(args), 0);
+    }
+    void fracture(const Source& m) {
+        set_clone(m, {"state=Consistent", "cond=Administratively Fractured", "fractured=1"});
     }
     ldr::ISnapshot* validated(const std::string& guid, const std::string& details) {
         ldr::ISnapshot* s = loader->from_handle(guid, details);
@@ -54,30 +68,45 @@ protected:
         }
         return s;
     }
-    Array array;
+    std::string frames_field() {
+        std::string frames;
+        for (const std::string& f : array->frames()) frames += (frames.empty() ? "" : ":") + f;
+        return frames;
+    }
+    std::unique_ptr<Array> array;
     std::unique_ptr<Loader> loader;
 };
 
-TEST_F(MirrorLife, ProductionSplitThenMountHostLife) {
+// Declares `var` as the first `n` sources with a clone group, or skips the
+// test on a shape that has fewer.
+#define MIRROR_SOURCES(var, n)                                                   \
+    const std::vector<Source> var = array->mirror_sources(n);                    \
+    if (var.size() < (n))                                                        \
+    GTEST_SKIP() << GetParam().name << " has " << var.size() << " sources with " \
+                 << "a clone group, the life needs " << (n)
+
+TEST_P(MirrorLife, ProductionSplitThenMountHostLife) {
+    MIRROR_SOURCES(src, 2);
     std::string guid, details;
-    ASSERT_TRUE(loader->take_snapshot({array.dev("sdd"), array.dev("sdg")}, guid, details))
+    ASSERT_TRUE(loader->take_snapshot({src[0].dev, src[1].dev}, guid, details))
         << loader->text << loader->errors;
 
     // Each source's record names its clone group, clone, clone LUN, source
     // LUN, whether the clone was fractured when chosen, the delete rule and
     // the time.
-    std::regex form("KVTv1;198\\.18\\.0\\.1:198\\.18\\.0\\.2;" + kG0 + "-" + kId1 +
-                    "-8-000-No-Retain-[0-9]{12}\\|" + array.dev("sdd") + ";" + kG1 + "-" + kId1 +
-                    "-10-001-No-Retain-[0-9]{12}\\|" + array.dev("sdg"));
+    std::regex form("KVTv1;" + as_literal(frames_field()) + ";" + clone_record(src[0]) +
+                    "-No-Retain-[0-9]{12}\\|" + as_literal(src[0].dev) + ";" +
+                    clone_record(src[1]) + "-No-Retain-[0-9]{12}\\|" + as_literal(src[1].dev));
     EXPECT_TRUE(std::regex_match(details, form)) << details;
-    EXPECT_EQ(rate(kG0), "3981");
-    EXPECT_EQ(rate(kG1), "3981");
+    EXPECT_EQ(rate(src[0]), "3981");
+    EXPECT_EQ(rate(src[1]), "3981");
     // Both clones were split by one consistent fracture.
-    ASSERT_EQ(array.log_lines("-consistentfractureclones").size(), 1u);
-    EXPECT_NE(array.log_lines("-consistentfractureclones")[0].find(
-                  "-CloneGroupUidCloneId " + kG0 + " " + kId1 + " " + kG1 + " " + kId1),
+    ASSERT_EQ(array->log_lines("-consistentfractureclones").size(), 1u);
+    EXPECT_NE(array->log_lines("-consistentfractureclones")[0].find(
+                  "-CloneGroupUidCloneId " + src[0].group->uid + " " + src[0].group->clones[0].id +
+                  " " + src[1].group->uid + " " + src[1].group->clones[0].id),
               std::string::npos);
-    EXPECT_EQ(clone_field(kG0, kId1, "IsFractured"), "Yes");
+    EXPECT_EQ(clone_field(src[0], "IsFractured"), "Yes");
 
     ldr::ISnapshot* mh = validated(guid, details);
     ASSERT_NE(mh, nullptr) << loader->text;
@@ -87,13 +116,16 @@ TEST_F(MirrorLife, ProductionSplitThenMountHostLife) {
     EXPECT_EQ(std::string(reinterpret_cast<char*>(again->m_pdetails)), details);
     cowtest::module().freeSSObject(again);
 
-    ldr::SSSourceList* srcs = ldr::make_sources({array.dev("sdd"), array.dev("sdg")});
+    ldr::SSSourceList* srcs = ldr::make_sources({src[0].dev, src[1].dev});
     ASSERT_FALSE(loader->take(mh->mount(srcs))) << loader->text;
     EXPECT_EQ(mh->getSnapshotState(), ldr::READY);
     ldr::SSSourceList* paths = nullptr;
     ASSERT_FALSE(loader->take(mh->getSnapshotAccessPath(srcs, paths))) << loader->text;
-    // The clones' devices on this host, as its volume map names them.
-    EXPECT_EQ(ldr::names_of(paths), (std::vector<std::string>{"/dev/sdz", "/dev/sdad"}));
+    // The clones' devices on this host, as its volume map names them: a
+    // multipath clone by its first path, not by its pseudo device, though
+    // its source was given by the pseudo device.
+    EXPECT_EQ(ldr::names_of(paths), (std::vector<std::string>{"/dev/" + src[0].clone->host_path,
+                                                              "/dev/" + src[1].clone->host_path}));
     cowtest::module().freeSSObject(paths);
     EXPECT_TRUE(loader->take(mh->mount(srcs)));  // mounted already: illegal state
     EXPECT_EQ(loader->code, 10);
@@ -103,19 +135,19 @@ TEST_F(MirrorLife, ProductionSplitThenMountHostLife) {
     // Delete releases the clones and, under "Retain", starts their sync.
     ASSERT_FALSE(loader->take(mh->deleteSnapshot())) << loader->text;
     EXPECT_EQ(mh->getSnapshotState(), ldr::ERROR);
-    EXPECT_EQ(rate(kG0), "high");
-    EXPECT_EQ(rate(kG1), "high");
-    EXPECT_EQ(array.log_lines("-syncclone").size(), 2u);
+    EXPECT_EQ(rate(src[0]), "high");
+    EXPECT_EQ(rate(src[1]), "high");
+    EXPECT_EQ(array->log_lines("-syncclone").size(), 2u);
     delete srcs;
     loader->finish(mh);
 }
 
-TEST_F(MirrorLife, FracturedCloneMakesPrepareWaitForTheStatusPoll) {
-    set_clone("CloneGrp_0", kId1,
-              {"state=Consistent", "cond=Administratively Fractured", "fractured=1"});
+TEST_P(MirrorLife, FracturedCloneMakesPrepareWaitForTheStatusPoll) {
+    MIRROR_SOURCES(src, 1);
+    fracture(src[0]);
     ldr::ISnapshot* s = loader->production();
     ASSERT_NE(s, nullptr) << loader->text;
-    ldr::SSSourceList* srcs = ldr::make_sources({array.dev("sdd")});
+    ldr::SSSourceList* srcs = ldr::make_sources({src[0].dev});
     ASSERT_FALSE(loader->take(s->addComponent(srcs)));
     ldr::SSTaskId task = -1;
     ASSERT_FALSE(loader->take(s->prepareForSnapshot(nullptr, nullptr, task))) << loader->text;
@@ -136,29 +168,31 @@ TEST_F(MirrorLife, FracturedCloneMakesPrepareWaitForTheStatusPoll) {
     ASSERT_FALSE(loader->take(s->snapshot(nullptr, task))) << loader->text;
     EXPECT_EQ(task, 2);
     // One clone: a single fracture, never a consistent one.
-    EXPECT_EQ(array.log_lines("-fractureclone ").size(), 1u);
-    EXPECT_TRUE(array.log_lines("-consistentfractureclones").empty());
+    EXPECT_EQ(array->log_lines("-fractureclone ").size(), 1u);
+    EXPECT_TRUE(array->log_lines("-consistentfractureclones").empty());
     ldr::SCSnapshotHandle* h = nullptr;
     ASSERT_FALSE(loader->take(s->getSnapshotHandle(h)));
-    EXPECT_NE(std::string(reinterpret_cast<char*>(h->m_pdetails)).find("-8-000-Yes-Retain-"),
+    EXPECT_NE(std::string(reinterpret_cast<char*>(h->m_pdetails))
+                  .find(";" + clone_record(src[0]) + "-Yes-Retain-"),
               std::string::npos);
     cowtest::module().freeSSObject(h);
     delete srcs;
     loader->finish(s);
 }
 
-TEST_F(MirrorLife, RollbackIsPolledToItsEnd) {
+TEST_P(MirrorLife, RollbackIsPolledToItsEnd) {
+    MIRROR_SOURCES(src, 1);
     std::string guid, details;
-    ASSERT_TRUE(loader->take_snapshot({array.dev("sdd")}, guid, details)) << loader->text;
+    ASSERT_TRUE(loader->take_snapshot({src[0].dev}, guid, details)) << loader->text;
     ldr::ISnapshot* s = validated(guid, details);
     ASSERT_NE(s, nullptr) << loader->text;
-    ldr::SSSourceList* srcs = ldr::make_sources({array.dev("sdd")});
+    ldr::SSSourceList* srcs = ldr::make_sources({src[0].dev});
     ldr::SSTaskId task = -1;
     ASSERT_FALSE(loader->take(s->rollBack(srcs, nullptr, task))) << loader->text;
     EXPECT_EQ(task, 3);
     EXPECT_EQ(s->getSnapshotState(), ldr::UNINIT);
-    EXPECT_EQ(rate(kG0), "high");
-    ASSERT_EQ(array.log_lines("-reversesyncclone").size(), 1u);
+    EXPECT_EQ(rate(src[0]), "high");
+    ASSERT_EQ(array->log_lines("-reversesyncclone").size(), 1u);
     int status = 1, polls = 0;
     while (status == 1 && polls < 20) {
         ldr::SSError* taskErr = nullptr;
@@ -166,7 +200,7 @@ TEST_F(MirrorLife, RollbackIsPolledToItsEnd) {
         polls++;
     }
     EXPECT_EQ(status, 2);
-    EXPECT_EQ(clone_field(kG0, kId1, "CloneState"), "Synchronized");
+    EXPECT_EQ(clone_field(src[0], "CloneState"), "Synchronized");
     // An unknown task number is an error of its own.
     int st = 0;
     ldr::SSError* taskErr = nullptr;
@@ -177,18 +211,19 @@ TEST_F(MirrorLife, RollbackIsPolledToItsEnd) {
     loader->finish(s);
 }
 
-TEST_F(MirrorLife, FailurePathsEndInTheirErrorsAndLeaveNoReservation) {
+TEST_P(MirrorLife, FailurePathsEndInTheirErrorsAndLeaveNoReservation) {
+    MIRROR_SOURCES(src, 2);
     // No free clone under FREE: every clone is in sync.
     {
         loader->extra_attrs = {{"MERL_RES_USE_POLICY", "FREE"}};
         ldr::attrlist* policy = ldr::make_attr("MERL_RES_USE_POLICY", {"FREE"});
         loader->prepare_attrs = policy;
         std::string guid, details;
-        EXPECT_FALSE(loader->take_snapshot({array.dev("sdd")}, guid, details));
+        EXPECT_FALSE(loader->take_snapshot({src[0].dev}, guid, details));
         EXPECT_EQ(loader->code, 5);
         EXPECT_NE(loader->text.find("Failed to find a valid clone candidate for device"),
                   std::string::npos);
-        EXPECT_EQ(rate(kG0), "high");
+        EXPECT_EQ(rate(src[0]), "high");
         loader->prepare_attrs = nullptr;
         loader->extra_attrs.clear();
         ldr::free_attrs(policy);
@@ -198,12 +233,12 @@ TEST_F(MirrorLife, FailurePathsEndInTheirErrorsAndLeaveNoReservation) {
     std::string guid, details;
     {
         ldr::ISnapshot* s = loader->production();
-        ldr::SSSourceList* srcs = ldr::make_sources({array.dev("sdd"), array.dev("sdg")});
+        ASSERT_NE(s, nullptr) << loader->text;
+        ldr::SSSourceList* srcs = ldr::make_sources({src[0].dev, src[1].dev});
         ldr::SSTaskId task = -1;
         ASSERT_FALSE(loader->take(s->addComponent(srcs)));
         ASSERT_FALSE(loader->take(s->prepareForSnapshot(nullptr, nullptr, task)));
-        set_clone("CloneGrp_1", kId1,
-                  {"state=Consistent", "cond=Administratively Fractured", "fractured=1"});
+        fracture(src[1]);
         EXPECT_TRUE(loader->take(s->snapshot(nullptr, task)));
         EXPECT_EQ(loader->code, 27);
         EXPECT_EQ(s->getSnapshotState(), ldr::VALID);
@@ -220,46 +255,50 @@ TEST_F(MirrorLife, FailurePathsEndInTheirErrorsAndLeaveNoReservation) {
     ASSERT_NE(mh, nullptr);
     EXPECT_TRUE(loader->take(mh->validate(nullptr)));
     EXPECT_EQ(loader->code, 21);
-    EXPECT_NE(loader->text.find("Failed to validate clone ID (" + kId1 + ")"), std::string::npos);
+    EXPECT_NE(loader->text.find("Failed to validate clone ID (" + src[0].group->clones[0].id + ")"),
+              std::string::npos)
+        << loader->text;
     loader->finish(mh);
 
-    // Once both are split, a mount of an unknown source is refused, and a
-    // delete after the clone was released elsewhere still succeeds.
-    set_clone("CloneGrp_0", kId1,
-              {"state=Consistent", "cond=Administratively Fractured", "fractured=1"});
+    // Once both are split, a mount of a source the snapshot lacks is
+    // refused, and a delete after the clone was released elsewhere still
+    // succeeds.
+    fracture(src[0]);
     mh = validated(guid, details);
     ASSERT_NE(mh, nullptr) << loader->text;
-    ldr::SSSourceList* unknown = ldr::make_sources({array.dev("sdm")});
-    EXPECT_TRUE(loader->take(mh->mount(unknown)));
+    const std::string stranger = array->other_device({src[0].dev, src[1].dev});
+    ldr::SSSourceList* unknown = ldr::make_sources({stranger});
+    EXPECT_TRUE(loader->take(mh->mount(unknown))) << stranger;
     EXPECT_EQ(loader->code, 4);
     EXPECT_EQ(mh->getSnapshotState(), ldr::VALID);
     delete unknown;
-    set_clone("CloneGrp_0", kId1, {"rate=high"});
+    set_clone(src[0], {"rate=high"});
     EXPECT_FALSE(loader->take(mh->deleteSnapshot())) << loader->text;
-    EXPECT_EQ(rate(kG0), "high");
-    EXPECT_EQ(rate(kG1), "high");
+    EXPECT_EQ(rate(src[0]), "high");
+    EXPECT_EQ(rate(src[1]), "high");
     loader->finish(mh);
 }
 
-TEST_F(MirrorLife, ThreadsWithTheirOwnObjectsTakeDifferentClones) {
-    const std::vector<std::string> devs{"sdd", "sdg", "sdj"};
-    std::vector<std::string> handles(devs.size());
+TEST_P(MirrorLife, ThreadsWithTheirOwnObjectsTakeDifferentClones) {
+    MIRROR_SOURCES(src, 3);
+    std::vector<std::string> handles(src.size());
     std::vector<std::thread> threads;
-    for (size_t i = 0; i < devs.size(); i++)
+    for (size_t i = 0; i < src.size(); i++)
         threads.emplace_back([&, i] {
-            Loader mine;
+            Loader mine(array->frames());
             mine.tech = "MIRROR";
             std::string guid;
-            if (!mine.take_snapshot({array.dev(devs[i])}, guid, handles[i])) handles[i].clear();
+            if (!mine.take_snapshot({src[i].dev}, guid, handles[i])) handles[i].clear();
         });
     for (std::thread& t : threads) t.join();
-    for (size_t i = 0; i < devs.size(); i++) {
-        ASSERT_FALSE(handles[i].empty()) << devs[i];
-        EXPECT_NE(handles[i].find("-" + std::to_string(8 + 2 * i) + "-00" + std::to_string(i)),
-                  std::string::npos)
+    for (size_t i = 0; i < src.size(); i++) {
+        ASSERT_FALSE(handles[i].empty()) << src[i].dev;
+        EXPECT_NE(handles[i].find(";" + clone_record(src[i]) + "-"), std::string::npos)
             << handles[i];
+        EXPECT_EQ(rate(src[i]), "3981") << src[i].dev;
     }
-    for (const std::string& g : {kG0, kG1}) EXPECT_EQ(rate(g), "3981");
 }
+
+COWTEST_OVER_SHAPES(MirrorLife);
 
 }  // namespace
