@@ -66,8 +66,11 @@ endfunction()
 # One GoogleTest binary per test folder, registered with CTest under its name.
 # Tests stand above every layer and include from the top of the tree; the
 # helpers in tests/support come with every binary.
+# SHARDS n: the binary's tests are split into n CTest entries, name_0 to
+# name_<n-1>, by Google Test's sharding, so that a long suite runs side by side
+# and each entry stays within its time limit.
 function(zov_test_binary name dir)
-  cmake_parse_arguments(ZT "" "" "DEPS" ${ARGN})
+  cmake_parse_arguments(ZT "" "SHARDS" "DEPS" ${ARGN})
   file(GLOB srcs CONFIGURE_DEPENDS ${dir}/*.cpp)
   if(NOT srcs)
     return()
@@ -75,7 +78,16 @@ function(zov_test_binary name dir)
   add_executable(${name} ${srcs})
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR})
   target_link_libraries(${name} PRIVATE ${ZT_DEPS} zov_test_support GTest::gtest GTest::gtest_main Threads::Threads)
-  add_test(NAME ${name} COMMAND ${name} --gtest_brief=1)
-  set_tests_properties(${name} PROPERTIES TIMEOUT 600
-    ENVIRONMENT "ZOV_BUILD_DIR=${CMAKE_BINARY_DIR};ZOV_SOURCE_DIR=${CMAKE_SOURCE_DIR}")
+  set(env "ZOV_BUILD_DIR=${CMAKE_BINARY_DIR};ZOV_SOURCE_DIR=${CMAKE_SOURCE_DIR}")
+  if(NOT ZT_SHARDS)
+    add_test(NAME ${name} COMMAND ${name} --gtest_brief=1)
+    set_tests_properties(${name} PROPERTIES TIMEOUT 600 ENVIRONMENT "${env}")
+    return()
+  endif()
+  math(EXPR last "${ZT_SHARDS} - 1")
+  foreach(i RANGE ${last})
+    add_test(NAME ${name}_${i} COMMAND ${name} --gtest_brief=1)
+    set_tests_properties(${name}_${i} PROPERTIES TIMEOUT 600
+      ENVIRONMENT "${env};GTEST_TOTAL_SHARDS=${ZT_SHARDS};GTEST_SHARD_INDEX=${i}")
+  endforeach()
 endfunction()

@@ -25,7 +25,7 @@ echo "== tests (tsan)"
 (cd "$top/build/tsan" &&
   TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
   GTEST_FILTER="$("$top/scripts/thread_tests.sh")" \
-  ctest -j "$jobs" --output-on-failure -R '^(unit_liblocal|unit_merlode|unit_ndmp|integration)$') ||
+  ctest -j "$jobs" --output-on-failure -R '^(unit_liblocal|unit_merlode|unit_ndmp|integration_[0-9]+)$') ||
   status=1
 
 # Every fuzz target for a fixed number of inputs from its seeds (a clang build
