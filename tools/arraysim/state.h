@@ -126,15 +126,15 @@ public:
     using iterator = Iter<false>;
     using const_iterator = Iter<true>;
 
-    size_t size() const { return slots_.size(); }
-    bool empty() const { return slots_.empty(); }
+    size_t size() const { return split().size(); }
+    bool empty() const { return split().empty(); }
     Lun& operator[](size_t i) { return materialize(i); }
     const Lun& operator[](size_t i) const { return materialize(i); }
-    Lun& back() { return materialize(slots_.size() - 1); }
+    Lun& back() { return materialize(split().size() - 1); }
     iterator begin() { return iterator(this, 0); }
-    iterator end() { return iterator(this, slots_.size()); }
+    iterator end() { return iterator(this, size()); }
     const_iterator begin() const { return const_iterator(this, 0); }
-    const_iterator end() const { return const_iterator(this, slots_.size()); }
+    const_iterator end() const { return const_iterator(this, size()); }
     void push_back(Lun l);
     void clear();
 
@@ -149,8 +149,10 @@ public:
     // For the reader and writer of the text form. `text` keeps alive the bytes
     // that add_raw spans point into.
     void hold_text(std::shared_ptr<const void> text) { text_ = std::move(text); }
-    void reserve(size_t n) { slots_.reserve(n); }
-    void add_raw(int frame, int num, const char* raw, size_t len, int line);
+    // A run of records [begin, end), first line `line`, holding `count` LUN
+    // lines: split into records only when the table is first used, since
+    // most commands never look at a LUN.
+    void add_run(const char* begin, const char* end, int line, size_t count);
     // The record's text when it was never parsed (so never changed), or null.
     const char* raw_at(size_t i, size_t& len) const;
     // Parses every record; false and `err` on the first malformed one.
@@ -172,10 +174,24 @@ private:
         int line = 0;
         mutable std::unique_ptr<Lun> lun;
     };
+    struct Run {
+        const char* begin;
+        const char* end;
+        int line;
+        size_t count;
+    };
+    const std::vector<Slot>& split() const {
+        if (!runs_.empty()) split_runs();
+        return slots_;
+    }
+    void split_runs() const;
     Lun& materialize(size_t i) const;
     void parse_slot(const Slot& s, Lun& l) const;
 
-    std::vector<Slot> slots_;
+    // Splitting runs is part of reading: it changes what the table holds,
+    // never what it means.
+    mutable std::vector<Slot> slots_;
+    mutable std::vector<Run> runs_;
     std::shared_ptr<const void> text_;
     int version_ = kStateVersion;
     // (frame << 32 | num, slot) sorted, for find; rebuilt after a change.

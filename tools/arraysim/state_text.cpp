@@ -107,17 +107,46 @@ bool to_int_list(const Token& t, std::vector<int>& out) {
     });
 }
 
+// The number at p, up to `stop` or the end; the position of what ended it,
+// or null when it is not a number. A group's pairs are tens of thousands of
+// characters read on every command: the short unsigned numbers arraysim
+// writes take one pass, anything else goes through parse_int.
+const char* scan_int(const char* p, const char* end, char stop, int& out) {
+    const char* q = p;
+    unsigned v = 0;
+    for (; q < end && q - p < 9; ++q) {
+        unsigned d = static_cast<unsigned char>(*q) - '0';
+        if (d > 9) break;
+        v = v * 10 + d;
+    }
+    if (q > p && (q == end || *q == stop || *q == ',')) {
+        out = static_cast<int>(v);
+        return q;
+    }
+    while (q < end && *q != stop && *q != ',') ++q;
+    return parse_int(p, q - p, out) ? q : nullptr;
+}
+
 bool parse_pairs(const Token& t, std::vector<Pair>& out) {
     out.clear();
-    return each_item(t, [&](const char* p, const char* ie) {
-        const char* colon = static_cast<const char*>(memchr(p, ':', ie - p));
+    // The shortest pair is "h:a,": room for all of them at once.
+    out.reserve(t.vlen / 4 + 1);
+    const char* p = t.val;
+    const char* end = t.val + t.vlen;
+    while (p < end) {
+        if (*p == ',') {  // an empty item
+            ++p;
+            continue;
+        }
         Pair pr;
-        if (!colon || !parse_int(p, colon - p, pr.hlu) ||
-            !parse_int(colon + 1, ie - colon - 1, pr.alu))
-            return false;
+        const char* c = scan_int(p, end, ':', pr.hlu);
+        if (!c || c == end || *c != ':') return false;
+        const char* ie = scan_int(c + 1, end, ',', pr.alu);
+        if (!ie) return false;
         out.push_back(pr);
-        return true;
-    });
+        p = ie < end ? ie + 1 : end;
+    }
+    return true;
 }
 
 // Splits one line into its kind and key=value tokens. Returns false on a
@@ -381,6 +410,8 @@ bool parse_record(const std::string& kind, const std::vector<Token>& toks, State
     return false;
 }
 
+}  // namespace
+
 // The head of a LUN line as arraysim writes it, "lun frame=F num=N ...";
 // false for any other layout, which is then read the slow way.
 bool quick_lun_head(const char* q, const char* te, int& frame, int& num) {
@@ -404,8 +435,6 @@ bool starts_word(const char* q, const char* te, const char* w, size_t n) {
     return static_cast<size_t>(te - q) >= n && memcmp(q, w, n) == 0 && (q + n == te || q[n] == ' ');
 }
 
-}  // namespace
-
 bool split_line(const char* p, const char* end, std::string& kind, std::vector<Token>& toks) {
     toks.clear();
     while (p < end && *p == ' ') ++p;
@@ -416,7 +445,9 @@ bool split_line(const char* p, const char* end, std::string& kind, std::vector<T
         while (p < end && *p == ' ') ++p;
         if (p >= end) break;
         const char* s = p;
-        while (p < end && *p != ' ') ++p;
+        // Values escape their blanks; some are long lists.
+        const char* blank = static_cast<const char*>(memchr(p, ' ', end - p));
+        p = blank ? blank : end;
         const char* eq = static_cast<const char*>(memchr(s, '=', p - s));
         if (!eq) return false;
         toks.push_back(
@@ -458,6 +489,40 @@ bool parse_dev(const std::vector<Token>& toks, HostDev& r) {
     return read_fields(kDevFields, toks, r);
 }
 
+namespace {
+
+// The LUN records from `p`, which starts a LUN line, up to the next line of
+// another kind, kept whole for the LUN table (see LunTable::add_run). Only
+// the first word of each line is looked at. `lineno` is the number of the
+// first line and becomes that of the last line of the run.
+const char* lun_run(const char* p, const char* end, int& lineno, State& st) {
+    const char* begin = p;
+    int first = lineno;
+    size_t count = 0;
+    --lineno;
+    while (p < end) {
+        // The layout arraysim writes, first; anything else the long way.
+        const char* next;
+        if (end - p > 4 && (memcmp(p, "lun ", 4) == 0 || memcmp(p, "dev ", 4) == 0)) {
+            count += *p == 'l';
+            const char* nl = static_cast<const char*>(memchr(p + 4, '\n', end - p - 4));
+            next = nl ? nl + 1 : end;
+        } else {
+            Line ln = next_line(p, end);
+            bool lun = starts_word(ln.q, ln.te, "lun", 3);
+            if (!lun && ln.q != ln.te && !starts_word(ln.q, ln.te, "dev", 3)) break;
+            count += lun;
+            next = ln.next;
+        }
+        ++lineno;
+        p = next;
+    }
+    st.luns.add_run(begin, p, first, count);
+    return p;
+}
+
+}  // namespace
+
 bool parse_text(const char* data, size_t len, State& st, std::string& err, bool lazy) {
     const char* p = data;
     const char* end = data + len;
@@ -482,8 +547,6 @@ bool parse_text(const char* data, size_t len, State& st, std::string& err, bool 
     std::string kind;
     std::vector<Token> toks;
     int lineno = 1;
-    const char* span = nullptr;  // the LUN record being kept as text
-    int span_line = 0, span_frame = 0, span_num = 0;
     while (p < end) {
         ++lineno;
         Line ln = next_line(p, end);
@@ -491,21 +554,9 @@ bool parse_text(const char* data, size_t len, State& st, std::string& err, bool 
             p = ln.next;
             continue;
         }
-        if (lazy) {
-            if (span && starts_word(ln.q, ln.te, "dev", 3)) {
-                p = ln.next;
-                continue;
-            }
-            if (span) {
-                st.luns.add_raw(span_frame, span_num, span, p - span, span_line);
-                span = nullptr;
-            }
-            if (quick_lun_head(ln.q, ln.te, span_frame, span_num)) {
-                span = p;
-                span_line = lineno;
-                p = ln.next;
-                continue;
-            }
+        if (lazy && starts_word(ln.q, ln.te, "lun", 3)) {
+            p = lun_run(p, end, lineno, st);
+            continue;
         }
         if (!split_line(ln.q, ln.te, kind, toks) || !parse_record(kind, toks, st)) {
             err = malformed(lineno, ln.q, ln.te);
@@ -513,7 +564,6 @@ bool parse_text(const char* data, size_t len, State& st, std::string& err, bool 
         }
         p = ln.next;
     }
-    if (span) st.luns.add_raw(span_frame, span_num, span, end - span, span_line);
     return true;
 }
 

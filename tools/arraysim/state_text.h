@@ -42,6 +42,11 @@ struct Line {
 };
 Line next_line(const char* p, const char* end);
 std::string malformed(int lineno, const char* q, const char* te);
+// Whether [q, te) starts with the word w of n characters.
+bool starts_word(const char* q, const char* te, const char* w, size_t n);
+// The head of a LUN line as arraysim writes it, "lun frame=F num=N ...";
+// false for any other layout, which is then read the slow way.
+bool quick_lun_head(const char* q, const char* te, int& frame, int& num);
 
 // The LUN record and the device lines under it (`version` says what a
 // missing key means).
