@@ -195,8 +195,10 @@ private:
     std::shared_ptr<const void> text_;
     int version_ = kStateVersion;
     // (frame << 32 | num, slot) sorted, for find; rebuilt after a change.
+    // Empty when the records are in that order already (in_order_).
     mutable std::vector<std::pair<unsigned long long, size_t>> index_;
     mutable bool index_ok_ = false;
+    mutable bool in_order_ = false;
 };
 
 // The name and WWN a LUN has unless its line says otherwise (version 2).

@@ -72,6 +72,13 @@ void LunTable::split_runs() const {
         size_t first = slots_.size();
         for (const char* p = r.begin; p < r.end;) {
             ++lineno;
+            // The layout arraysim writes, first: a dev line needs no more
+            // than its end.
+            if (r.end - p > 4 && memcmp(p, "dev ", 4) == 0) {
+                const char* nl = static_cast<const char*>(memchr(p + 4, '\n', r.end - p - 4));
+                p = nl ? nl + 1 : r.end;
+                continue;
+            }
             Line ln = next_line(p, r.end);
             // Blank lines, comments and dev lines belong to the record above.
             if (text::starts_word(ln.q, ln.te, "lun", 3)) {
@@ -110,25 +117,41 @@ static unsigned long long lun_key(int frame, int num) {
 
 long LunTable::find(int frame, int num) const {
     // Commands look LUNs up by the thousand (a storage group's pairs): a
-    // sorted index keeps that linear.
+    // sorted index keeps that linear. arraysim writes the records in order,
+    // and then they are their own index, with no table to build.
     split();
+    auto key = [this](size_t i) {
+        const Slot& s = slots_[i];
+        return s.lun ? lun_key(s.lun->frame, s.lun->num) : lun_key(s.frame, s.num);
+    };
     if (!index_ok_) {
+        in_order_ = true;
+        for (size_t i = 1; i < slots_.size() && in_order_; ++i) in_order_ = key(i - 1) <= key(i);
         index_.clear();
-        index_.reserve(slots_.size());
-        bool sorted = true;
-        for (size_t i = 0; i < slots_.size(); ++i) {
-            index_.emplace_back(lun_key(frame_at(i), num_at(i)), i);
-            if (i && index_[i].first < index_[i - 1].first) sorted = false;
+        if (!in_order_) {
+            index_.reserve(slots_.size());
+            for (size_t i = 0; i < slots_.size(); ++i) index_.emplace_back(key(i), i);
+            std::stable_sort(index_.begin(), index_.end());
         }
-        if (!sorted) std::stable_sort(index_.begin(), index_.end());
         index_ok_ = true;
     }
     unsigned long long k = lun_key(frame, num);
-    auto it = std::lower_bound(index_.begin(), index_.end(), std::make_pair(k, size_t(0)));
-    if (it != index_.end() && it->first == k && frame_at(it->second) == frame &&
-        num_at(it->second) == num)
-        return static_cast<long>(it->second);
-    // A parsed record may have been renumbered since the index was made.
+    if (in_order_) {
+        size_t lo = 0, hi = slots_.size();
+        while (lo < hi) {
+            size_t mid = lo + (hi - lo) / 2;
+            if (key(mid) < k)
+                lo = mid + 1;
+            else
+                hi = mid;
+        }
+        if (lo < slots_.size() && key(lo) == k) return static_cast<long>(lo);
+    } else {
+        auto it = std::lower_bound(index_.begin(), index_.end(), std::make_pair(k, size_t(0)));
+        if (it != index_.end() && it->first == k && key(it->second) == k)
+            return static_cast<long>(it->second);
+    }
+    // A parsed record may have been renumbered since the order was seen.
     for (size_t i = 0; i < slots_.size(); ++i)
         if (frame_at(i) == frame && num_at(i) == num) return static_cast<long>(i);
     return -1;

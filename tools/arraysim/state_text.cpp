@@ -412,8 +412,6 @@ bool parse_record(const std::string& kind, const std::vector<Token>& toks, State
 
 }  // namespace
 
-// The head of a LUN line as arraysim writes it, "lun frame=F num=N ...";
-// false for any other layout, which is then read the slow way.
 bool quick_lun_head(const char* q, const char* te, int& frame, int& num) {
     static const char k1[] = "lun frame=";
     static const char k2[] = " num=";
@@ -429,10 +427,6 @@ bool quick_lun_head(const char* q, const char* te, int& frame, int& num) {
     s = p;
     while (p < te && *p != ' ') ++p;
     return parse_int(s, p - s, num);
-}
-
-bool starts_word(const char* q, const char* te, const char* w, size_t n) {
-    return static_cast<size_t>(te - q) >= n && memcmp(q, w, n) == 0 && (q + n == te || q[n] == ' ');
 }
 
 bool split_line(const char* p, const char* end, std::string& kind, std::vector<Token>& toks) {

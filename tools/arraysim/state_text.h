@@ -43,7 +43,9 @@ struct Line {
 Line next_line(const char* p, const char* end);
 std::string malformed(int lineno, const char* q, const char* te);
 // Whether [q, te) starts with the word w of n characters.
-bool starts_word(const char* q, const char* te, const char* w, size_t n);
+inline bool starts_word(const char* q, const char* te, const char* w, size_t n) {
+    return static_cast<size_t>(te - q) >= n && memcmp(q, w, n) == 0 && (q + n == te || q[n] == ' ');
+}
 // The head of a LUN line as arraysim writes it, "lun frame=F num=N ...";
 // false for any other layout, which is then read the slow way.
 bool quick_lun_head(const char* q, const char* te, int& frame, int& num);
