@@ -50,6 +50,63 @@ struct Pair {
     int alu = 0;
 };
 
+// A group's HLU/ALU pairs, used as a vector. A state read for one command
+// keeps them as the text they were read as until first used (a group holds
+// thousands and most commands never look), and writes untouched ones back
+// as they were read. Text that turns out to be malformed when first used
+// throws StateError.
+class PairList {
+public:
+    using iterator = std::vector<Pair>::iterator;
+    using const_iterator = std::vector<Pair>::const_iterator;
+    iterator begin() { return get().begin(); }
+    iterator end() { return get().end(); }
+    const_iterator begin() const { return get().begin(); }
+    const_iterator end() const { return get().end(); }
+    size_t size() const { return get().size(); }
+    bool empty() const { return get().empty(); }
+    Pair& operator[](size_t i) { return get()[i]; }
+    const Pair& operator[](size_t i) const { return get()[i]; }
+    void push_back(const Pair& p) { get().push_back(p); }
+    iterator erase(const_iterator it) { return get().erase(it); }
+    void clear() {
+        v_.clear();
+        raw_ = nullptr;
+    }
+    std::vector<Pair>& vec() { return get(); }
+
+    // For the lazy reader: the value's text, and the line (its number and
+    // text) for the message when it is malformed. The text must outlive the
+    // list (the state's LUN table holds it).
+    void set_raw(const char* val, size_t len, int line, const char* q, const char* te) {
+        v_.clear();
+        raw_ = val;
+        rawlen_ = len;
+        line_ = line;
+        q_ = q;
+        te_ = te;
+    }
+    // The text when never parsed (so never changed), or null.
+    const char* raw(size_t& len) const {
+        len = rawlen_;
+        return raw_;
+    }
+
+private:
+    std::vector<Pair>& get() const {
+        if (raw_) parse();
+        return v_;
+    }
+    void parse() const;
+
+    mutable std::vector<Pair> v_;
+    mutable const char* raw_ = nullptr;
+    size_t rawlen_ = 0;
+    int line_ = 0;
+    const char* q_ = nullptr;
+    const char* te_ = nullptr;
+};
+
 struct Group {
     int frame = 0;
     std::string name;
@@ -58,7 +115,7 @@ struct Group {
     // 1: HLU/ALU table; 2: an empty one, then the HLU/UID table with its rows
     // one blank in; 3: as 2 with the rows under the header's indentation
     int form = 1;
-    std::vector<Pair> pairs;
+    PairList pairs;
 };
 
 // A device of one LUN on one host: a multipath pseudo device (optional) over

@@ -7,6 +7,7 @@
 
 #include "tools/arraysim/state.h"
 #include "tools/arraysim/state_text.h"
+#include "tools/arraysim/text.h"
 
 namespace arraysim {
 namespace text {
@@ -194,17 +195,24 @@ struct Codec<std::vector<int>> {
     static void write(Out& o, const char* k, const std::vector<int>& v) { o.ints(k, v); }
 };
 template <>
-struct Codec<std::vector<Pair>> {
-    static bool read(const Token& t, std::vector<Pair>& v) { return parse_pairs(t, v); }
-    static void write(Out& o, const char* k, const std::vector<Pair>& v) {
+struct Codec<PairList> {
+    static bool read(const Token& t, PairList& v) { return parse_pairs(t, v.vec()); }
+    static void write(Out& o, const char* k, const PairList& v) {
         o.s += ' ';
         o.s += k;
         o.s += '=';
+        size_t n;
+        if (const char* raw = v.raw(n)) {
+            o.s.append(raw, n);
+            return;
+        }
+        // Thousands of pairs on every write: no string per number.
+        o.s.reserve(o.s.size() + v.size() * 12);
         for (size_t i = 0; i < v.size(); ++i) {
             if (i) o.s += ',';
-            o.s += std::to_string(v[i].hlu);
+            append_int(o.s, v[i].hlu);
             o.s += ':';
-            o.s += std::to_string(v[i].alu);
+            append_int(o.s, v[i].alu);
         }
     }
 };
@@ -515,6 +523,23 @@ const char* lun_run(const char* p, const char* end, int& lineno, State& st) {
     return p;
 }
 
+// A group whose pairs stay text until used (see PairList).
+bool read_group_lazily(std::vector<Token>& toks, State& st, int lineno, const Line& ln) {
+    Token pairs{nullptr, 0, nullptr, 0};
+    size_t kept = 0;
+    for (const Token& t : toks)
+        if (t.is("pairs"))
+            pairs = t;  // the last one counts, as for any key
+        else
+            toks[kept++] = t;
+    toks.resize(kept);
+    Group g;
+    if (!read_fields(kGroupFields, toks, g)) return false;
+    if (pairs.key) g.pairs.set_raw(pairs.val, pairs.vlen, lineno, ln.q, ln.te);
+    st.groups.push_back(std::move(g));
+    return true;
+}
+
 }  // namespace
 
 bool parse_text(const char* data, size_t len, State& st, std::string& err, bool lazy) {
@@ -552,7 +577,12 @@ bool parse_text(const char* data, size_t len, State& st, std::string& err, bool 
             p = lun_run(p, end, lineno, st);
             continue;
         }
-        if (!split_line(ln.q, ln.te, kind, toks) || !parse_record(kind, toks, st)) {
+        bool ok = split_line(ln.q, ln.te, kind, toks);
+        if (ok && lazy && kind == "group")
+            ok = read_group_lazily(toks, st, lineno, ln);
+        else if (ok)
+            ok = parse_record(kind, toks, st);
+        if (!ok) {
             err = malformed(lineno, ln.q, ln.te);
             return false;
         }
@@ -608,6 +638,15 @@ void format_into(const State& st, Out& o) {
 }
 
 }  // namespace text
+
+void PairList::parse() const {
+    text::Token t{"pairs", 5, raw_, rawlen_};
+    if (!text::parse_pairs(t, v_)) {
+        v_.clear();
+        throw StateError(text::malformed(line_, q_, te_));
+    }
+    raw_ = nullptr;
+}
 
 bool parse_state(const char* data, size_t len, State& st, std::string& err) {
     st = State();

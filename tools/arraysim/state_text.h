@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tools/arraysim/state.h"
+#include "tools/arraysim/text.h"
 
 namespace arraysim {
 namespace text {
@@ -96,7 +97,7 @@ struct Out {
         s += ' ';
         s += k;
         s += '=';
-        s += std::to_string(v);
+        append_int(s, v);
     }
     void flag(const char* k, bool v) {
         s += ' ';
@@ -118,7 +119,7 @@ struct Out {
         s += '=';
         for (size_t i = 0; i < v.size(); ++i) {
             if (i) s += ',';
-            s += std::to_string(v[i]);
+            append_int(s, v[i]);
         }
     }
     void end() { s += '\n'; }

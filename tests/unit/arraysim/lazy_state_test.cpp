@@ -177,6 +177,41 @@ TEST_F(LazyState, ADevLineAfterAnotherRecordStillBelongsToTheLunAbove) {
     EXPECT_EQ(1u, lazy.sessions.size());
 }
 
+// A group's pairs stay text until used: written back as read when
+// untouched, afresh when changed, and a malformed list found when used.
+TEST_F(LazyState, GroupPairsAreReadWhenUsed) {
+    const char* groups =
+        "arraysim-state 2\nframe name=A addrs=10.0.0.1\n"
+        "group frame=0 name=g pairs=0:10,,1:2 host=-1\n"
+        "group frame=0 name=bad pairs=1:2x\n";
+    put(groups);
+    State st;
+    std::string err;
+    ASSERT_TRUE(load_state_lazy(dir_, st, err)) << err;
+    EXPECT_EQ("bad", st.groups[1].name);
+    ASSERT_TRUE(save_state(dir_, st, err)) << err;
+    EXPECT_NE(std::string::npos, text().find(" pairs=0:10,,1:2\n")) << text();
+
+    put(groups);
+    ASSERT_TRUE(load_state_lazy(dir_, st, err)) << err;
+    ASSERT_EQ(2u, st.groups[0].pairs.size());
+    EXPECT_EQ(2, st.groups[0].pairs[1].alu);
+    st.groups[0].pairs.push_back(Pair{5, 6});
+    try {
+        (void)st.groups[1].pairs.size();
+        ADD_FAILURE() << "no error for a bad pair";
+    } catch (const StateError& e) {
+        EXPECT_STREQ("malformed state line 4: group frame=0 name=bad pairs=1:2x", e.what());
+    }
+    st.groups.pop_back();
+    ASSERT_TRUE(save_state(dir_, st, err)) << err;
+    EXPECT_NE(std::string::npos, text().find(" pairs=0:10,1:2,5:6\n")) << text();
+
+    State eager;
+    put("arraysim-state 2\ngroup frame=0 name=bad pairs=1:2x\n");
+    EXPECT_FALSE(load_state(dir_, eager, err));
+}
+
 // Version 1 files are still read, with their meaning: a LUN line without a
 // name or WWN has none. Written again they become version 2 and say so.
 TEST_F(LazyState, AVersionOneFileKeepsItsMeaningWhenWrittenAgain) {
