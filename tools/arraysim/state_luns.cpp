@@ -4,6 +4,7 @@
 
 #include "tools/arraysim/state.h"
 #include "tools/arraysim/state_text.h"
+#include "tools/arraysim/text.h"
 
 namespace arraysim {
 
@@ -66,6 +67,7 @@ void LunTable::split_runs() const {
     size_t n = slots_.size();
     for (const Run& r : runs_) n += r.count;
     slots_.reserve(n);
+    populate_pages(slots_.data() + slots_.size(), slots_.data() + slots_.capacity());
     std::vector<size_t> whole;
     for (const Run& r : runs_) {
         int lineno = r.line - 1;
