@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -103,8 +104,9 @@ double child_cpu_ms() {
 
 // The whole child as the module starts it: exec, lock, log, load, answer
 // (and write, for a change). With two command lines they alternate, so that
-// every one of them changes the state.
-void child(benchmark::State& s, std::vector<std::vector<std::string>> cmds) {
+// every one of them changes the state. `bare`: without the state folder, so
+// that the child stops as soon as it starts.
+void child(benchmark::State& s, std::vector<std::vector<std::string>> cmds, bool bare = false) {
     big();
     const char* bd = getenv("ZOV_BUILD_DIR");
     std::string path = std::string(bd ? bd : ".") + "/arraysim-bin/tilloseccli";
@@ -122,12 +124,17 @@ void child(benchmark::State& s, std::vector<std::vector<std::string>> cmds) {
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
     posix_spawn_file_actions_addopen(&fa, 1, "/dev/null", 1, 0);
+    std::vector<char*> env;
+    for (char** e = environ; *e; ++e)
+        if (!bare || strncmp(*e, "ARRAYSIM_STATE=", 15) != 0) env.push_back(*e);
+    env.push_back(nullptr);
+    if (bare) posix_spawn_file_actions_addopen(&fa, 2, "/dev/null", 1, 0);
     double cpu0 = child_cpu_ms();
     size_t n = 0;
     for (auto _ : s) {
         pid_t pid;
-        if (posix_spawn(&pid, path.c_str(), &fa, nullptr, avs[n++ % avs.size()].data(), environ) !=
-            0) {
+        if (posix_spawn(&pid, path.c_str(), &fa, nullptr, avs[n++ % avs.size()].data(),
+                        env.data()) != 0) {
             s.SkipWithError("spawn failed");
             break;
         }
@@ -140,6 +147,13 @@ void child(benchmark::State& s, std::vector<std::vector<std::string>> cmds) {
 
 using Cmd = std::vector<std::string>;
 const char* kAddr = "198.18.0.1";
+
+// What any command pays before it reads the state: exec and the start of
+// the program. The rest of each figure below is the command's own.
+void BM_ChildEmptyStart(benchmark::State& s) {
+    child(s, {Cmd{"tilloseccli", "-h", kAddr, "arrayname"}}, true);
+}
+BENCHMARK(BM_ChildEmptyStart)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_ChildArrayname5000(benchmark::State& s) {
     child(s, {Cmd{"tilloseccli", "-h", kAddr, "arrayname"}});

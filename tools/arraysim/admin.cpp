@@ -1,10 +1,12 @@
 // The administration commands of arraysim: init, show, set, fault, tick, log,
 // bin. They make and change the state; the tools only read and act on it.
-#include <arpa/inet.h>
-#include <netdb.h>
+#include <fcntl.h>
+#include <spawn.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,27 +24,54 @@ std::string this_host_name() {
     return buf;
 }
 
+// What `getent DB KEY` prints, empty when it cannot be run.
+std::string getent(const char* db, const std::string& key) {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) return std::string();
+    posix_spawn_file_actions_t fa;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawn_file_actions_adddup2(&fa, fds[1], 1);
+    std::string d = db, k = key;
+    char* argv[] = {const_cast<char*>("getent"), &d[0], &k[0], nullptr};
+    pid_t pid;
+    int rc = posix_spawnp(&pid, "getent", &fa, nullptr, argv, environ);
+    posix_spawn_file_actions_destroy(&fa);
+    close(fds[1]);
+    std::string text;
+    if (rc == 0) {
+        char buf[4096];
+        for (;;) {
+            ssize_t n = read(fds[0], buf, sizeof buf);
+            if (n > 0)
+                text.append(buf, static_cast<size_t>(n));
+            else if (n == 0 || errno != EINTR)
+                break;
+        }
+        int status;
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {}
+    }
+    close(fds[0]);
+    return text;
+}
+
 // The address the module will pass as "-host": the first IPv4 address of
 // the host name that is not loop-back, or the name itself when there is none.
+// The program is linked statically, because every array command starts it,
+// and a static program has no name service: getent asks the system's, the
+// one the module asks, and prints an address and a socket type a line.
 std::string this_host_addr(const std::string& name) {
-    struct addrinfo hints;
-    memset(&hints, 0, sizeof hints);
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    struct addrinfo* res = nullptr;
-    std::string out;
-    if (getaddrinfo(name.c_str(), nullptr, &hints, &res) == 0) {
-        for (auto* p = res; p; p = p->ai_next) {
-            char buf[64];
-            auto* sin = reinterpret_cast<struct sockaddr_in*>(p->ai_addr);
-            if (!inet_ntop(AF_INET, &sin->sin_addr, buf, sizeof buf)) continue;
-            if (strcmp(buf, "127.0.0.1") == 0 || strncmp(buf, "127.", 4) == 0) continue;
-            out = buf;
-            break;
-        }
-        freeaddrinfo(res);
+    std::string text = getent("ahostsv4", name);
+    for (size_t at = 0; at < text.size();) {
+        size_t nl = text.find('\n', at);
+        if (nl == std::string::npos) nl = text.size();
+        std::string line = text.substr(at, nl - at);
+        at = nl + 1;
+        char addr[64], type[16];
+        if (sscanf(line.c_str(), "%63s %15s", addr, type) == 2 && strcmp(type, "STREAM") == 0 &&
+            strncmp(addr, "127.", 4) != 0)
+            return addr;
     }
-    return out.empty() ? name : out;
+    return name;
 }
 
 std::string fmt(const char* f, long long v) {

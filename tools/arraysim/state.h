@@ -50,6 +50,63 @@ struct Pair {
     int alu = 0;
 };
 
+// A group's HLU/ALU pairs, used as a vector. A state read for one command
+// keeps them as the text they were read as until first used (a group holds
+// thousands and most commands never look), and writes untouched ones back
+// as they were read. Text that turns out to be malformed when first used
+// throws StateError.
+class PairList {
+public:
+    using iterator = std::vector<Pair>::iterator;
+    using const_iterator = std::vector<Pair>::const_iterator;
+    iterator begin() { return get().begin(); }
+    iterator end() { return get().end(); }
+    const_iterator begin() const { return get().begin(); }
+    const_iterator end() const { return get().end(); }
+    size_t size() const { return get().size(); }
+    bool empty() const { return get().empty(); }
+    Pair& operator[](size_t i) { return get()[i]; }
+    const Pair& operator[](size_t i) const { return get()[i]; }
+    void push_back(const Pair& p) { get().push_back(p); }
+    iterator erase(const_iterator it) { return get().erase(it); }
+    void clear() {
+        v_.clear();
+        raw_ = nullptr;
+    }
+    std::vector<Pair>& vec() { return get(); }
+
+    // For the lazy reader: the value's text, and the line (its number and
+    // text) for the message when it is malformed. The text must outlive the
+    // list (the state's LUN table holds it).
+    void set_raw(const char* val, size_t len, int line, const char* q, const char* te) {
+        v_.clear();
+        raw_ = val;
+        rawlen_ = len;
+        line_ = line;
+        q_ = q;
+        te_ = te;
+    }
+    // The text when never parsed (so never changed), or null.
+    const char* raw(size_t& len) const {
+        len = rawlen_;
+        return raw_;
+    }
+
+private:
+    std::vector<Pair>& get() const {
+        if (raw_) parse();
+        return v_;
+    }
+    void parse() const;
+
+    mutable std::vector<Pair> v_;
+    mutable const char* raw_ = nullptr;
+    size_t rawlen_ = 0;
+    int line_ = 0;
+    const char* q_ = nullptr;
+    const char* te_ = nullptr;
+};
+
 struct Group {
     int frame = 0;
     std::string name;
@@ -58,7 +115,7 @@ struct Group {
     // 1: HLU/ALU table; 2: an empty one, then the HLU/UID table with its rows
     // one blank in; 3: as 2 with the rows under the header's indentation
     int form = 1;
-    std::vector<Pair> pairs;
+    PairList pairs;
 };
 
 // A device of one LUN on one host: a multipath pseudo device (optional) over
@@ -126,15 +183,15 @@ public:
     using iterator = Iter<false>;
     using const_iterator = Iter<true>;
 
-    size_t size() const { return slots_.size(); }
-    bool empty() const { return slots_.empty(); }
+    size_t size() const { return split().size(); }
+    bool empty() const { return split().empty(); }
     Lun& operator[](size_t i) { return materialize(i); }
     const Lun& operator[](size_t i) const { return materialize(i); }
-    Lun& back() { return materialize(slots_.size() - 1); }
+    Lun& back() { return materialize(split().size() - 1); }
     iterator begin() { return iterator(this, 0); }
-    iterator end() { return iterator(this, slots_.size()); }
+    iterator end() { return iterator(this, size()); }
     const_iterator begin() const { return const_iterator(this, 0); }
-    const_iterator end() const { return const_iterator(this, slots_.size()); }
+    const_iterator end() const { return const_iterator(this, size()); }
     void push_back(Lun l);
     void clear();
 
@@ -149,8 +206,10 @@ public:
     // For the reader and writer of the text form. `text` keeps alive the bytes
     // that add_raw spans point into.
     void hold_text(std::shared_ptr<const void> text) { text_ = std::move(text); }
-    void reserve(size_t n) { slots_.reserve(n); }
-    void add_raw(int frame, int num, const char* raw, size_t len, int line);
+    // A run of records [begin, end), first line `line`, holding `count` LUN
+    // lines: split into records only when the table is first used, since
+    // most commands never look at a LUN.
+    void add_run(const char* begin, const char* end, int line, size_t count);
     // The record's text when it was never parsed (so never changed), or null.
     const char* raw_at(size_t i, size_t& len) const;
     // Parses every record; false and `err` on the first malformed one.
@@ -172,15 +231,31 @@ private:
         int line = 0;
         mutable std::unique_ptr<Lun> lun;
     };
+    struct Run {
+        const char* begin;
+        const char* end;
+        int line;
+        size_t count;
+    };
+    const std::vector<Slot>& split() const {
+        if (!runs_.empty()) split_runs();
+        return slots_;
+    }
+    void split_runs() const;
     Lun& materialize(size_t i) const;
     void parse_slot(const Slot& s, Lun& l) const;
 
-    std::vector<Slot> slots_;
+    // Splitting runs is part of reading: it changes what the table holds,
+    // never what it means.
+    mutable std::vector<Slot> slots_;
+    mutable std::vector<Run> runs_;
     std::shared_ptr<const void> text_;
     int version_ = kStateVersion;
     // (frame << 32 | num, slot) sorted, for find; rebuilt after a change.
+    // Empty when the records are in that order already (in_order_).
     mutable std::vector<std::pair<unsigned long long, size_t>> index_;
     mutable bool index_ok_ = false;
+    mutable bool in_order_ = false;
 };
 
 // The name and WWN a LUN has unless its line says otherwise (version 2).

@@ -148,8 +148,6 @@ bool load_state_lazy(const std::string& dir, State& st, std::string& err) {
     }
     st.luns.hold_text(std::shared_ptr<const void>(
         m, [len](const void* p) { munmap(const_cast<void*>(p), len); }));
-    // A LUN record with its device takes a little under 200 bytes.
-    st.luns.reserve(len / 160);
     return text::parse_text(static_cast<const char*>(m), len, st, err, true);
 }
 

@@ -4,6 +4,7 @@
 
 #include "tools/arraysim/state.h"
 #include "tools/arraysim/state_text.h"
+#include "tools/arraysim/text.h"
 
 namespace arraysim {
 
@@ -21,6 +22,7 @@ LunTable& LunTable::operator=(const LunTable& o) {
     if (this == &o) return *this;
     text_ = o.text_;
     version_ = o.version_;
+    runs_ = o.runs_;
     slots_.clear();
     slots_.reserve(o.slots_.size());
     for (const auto& s : o.slots_) {
@@ -39,6 +41,7 @@ LunTable& LunTable::operator=(const LunTable& o) {
 }
 
 void LunTable::push_back(Lun l) {
+    split();
     Slot s;
     s.frame = l.frame;
     s.num = l.num;
@@ -49,29 +52,63 @@ void LunTable::push_back(Lun l) {
 
 void LunTable::clear() {
     slots_.clear();
+    runs_.clear();
     text_.reset();
     index_.clear();
     index_ok_ = false;
 }
 
-void LunTable::add_raw(int frame, int num, const char* raw, size_t len, int line) {
-    Slot s;
-    s.frame = frame;
-    s.num = num;
-    s.raw = raw;
-    s.len = len;
-    s.line = line;
-    slots_.push_back(std::move(s));
+void LunTable::add_run(const char* begin, const char* end, int line, size_t count) {
+    runs_.push_back(Run{begin, end, line, count});
     index_ok_ = false;
 }
 
+void LunTable::split_runs() const {
+    size_t n = slots_.size();
+    for (const Run& r : runs_) n += r.count;
+    slots_.reserve(n);
+    populate_pages(slots_.data() + slots_.size(), slots_.data() + slots_.capacity());
+    std::vector<size_t> whole;
+    for (const Run& r : runs_) {
+        int lineno = r.line - 1;
+        size_t first = slots_.size();
+        for (const char* p = r.begin; p < r.end;) {
+            ++lineno;
+            // The layout arraysim writes, first: a dev line needs no more
+            // than its end.
+            if (r.end - p > 4 && memcmp(p, "dev ", 4) == 0) {
+                const char* nl = static_cast<const char*>(memchr(p + 4, '\n', r.end - p - 4));
+                p = nl ? nl + 1 : r.end;
+                continue;
+            }
+            Line ln = next_line(p, r.end);
+            // Blank lines, comments and dev lines belong to the record above.
+            if (text::starts_word(ln.q, ln.te, "lun", 3)) {
+                if (slots_.size() > first) slots_.back().len = p - slots_.back().raw;
+                slots_.emplace_back();
+                Slot& s = slots_.back();
+                s.raw = p;
+                s.line = lineno;
+                // Not arraysim's own layout: its frame and number come from
+                // reading it whole, below.
+                if (!text::quick_lun_head(ln.q, ln.te, s.frame, s.num))
+                    whole.push_back(slots_.size() - 1);
+            }
+            p = ln.next;
+        }
+        if (slots_.size() > first) slots_.back().len = r.end - slots_.back().raw;
+    }
+    runs_.clear();
+    for (size_t i : whole) materialize(i);
+}
+
 int LunTable::frame_at(size_t i) const {
-    const Slot& s = slots_[i];
+    const Slot& s = split()[i];
     return s.lun ? s.lun->frame : s.frame;
 }
 
 int LunTable::num_at(size_t i) const {
-    const Slot& s = slots_[i];
+    const Slot& s = split()[i];
     return s.lun ? s.lun->num : s.num;
 }
 
@@ -82,31 +119,48 @@ static unsigned long long lun_key(int frame, int num) {
 
 long LunTable::find(int frame, int num) const {
     // Commands look LUNs up by the thousand (a storage group's pairs): a
-    // sorted index keeps that linear.
+    // sorted index keeps that linear. arraysim writes the records in order,
+    // and then they are their own index, with no table to build.
+    split();
+    auto key = [this](size_t i) {
+        const Slot& s = slots_[i];
+        return s.lun ? lun_key(s.lun->frame, s.lun->num) : lun_key(s.frame, s.num);
+    };
     if (!index_ok_) {
+        in_order_ = true;
+        for (size_t i = 1; i < slots_.size() && in_order_; ++i) in_order_ = key(i - 1) <= key(i);
         index_.clear();
-        index_.reserve(slots_.size());
-        bool sorted = true;
-        for (size_t i = 0; i < slots_.size(); ++i) {
-            index_.emplace_back(lun_key(frame_at(i), num_at(i)), i);
-            if (i && index_[i].first < index_[i - 1].first) sorted = false;
+        if (!in_order_) {
+            index_.reserve(slots_.size());
+            for (size_t i = 0; i < slots_.size(); ++i) index_.emplace_back(key(i), i);
+            std::stable_sort(index_.begin(), index_.end());
         }
-        if (!sorted) std::stable_sort(index_.begin(), index_.end());
         index_ok_ = true;
     }
     unsigned long long k = lun_key(frame, num);
-    auto it = std::lower_bound(index_.begin(), index_.end(), std::make_pair(k, size_t(0)));
-    if (it != index_.end() && it->first == k && frame_at(it->second) == frame &&
-        num_at(it->second) == num)
-        return static_cast<long>(it->second);
-    // A parsed record may have been renumbered since the index was made.
+    if (in_order_) {
+        size_t lo = 0, hi = slots_.size();
+        while (lo < hi) {
+            size_t mid = lo + (hi - lo) / 2;
+            if (key(mid) < k)
+                lo = mid + 1;
+            else
+                hi = mid;
+        }
+        if (lo < slots_.size() && key(lo) == k) return static_cast<long>(lo);
+    } else {
+        auto it = std::lower_bound(index_.begin(), index_.end(), std::make_pair(k, size_t(0)));
+        if (it != index_.end() && it->first == k && key(it->second) == k)
+            return static_cast<long>(it->second);
+    }
+    // A parsed record may have been renumbered since the order was seen.
     for (size_t i = 0; i < slots_.size(); ++i)
         if (frame_at(i) == frame && num_at(i) == num) return static_cast<long>(i);
     return -1;
 }
 
 void LunTable::append_wwn(size_t i, std::string& out) const {
-    const Slot& s = slots_[i];
+    const Slot& s = split()[i];
     if (s.lun || !s.raw) {
         out += materialize(i).wwn;
         return;
@@ -136,7 +190,7 @@ void LunTable::append_wwn(size_t i, std::string& out) const {
 }
 
 const char* LunTable::raw_at(size_t i, size_t& len) const {
-    const Slot& s = slots_[i];
+    const Slot& s = split()[i];
     if (s.lun) return nullptr;
     len = s.len;
     return s.raw;
@@ -168,7 +222,7 @@ void LunTable::parse_slot(const Slot& s, Lun& l) const {
 }
 
 Lun& LunTable::materialize(size_t i) const {
-    const Slot& s = slots_[i];
+    const Slot& s = split()[i];
     if (s.lun) return *s.lun;
     std::unique_ptr<Lun> l(new Lun);
     parse_slot(s, *l);
@@ -177,7 +231,7 @@ Lun& LunTable::materialize(size_t i) const {
 }
 
 const Lun& LunTable::peek(size_t i) const {
-    const Slot& s = slots_[i];
+    const Slot& s = split()[i];
     if (s.lun || !s.raw) return materialize(i);
     // Every field of a Lun reset in place: the strings keep their room from
     // one record to the next.
@@ -199,7 +253,7 @@ const Lun& LunTable::peek(size_t i) const {
 
 bool LunTable::materialize_all(std::string& err) const {
     try {
-        for (size_t i = 0; i < slots_.size(); ++i) materialize(i);
+        for (size_t i = 0; i < size(); ++i) materialize(i);
     } catch (const StateError& e) {
         err = e.what();
         return false;

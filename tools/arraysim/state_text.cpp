@@ -7,6 +7,7 @@
 
 #include "tools/arraysim/state.h"
 #include "tools/arraysim/state_text.h"
+#include "tools/arraysim/text.h"
 
 namespace arraysim {
 namespace text {
@@ -107,17 +108,46 @@ bool to_int_list(const Token& t, std::vector<int>& out) {
     });
 }
 
+// The number at p, up to `stop` or the end; the position of what ended it,
+// or null when it is not a number. A group's pairs are tens of thousands of
+// characters read on every command: the short unsigned numbers arraysim
+// writes take one pass, anything else goes through parse_int.
+const char* scan_int(const char* p, const char* end, char stop, int& out) {
+    const char* q = p;
+    unsigned v = 0;
+    for (; q < end && q - p < 9; ++q) {
+        unsigned d = static_cast<unsigned char>(*q) - '0';
+        if (d > 9) break;
+        v = v * 10 + d;
+    }
+    if (q > p && (q == end || *q == stop || *q == ',')) {
+        out = static_cast<int>(v);
+        return q;
+    }
+    while (q < end && *q != stop && *q != ',') ++q;
+    return parse_int(p, q - p, out) ? q : nullptr;
+}
+
 bool parse_pairs(const Token& t, std::vector<Pair>& out) {
     out.clear();
-    return each_item(t, [&](const char* p, const char* ie) {
-        const char* colon = static_cast<const char*>(memchr(p, ':', ie - p));
+    // The shortest pair is "h:a,": room for all of them at once.
+    out.reserve(t.vlen / 4 + 1);
+    const char* p = t.val;
+    const char* end = t.val + t.vlen;
+    while (p < end) {
+        if (*p == ',') {  // an empty item
+            ++p;
+            continue;
+        }
         Pair pr;
-        if (!colon || !parse_int(p, colon - p, pr.hlu) ||
-            !parse_int(colon + 1, ie - colon - 1, pr.alu))
-            return false;
+        const char* c = scan_int(p, end, ':', pr.hlu);
+        if (!c || c == end || *c != ':') return false;
+        const char* ie = scan_int(c + 1, end, ',', pr.alu);
+        if (!ie) return false;
         out.push_back(pr);
-        return true;
-    });
+        p = ie < end ? ie + 1 : end;
+    }
+    return true;
 }
 
 // Splits one line into its kind and key=value tokens. Returns false on a
@@ -165,17 +195,24 @@ struct Codec<std::vector<int>> {
     static void write(Out& o, const char* k, const std::vector<int>& v) { o.ints(k, v); }
 };
 template <>
-struct Codec<std::vector<Pair>> {
-    static bool read(const Token& t, std::vector<Pair>& v) { return parse_pairs(t, v); }
-    static void write(Out& o, const char* k, const std::vector<Pair>& v) {
+struct Codec<PairList> {
+    static bool read(const Token& t, PairList& v) { return parse_pairs(t, v.vec()); }
+    static void write(Out& o, const char* k, const PairList& v) {
         o.s += ' ';
         o.s += k;
         o.s += '=';
+        size_t n;
+        if (const char* raw = v.raw(n)) {
+            o.s.append(raw, n);
+            return;
+        }
+        // Thousands of pairs on every write: no string per number.
+        o.s.reserve(o.s.size() + v.size() * 12);
         for (size_t i = 0; i < v.size(); ++i) {
             if (i) o.s += ',';
-            o.s += std::to_string(v[i].hlu);
+            append_int(o.s, v[i].hlu);
             o.s += ':';
-            o.s += std::to_string(v[i].alu);
+            append_int(o.s, v[i].alu);
         }
     }
 };
@@ -381,8 +418,8 @@ bool parse_record(const std::string& kind, const std::vector<Token>& toks, State
     return false;
 }
 
-// The head of a LUN line as arraysim writes it, "lun frame=F num=N ...";
-// false for any other layout, which is then read the slow way.
+}  // namespace
+
 bool quick_lun_head(const char* q, const char* te, int& frame, int& num) {
     static const char k1[] = "lun frame=";
     static const char k2[] = " num=";
@@ -400,12 +437,6 @@ bool quick_lun_head(const char* q, const char* te, int& frame, int& num) {
     return parse_int(s, p - s, num);
 }
 
-bool starts_word(const char* q, const char* te, const char* w, size_t n) {
-    return static_cast<size_t>(te - q) >= n && memcmp(q, w, n) == 0 && (q + n == te || q[n] == ' ');
-}
-
-}  // namespace
-
 bool split_line(const char* p, const char* end, std::string& kind, std::vector<Token>& toks) {
     toks.clear();
     while (p < end && *p == ' ') ++p;
@@ -416,7 +447,9 @@ bool split_line(const char* p, const char* end, std::string& kind, std::vector<T
         while (p < end && *p == ' ') ++p;
         if (p >= end) break;
         const char* s = p;
-        while (p < end && *p != ' ') ++p;
+        // Values escape their blanks; some are long lists.
+        const char* blank = static_cast<const char*>(memchr(p, ' ', end - p));
+        p = blank ? blank : end;
         const char* eq = static_cast<const char*>(memchr(s, '=', p - s));
         if (!eq) return false;
         toks.push_back(
@@ -458,6 +491,57 @@ bool parse_dev(const std::vector<Token>& toks, HostDev& r) {
     return read_fields(kDevFields, toks, r);
 }
 
+namespace {
+
+// The LUN records from `p`, which starts a LUN line, up to the next line of
+// another kind, kept whole for the LUN table (see LunTable::add_run). Only
+// the first word of each line is looked at. `lineno` is the number of the
+// first line and becomes that of the last line of the run.
+const char* lun_run(const char* p, const char* end, int& lineno, State& st) {
+    const char* begin = p;
+    int first = lineno;
+    size_t count = 0;
+    --lineno;
+    while (p < end) {
+        // The layout arraysim writes, first; anything else the long way.
+        const char* next;
+        if (end - p > 4 && (memcmp(p, "lun ", 4) == 0 || memcmp(p, "dev ", 4) == 0)) {
+            count += *p == 'l';
+            const char* nl = static_cast<const char*>(memchr(p + 4, '\n', end - p - 4));
+            next = nl ? nl + 1 : end;
+        } else {
+            Line ln = next_line(p, end);
+            bool lun = starts_word(ln.q, ln.te, "lun", 3);
+            if (!lun && ln.q != ln.te && !starts_word(ln.q, ln.te, "dev", 3)) break;
+            count += lun;
+            next = ln.next;
+        }
+        ++lineno;
+        p = next;
+    }
+    st.luns.add_run(begin, p, first, count);
+    return p;
+}
+
+// A group whose pairs stay text until used (see PairList).
+bool read_group_lazily(std::vector<Token>& toks, State& st, int lineno, const Line& ln) {
+    Token pairs{nullptr, 0, nullptr, 0};
+    size_t kept = 0;
+    for (const Token& t : toks)
+        if (t.is("pairs"))
+            pairs = t;  // the last one counts, as for any key
+        else
+            toks[kept++] = t;
+    toks.resize(kept);
+    Group g;
+    if (!read_fields(kGroupFields, toks, g)) return false;
+    if (pairs.key) g.pairs.set_raw(pairs.val, pairs.vlen, lineno, ln.q, ln.te);
+    st.groups.push_back(std::move(g));
+    return true;
+}
+
+}  // namespace
+
 bool parse_text(const char* data, size_t len, State& st, std::string& err, bool lazy) {
     const char* p = data;
     const char* end = data + len;
@@ -482,8 +566,6 @@ bool parse_text(const char* data, size_t len, State& st, std::string& err, bool 
     std::string kind;
     std::vector<Token> toks;
     int lineno = 1;
-    const char* span = nullptr;  // the LUN record being kept as text
-    int span_line = 0, span_frame = 0, span_num = 0;
     while (p < end) {
         ++lineno;
         Line ln = next_line(p, end);
@@ -491,29 +573,21 @@ bool parse_text(const char* data, size_t len, State& st, std::string& err, bool 
             p = ln.next;
             continue;
         }
-        if (lazy) {
-            if (span && starts_word(ln.q, ln.te, "dev", 3)) {
-                p = ln.next;
-                continue;
-            }
-            if (span) {
-                st.luns.add_raw(span_frame, span_num, span, p - span, span_line);
-                span = nullptr;
-            }
-            if (quick_lun_head(ln.q, ln.te, span_frame, span_num)) {
-                span = p;
-                span_line = lineno;
-                p = ln.next;
-                continue;
-            }
+        if (lazy && starts_word(ln.q, ln.te, "lun", 3)) {
+            p = lun_run(p, end, lineno, st);
+            continue;
         }
-        if (!split_line(ln.q, ln.te, kind, toks) || !parse_record(kind, toks, st)) {
+        bool ok = split_line(ln.q, ln.te, kind, toks);
+        if (ok && lazy && kind == "group")
+            ok = read_group_lazily(toks, st, lineno, ln);
+        else if (ok)
+            ok = parse_record(kind, toks, st);
+        if (!ok) {
             err = malformed(lineno, ln.q, ln.te);
             return false;
         }
         p = ln.next;
     }
-    if (span) st.luns.add_raw(span_frame, span_num, span, end - span, span_line);
     return true;
 }
 
@@ -564,6 +638,15 @@ void format_into(const State& st, Out& o) {
 }
 
 }  // namespace text
+
+void PairList::parse() const {
+    text::Token t{"pairs", 5, raw_, rawlen_};
+    if (!text::parse_pairs(t, v_)) {
+        v_.clear();
+        throw StateError(text::malformed(line_, q_, te_));
+    }
+    raw_ = nullptr;
+}
 
 bool parse_state(const char* data, size_t len, State& st, std::string& err) {
     st = State();

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tools/arraysim/state.h"
+#include "tools/arraysim/text.h"
 
 namespace arraysim {
 namespace text {
@@ -42,6 +43,13 @@ struct Line {
 };
 Line next_line(const char* p, const char* end);
 std::string malformed(int lineno, const char* q, const char* te);
+// Whether [q, te) starts with the word w of n characters.
+inline bool starts_word(const char* q, const char* te, const char* w, size_t n) {
+    return static_cast<size_t>(te - q) >= n && memcmp(q, w, n) == 0 && (q + n == te || q[n] == ' ');
+}
+// The head of a LUN line as arraysim writes it, "lun frame=F num=N ...";
+// false for any other layout, which is then read the slow way.
+bool quick_lun_head(const char* q, const char* te, int& frame, int& num);
 
 // The LUN record and the device lines under it (`version` says what a
 // missing key means).
@@ -89,7 +97,7 @@ struct Out {
         s += ' ';
         s += k;
         s += '=';
-        s += std::to_string(v);
+        append_int(s, v);
     }
     void flag(const char* k, bool v) {
         s += ' ';
@@ -111,7 +119,7 @@ struct Out {
         s += '=';
         for (size_t i = 0; i < v.size(); ++i) {
             if (i) s += ',';
-            s += std::to_string(v[i]);
+            append_int(s, v[i]);
         }
     }
     void end() { s += '\n'; }

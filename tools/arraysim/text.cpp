@@ -2,12 +2,35 @@
 #include "tools/arraysim/text.h"
 
 #include <strings.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <cctype>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 
 namespace arraysim {
+
+void populate_pages(const void* b, const void* e) {
+#ifdef MADV_POPULATE_WRITE
+    static const uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+    uintptr_t first = (reinterpret_cast<uintptr_t>(b) + page - 1) & ~(page - 1);
+    uintptr_t last = reinterpret_cast<uintptr_t>(e) & ~(page - 1);
+    // A few pages are cheaper to fault in than to ask for. Where the kernel
+    // cannot do it, the pages come one fault at a time, as they would.
+    if (last > first + 8 * page)
+        madvise(reinterpret_cast<void*>(first), last - first, MADV_POPULATE_WRITE);
+#else
+    (void)b;
+    (void)e;
+#endif
+}
+
+void reserve_filled(std::string& out, size_t n) {
+    out.reserve(out.size() + n);
+    populate_pages(out.data() + out.size(), out.data() + out.capacity());
+}
 
 void kv(std::string& out, const char* key, const std::string& value, size_t width) {
     size_t start = out.size();

@@ -9,6 +9,13 @@ namespace arraysim {
 // "Key:" padded to `width`, then at least two blanks, the value and a line feed.
 void kv(std::string& out, const char* key, const std::string& value, size_t width = 30);
 
+// Makes room for n more bytes at the end of out, its pages handed over by
+// the kernel at once: a listing of thousands of records fills hundreds of
+// pages, and taking them one fault at a time costs more than writing them.
+void reserve_filled(std::string& out, size_t n);
+// The same for any memory about to be written: the whole pages in [b, e).
+void populate_pages(const void* b, const void* e);
+
 // Appends the decimal form of v (as "%lld" prints it).
 void append_int(std::string& out, long long v);
 

@@ -45,7 +45,11 @@ void cmd_getlun(Cmd& c) {
     std::string uid_key;  // "UID:" and its padding, as kv lays it out
     kv(uid_key, "UID", std::string(), 28);
     uid_key.pop_back();
-    o.reserve(o.size() + luns.size() * (uid ? 96 : 28));
+    // Room for this frame's LUNs only: pages made ready and left unused
+    // cost as much as faults.
+    size_t shown = 0;
+    for (size_t i = 0; i < luns.size(); ++i) shown += luns.frame_at(i) == c.frame;
+    reserve_filled(o, shown * (uid ? 104 : 28));
     for (size_t i = 0; i < luns.size(); ++i) {
         if (luns.frame_at(i) != c.frame) continue;
         o += "LOGICAL UNIT NUMBER ";
@@ -174,7 +178,7 @@ void print_group(Cmd& c, const Group& g, bool with_host) {
     o += "  HLU Number     ALU Number\n  ----------     ----------\n";
     // A group holds thousands of LUNs: its rows are laid out by hand, as
     // "    %-15d%d" and " %d     %s" would.
-    o.reserve(o.size() + g.pairs.size() * (g.form == 1 ? 28 : 84));
+    reserve_filled(o, g.pairs.size() * (g.form == 1 ? 28 : 84));
     if (g.form == 1) {
         for (const auto& p : g.pairs) {
             o += "    ";

@@ -81,7 +81,7 @@ void print_volmap(const State& st, const std::string&, int frame, int host, std:
     static const BlockKeys k;
     for (const auto& g : st.groups) {
         if (g.frame != frame || g.host != host) continue;
-        o.reserve(o.size() + g.pairs.size() * 330);
+        reserve_filled(o, g.pairs.size() * 330);
         for (const auto& p : g.pairs) {
             const Lun* l = st.peek_lun(frame, p.alu);
             if (!l) continue;

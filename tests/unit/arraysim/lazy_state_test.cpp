@@ -154,6 +154,64 @@ TEST_F(LazyState, AMalformedLunIsFoundWhenUsedAndEagerReadersStillRefuseIt) {
     EXPECT_NE(std::string::npos, err.find("line 2")) << err;
 }
 
+// A dev line belongs to the LUN line above it even with another record
+// between them, read lazily or not; the records around stay in order.
+TEST_F(LazyState, ADevLineAfterAnotherRecordStillBelongsToTheLunAbove) {
+    std::string text =
+        "arraysim-state 2\nframe name=A addrs=10.0.0.1\n"
+        "lun frame=0 num=1 blocks=8\nlun frame=0 num=2 blocks=8\n"
+        "session name=s frame=0 lun=2 created=1\n"
+        "dev host=0 paths=sdz\n"
+        "lun frame=0 num=3 blocks=8\n";
+    put(text);
+    State lazy, eager;
+    std::string err;
+    ASSERT_TRUE(load_state_lazy(dir_, lazy, err)) << err;
+    ASSERT_TRUE(parse_state(text.data(), text.size(), eager, err)) << err;
+    ASSERT_EQ(3u, lazy.luns.size());
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(eager.luns[i].num, lazy.luns[i].num);
+        EXPECT_EQ(eager.luns[i].devs.size(), lazy.luns[i].devs.size()) << i;
+    }
+    EXPECT_EQ(1u, lazy.luns[1].devs.size());
+    EXPECT_EQ(1u, lazy.sessions.size());
+}
+
+// A group's pairs stay text until used: written back as read when
+// untouched, afresh when changed, and a malformed list found when used.
+TEST_F(LazyState, GroupPairsAreReadWhenUsed) {
+    const char* groups =
+        "arraysim-state 2\nframe name=A addrs=10.0.0.1\n"
+        "group frame=0 name=g pairs=0:10,,1:2 host=-1\n"
+        "group frame=0 name=bad pairs=1:2x\n";
+    put(groups);
+    State st;
+    std::string err;
+    ASSERT_TRUE(load_state_lazy(dir_, st, err)) << err;
+    EXPECT_EQ("bad", st.groups[1].name);
+    ASSERT_TRUE(save_state(dir_, st, err)) << err;
+    EXPECT_NE(std::string::npos, text().find(" pairs=0:10,,1:2\n")) << text();
+
+    put(groups);
+    ASSERT_TRUE(load_state_lazy(dir_, st, err)) << err;
+    ASSERT_EQ(2u, st.groups[0].pairs.size());
+    EXPECT_EQ(2, st.groups[0].pairs[1].alu);
+    st.groups[0].pairs.push_back(Pair{5, 6});
+    try {
+        (void)st.groups[1].pairs.size();
+        ADD_FAILURE() << "no error for a bad pair";
+    } catch (const StateError& e) {
+        EXPECT_STREQ("malformed state line 4: group frame=0 name=bad pairs=1:2x", e.what());
+    }
+    st.groups.pop_back();
+    ASSERT_TRUE(save_state(dir_, st, err)) << err;
+    EXPECT_NE(std::string::npos, text().find(" pairs=0:10,1:2,5:6\n")) << text();
+
+    State eager;
+    put("arraysim-state 2\ngroup frame=0 name=bad pairs=1:2x\n");
+    EXPECT_FALSE(load_state(dir_, eager, err));
+}
+
 // Version 1 files are still read, with their meaning: a LUN line without a
 // name or WWN has none. Written again they become version 2 and say so.
 TEST_F(LazyState, AVersionOneFileKeepsItsMeaningWhenWrittenAgain) {
@@ -230,6 +288,32 @@ TEST(LunTableIndex, FindsTheFirstMatchAndFollowsChanges) {
     size_t n = 0;
     for (const Lun& l : copy) n += l.frame == 0;
     EXPECT_EQ(3u, n);
+}
+
+// Records in (frame, number) order, as arraysim writes them, are searched
+// in place: the first of equal ones, and a renumbered one still found.
+TEST(LunTableIndex, RecordsInOrderAreTheirOwnIndex) {
+    LunTable t;
+    for (int n : {1, 2, 2, 3, 7}) {
+        Lun l;
+        l.num = n;
+        l.name = "n" + std::to_string(t.size());
+        t.push_back(l);
+    }
+    Lun other;
+    other.frame = 1;
+    other.num = 0;
+    t.push_back(other);
+    EXPECT_EQ(1, t.find(0, 2));
+    EXPECT_EQ(4, t.find(0, 7));
+    EXPECT_EQ(5, t.find(1, 0));
+    EXPECT_EQ(-1, t.find(0, 4));
+    EXPECT_EQ(-1, t.find(0, 8));
+    EXPECT_EQ(-1, t.find(1, 1));
+    t[0].num = 9;  // now out of order
+    EXPECT_EQ(0, t.find(0, 9));
+    EXPECT_EQ(-1, t.find(0, 1));
+    EXPECT_EQ(3, t.find(0, 3));
 }
 
 TEST(StateLists, LongNumberListsAndPairsReadStrictly) {
