@@ -196,7 +196,29 @@ const char* LunTable::raw_at(size_t i, size_t& len) const {
     return s.raw;
 }
 
+// Every field of a Lun as a record without keys leaves it, in place: the
+// strings keep their room from one record to the next.
+static void reset_lun(Lun& l) {
+    l.frame = 0;
+    l.num = 0;
+    l.name.clear();
+    l.wwn.clear();
+    l.blocks = 0;
+    l.trespassed = false;
+    l.mount.clear();
+    l.snapname.clear();
+    l.snapdev.clear();
+    l.smp = -1;
+    l.smpdev.clear();
+    l.cg.clear();
+    l.devs.clear();
+}
+
 void LunTable::parse_slot(const Slot& s, Lun& l) const {
+    if (text::quick_parse_lun(s.raw, s.raw + s.len, l, version_)) return;
+    // Some other layout, or a malformed record: read it line by line, which
+    // also says which line is wrong.
+    reset_lun(l);
     std::string kind;
     // Kept between records: a listing reads thousands of them.
     static thread_local std::vector<Token> toks;
@@ -233,20 +255,8 @@ Lun& LunTable::materialize(size_t i) const {
 const Lun& LunTable::peek(size_t i) const {
     const Slot& s = split()[i];
     if (s.lun || !s.raw) return materialize(i);
-    // Every field of a Lun reset in place: the strings keep their room from
-    // one record to the next.
     static thread_local Lun l;
-    l.name.clear();
-    l.wwn.clear();
-    l.blocks = 0;
-    l.trespassed = false;
-    l.mount.clear();
-    l.snapname.clear();
-    l.snapdev.clear();
-    l.smp = -1;
-    l.smpdev.clear();
-    l.cg.clear();
-    l.devs.clear();
+    reset_lun(l);
     parse_slot(s, l);
     return l;
 }

@@ -493,6 +493,117 @@ bool parse_dev(const std::vector<Token>& toks, HostDev& r) {
 
 namespace {
 
+// One "key=value" at p on a line ending at le: false when p holds no '='
+// before the next blank. `next` is where the next token's search starts.
+bool quick_token(const char* p, const char* le, Token& t, const char*& next) {
+    const char* blank = static_cast<const char*>(memchr(p, ' ', le - p));
+    const char* te = blank ? blank : le;
+    const char* eq = static_cast<const char*>(memchr(p, '=', te - p));
+    if (!eq) return false;
+    t = Token{p, static_cast<size_t>(eq - p), eq + 1, static_cast<size_t>(te - eq - 1)};
+    next = blank ? blank + 1 : le;
+    return true;
+}
+
+void assign_value(const Token& t, std::string& v) {
+    // Keeps the string's room: a listing reads thousands of records into one.
+    if (!memchr(t.val, '%', t.vlen))
+        v.assign(t.val, t.vlen);
+    else
+        v = unescape_value(t.val, t.vlen);
+}
+
+bool quick_lun_key(const Token& t, Lun& r, bool& name, bool& wwn) {
+    switch (t.klen) {
+    case 2:
+        if (t.is("cg")) return assign_value(t, r.cg), true;
+        return false;
+    case 3:
+        if (t.is("num")) return to_int(t, r.num);
+        if (t.is("wwn")) return wwn = true, assign_value(t, r.wwn), true;
+        if (t.is("smp")) return to_int(t, r.smp);
+        return false;
+    case 4:
+        if (t.is("name")) return name = true, assign_value(t, r.name), true;
+        return false;
+    case 5:
+        if (t.is("frame")) return to_int(t, r.frame);
+        if (t.is("mount")) return assign_value(t, r.mount), true;
+        return false;
+    case 6:
+        if (t.is("blocks")) return to_ll(t, r.blocks);
+        if (t.is("smpdev")) return assign_value(t, r.smpdev), true;
+        return false;
+    case 7:
+        if (t.is("snapdev")) return assign_value(t, r.snapdev), true;
+        return false;
+    case 8:
+        if (t.is("snapname")) return assign_value(t, r.snapname), true;
+        return false;
+    case 10:
+        if (t.is("trespassed")) return to_bool(t, r.trespassed);
+        return false;
+    }
+    return false;
+}
+
+bool quick_dev_key(const Token& t, HostDev& d) {
+    if (t.is("host")) return to_int(t, d.host);
+    if (t.is("pseudo")) return assign_value(t, d.pseudo), true;
+    if (t.is("paths")) {
+        d.paths.clear();
+        return each_item(t, [&](const char* p, const char* ie) {
+            d.paths.push_back(memchr(p, '%', ie - p) ? unescape_value(p, ie - p)
+                                                     : std::string(p, ie));
+            return true;
+        });
+    }
+    return false;
+}
+
+}  // namespace
+
+bool quick_parse_lun(const char* p, const char* end, Lun& r, int version) {
+    // The layout arraysim writes: "lun " and "dev " lines, single blanks,
+    // nothing else. Blank lines, comments and stray blanks go the long way,
+    // which also names the line of a malformed record.
+    bool name = false, wwn = false, first = true;
+    while (p < end) {
+        const char* nl = static_cast<const char*>(memchr(p, '\n', end - p));
+        const char* le = nl ? nl : end;
+        if (le - p < 5 || p[3] != ' ' || p[4] == ' ' || le[-1] == ' ' || le[-1] == '\r')
+            return false;
+        bool lun = memcmp(p, "lun", 3) == 0;
+        if (lun != first || (!lun && memcmp(p, "dev", 3) != 0)) return false;
+        HostDev* d = nullptr;
+        if (!lun) {
+            r.devs.emplace_back();
+            d = &r.devs.back();
+        }
+        for (const char* q = p + 4; q < le;) {
+            Token t;
+            if (!quick_token(q, le, t, q)) return false;
+            if (lun ? !quick_lun_key(t, r, name, wwn) : !quick_dev_key(t, *d)) return false;
+        }
+        first = false;
+        p = nl ? nl + 1 : end;
+    }
+    if (first) return false;
+    if (version >= 2) {
+        if (!name) {
+            r.name = "LUN ";
+            append_int(r.name, r.num);
+        }
+        if (!wwn) {
+            r.wwn.clear();
+            append_default_lun_wwn(r.wwn, r.frame, r.num);
+        }
+    }
+    return true;
+}
+
+namespace {
+
 // The LUN records from `p`, which starts a LUN line, up to the next line of
 // another kind, kept whole for the LUN table (see LunTable::add_run). Only
 // the first word of each line is looked at. `lineno` is the number of the

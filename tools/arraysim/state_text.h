@@ -55,6 +55,10 @@ bool quick_lun_head(const char* q, const char* te, int& frame, int& num);
 // missing key means).
 bool parse_lun(const std::vector<Token>& toks, Lun& r, int version);
 bool parse_dev(const std::vector<Token>& toks, HostDev& r);
+// The same for a whole record in the layout arraysim writes, read in one
+// pass into `r`'s own strings; false for anything else (read it then with
+// split_line, parse_lun and parse_dev), leaving `r` half filled.
+bool quick_parse_lun(const char* p, const char* end, Lun& r, int version);
 
 // Reads the text; with `lazy`, LUN records in arraysim's own layout are kept
 // as text spans and parsed when first used.
