@@ -108,19 +108,17 @@ std::string default_lun_name(int num) {
 // scanf and printf: getlun derives thousands of these.
 void append_default_lun_wwn(std::string& out, int frame, int num) {
     static const char hex[] = "0123456789ABCDEF";
+    // The first eight bytes are the same for every LUN; the colons too.
+    char buf[48] = "60:06:01:60:00:00:00:00:00:00:00:00:00:00:00:00";
     unsigned f = static_cast<unsigned>(frame), n = static_cast<unsigned>(num);
-    unsigned char b[16] = {0x60, 0x06, 0x01, 0x60, 0, 0, 0, 0};
     for (int i = 0; i < 4; ++i) {
-        b[11 - i] = static_cast<unsigned char>(f >> (8 * i));
-        b[15 - i] = static_cast<unsigned char>(n >> (8 * i));
+        unsigned fb = (f >> (8 * (3 - i))) & 255, nb = (n >> (8 * (3 - i))) & 255;
+        buf[24 + i * 3] = hex[fb >> 4];
+        buf[25 + i * 3] = hex[fb & 15];
+        buf[36 + i * 3] = hex[nb >> 4];
+        buf[37 + i * 3] = hex[nb & 15];
     }
-    char buf[47];
-    for (int i = 0; i < 16; ++i) {
-        buf[i * 3] = hex[b[i] >> 4];
-        buf[i * 3 + 1] = hex[b[i] & 15];
-        if (i < 15) buf[i * 3 + 2] = ':';
-    }
-    out.append(buf, sizeof buf);
+    out.append(buf, 47);
 }
 
 std::string default_lun_wwn(int frame, int num) {

@@ -63,6 +63,40 @@ void LunTable::add_run(const char* begin, const char* end, int line, size_t coun
     index_ok_ = false;
 }
 
+// The unsigned decimal of at most nine digits at p, ended by `stop` (or, with
+// `nl`, by a line feed); the position of what ended it, or null.
+static const char* quick_num(const char* p, const char* end, char stop, bool nl, int& out) {
+    const char* q = p;
+    unsigned v = 0;
+    for (; q < end && q - p < 9; ++q) {
+        unsigned d = static_cast<unsigned char>(*q) - '0';
+        if (d > 9) break;
+        v = v * 10 + d;
+    }
+    if (q == p || q == end || !(*q == stop || (nl && *q == '\n'))) return nullptr;
+    out = static_cast<int>(v);
+    return q;
+}
+
+// "lun frame=F num=N" opening the line at p, with plain numbers: the end of
+// the line (its line feed or `end`), or null for anything else, which
+// quick_lun_head and next_line then read. Thousands of lines are split on
+// every command that looks at a LUN.
+static const char* quick_lun_line(const char* p, const char* end, int& frame, int& num) {
+    static const char k1[] = "lun frame=";
+    static const char k2[] = " num=";
+    if (static_cast<size_t>(end - p) < sizeof k1 - 1 || memcmp(p, k1, sizeof k1 - 1) != 0)
+        return nullptr;
+    const char* q = quick_num(p + sizeof k1 - 1, end, ' ', false, frame);
+    if (!q || static_cast<size_t>(end - q) < sizeof k2 - 1 || memcmp(q, k2, sizeof k2 - 1) != 0)
+        return nullptr;
+    q = quick_num(q + sizeof k2 - 1, end, ' ', true, num);
+    if (!q) return nullptr;
+    if (*q == '\n') return q;
+    const char* nl = static_cast<const char*>(memchr(q, '\n', end - q));
+    return nl ? nl : end;
+}
+
 void LunTable::split_runs() const {
     size_t n = slots_.size();
     for (const Run& r : runs_) n += r.count;
@@ -79,6 +113,18 @@ void LunTable::split_runs() const {
             if (r.end - p > 4 && memcmp(p, "dev ", 4) == 0) {
                 const char* nl = static_cast<const char*>(memchr(p + 4, '\n', r.end - p - 4));
                 p = nl ? nl + 1 : r.end;
+                continue;
+            }
+            int frame, num;
+            if (const char* nl = quick_lun_line(p, r.end, frame, num)) {
+                if (slots_.size() > first) slots_.back().len = p - slots_.back().raw;
+                slots_.emplace_back();
+                Slot& s = slots_.back();
+                s.raw = p;
+                s.line = lineno;
+                s.frame = frame;
+                s.num = num;
+                p = nl < r.end ? nl + 1 : r.end;
                 continue;
             }
             Line ln = next_line(p, r.end);
