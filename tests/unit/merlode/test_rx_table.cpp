@@ -108,7 +108,9 @@ std::vector<std::string> edge_lines() {
                                  "UID:",
                                  "SyncRate:",
                                  "CloneLUNWWNs:",
-                                 "Storage Group UID:"};
+                                 "Storage Group UID:",
+                                 "Commit Required:",
+                                 "Active State:"};
     const char* const leads[] = {"", "x ", "Name: "};
     const char* const gaps[] = {"", " ", "    ", "\t", "\v\f", "\r", "\n"};
     const char* const values[] = {"",
@@ -138,6 +140,18 @@ std::vector<std::string> edge_lines() {
             for (const char* gap : blanks)
                 for (const char* b : cells)
                     for (const char* e : ends) lines.push_back(std::string(lead) + a + gap + b + e);
+    // The software list's name and revision rows: a keyword, anything, a
+    // colon, blanks and a value that ends the line.
+    const char* const middles[] = {"", ":", " software package:", " a:b", " x: :", "  "};
+    const char* const revisions[] = {"",   "7",   "04.30.000.5.523", "1_2", "V1.2", "1.2 ",
+                                     ":3", "a b", "1	2"};
+    for (const char* w : {"Name of the", "Revision of"})
+        for (const char* l : leads)
+            for (const char* m : middles)
+                for (const char* g : gaps)
+                    for (const char* v : revisions)
+                        for (const char* e : ends)
+                            lines.push_back(std::string(l) + w + m + g + v + e);
     lines.push_back(std::string("CloneID: a\0b\n", 13));
     lines.push_back(std::string("    7\0 19\n", 10));
     return lines;

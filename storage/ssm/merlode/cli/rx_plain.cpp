@@ -30,6 +30,11 @@ enum class Value {
     TokenToEol,  // "W[[:space:]]+([^[:space:]]+)\n"
     Rest,        // "W[[:space:]]+([^[:space:]].*)", "(.*)", "(.+)"
     RestToEol,   // "W[[:space:]]+([^[:space:]].*)\n", "(.*)\n"
+    // "W.+:[[:space:]]+(C+)\n": the value is the run of its class that ends
+    // the line, the blanks before it the run that ends there, and the colon
+    // must stand right before those blanks, past at least one character.
+    ColonTokenToEol,     // C = [^[:space:]]
+    ColonRevisionToEol,  // C = [_\.[:digit:]]
 };
 
 struct Shape {
@@ -55,6 +60,11 @@ const Shape kShapes[] = {
     {RX_SYNC_RATE, "SyncRate:", Value::Rest},
     {RX_CLONE_LUN_WWNS, "CloneLUNWWNs:", Value::Token},
     {RX_SG_UID, "Storage Group UID:", Value::Rest},
+    // The version survey reads every line of the array's software list.
+    {RX_PKG_NAME, "Name of the", Value::ColonTokenToEol},
+    {RX_PKG_REVISION, "Revision of", Value::ColonRevisionToEol},
+    {RX_COMMIT_REQUIRED, "Commit Required:", Value::TokenToEol},
+    {RX_ACTIVE_STATE, "Active State:", Value::TokenToEol},
 };
 
 // The "C" classes, which rx_plain_locale_ok holds the locale to.
@@ -86,6 +96,9 @@ size_t skip(const std::string& text, size_t at, bool (*in)(unsigned char)) {
 bool not_space(unsigned char c) {
     return !is_space(c);
 }
+bool is_revision(unsigned char c) {
+    return is_digit(c) || c == '_' || c == '.';
+}
 
 int fill(size_t nmatch, regmatch_t* pm, size_t m0, size_t m1, long g0 = -1, long g1 = -1,
          long h0 = -1, long h1 = -1) {
@@ -105,6 +118,20 @@ int fill(size_t nmatch, regmatch_t* pm, size_t m0, size_t m1, long g0 = -1, long
     return 0;
 }
 
+// "W.+:[[:space:]]+(C+)\n" after the keyword ending at `at`: the line's
+// last line feed ends the match, so each piece is found backwards from it.
+int colon_row(const std::string& text, size_t p, size_t at, bool (*in)(unsigned char),
+              size_t nmatch, regmatch_t* pm) {
+    const size_t n = text.size();
+    if (n == 0 || text[n - 1] != '\n') return RX_PLAIN_UNSURE;
+    size_t t = n - 1;
+    while (t > at && in(static_cast<unsigned char>(text[t - 1]))) t--;
+    size_t b = t;
+    while (b > at && is_space(static_cast<unsigned char>(text[b - 1]))) b--;
+    if (t == n - 1 || b == t || b < at + 2 || text[b - 1] != ':') return RX_PLAIN_UNSURE;
+    return fill(nmatch, pm, p, n, t, n - 1);
+}
+
 // "^\s+(\w+)\s+(\w+)": anchored, each run forced to its whole length.
 int hlu_alu_row(const std::string& text, size_t nmatch, regmatch_t* pm) {
     size_t a = skip(text, 0, is_space);
@@ -120,6 +147,9 @@ int keyed_row(const Shape& s, const std::string& text, size_t nmatch, regmatch_t
     size_t p = text.find(s.word);
     if (p == std::string::npos) return RX_PLAIN_UNSURE;
     size_t at = p + strlen(s.word);
+    if (s.value == Value::ColonTokenToEol) return colon_row(text, p, at, not_space, nmatch, pm);
+    if (s.value == Value::ColonRevisionToEol)
+        return colon_row(text, p, at, is_revision, nmatch, pm);
     size_t q = skip(text, at, is_space);
     // No blank, or blanks to the end: the value's class alone would not
     // settle where the blanks stop.
@@ -145,6 +175,8 @@ int keyed_row(const Shape& s, const std::string& text, size_t nmatch, regmatch_t
     case Value::RestToEol:
         if (text[n - 1] != '\n') return RX_PLAIN_UNSURE;
         return fill(nmatch, pm, p, n, q, n - 1);
+    case Value::ColonTokenToEol:
+    case Value::ColonRevisionToEol: break;
     }
     return RX_PLAIN_UNSURE;
 }
