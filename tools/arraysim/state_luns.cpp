@@ -66,13 +66,8 @@ void LunTable::add_run(const char* begin, const char* end, int line, size_t coun
 // The unsigned decimal of at most nine digits at p, ended by `stop` (or, with
 // `nl`, by a line feed); the position of what ended it, or null.
 static const char* quick_num(const char* p, const char* end, char stop, bool nl, int& out) {
-    const char* q = p;
     unsigned v = 0;
-    for (; q < end && q - p < 9; ++q) {
-        unsigned d = static_cast<unsigned char>(*q) - '0';
-        if (d > 9) break;
-        v = v * 10 + d;
-    }
+    const char* q = scan_digits(p, end, v);
     if (q == p || q == end || !(*q == stop || (nl && *q == '\n'))) return nullptr;
     out = static_cast<int>(v);
     return q;

@@ -113,13 +113,8 @@ bool to_int_list(const Token& t, std::vector<int>& out) {
 // characters read on every command: the short unsigned numbers arraysim
 // writes take one pass, anything else goes through parse_int.
 const char* scan_int(const char* p, const char* end, char stop, int& out) {
-    const char* q = p;
     unsigned v = 0;
-    for (; q < end && q - p < 9; ++q) {
-        unsigned d = static_cast<unsigned char>(*q) - '0';
-        if (d > 9) break;
-        v = v * 10 + d;
-    }
+    const char* q = scan_digits(p, end, v);
     if (q > p && (q == end || *q == stop || *q == ',')) {
         out = static_cast<int>(v);
         return q;

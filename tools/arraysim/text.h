@@ -9,6 +9,20 @@ namespace arraysim {
 // "Key:" padded to `width`, then at least two blanks, the value and a line feed.
 void kv(std::string& out, const char* key, const std::string& value, size_t width = 30);
 
+// The unsigned decimal of at most nine digits at p, as arraysim writes its
+// numbers: where the digits end (p when there are none), with their value in
+// `v`. What ends them is for the caller to judge.
+inline const char* scan_digits(const char* p, const char* end, unsigned& v) {
+    const char* q = p;
+    v = 0;
+    for (; q < end && q - p < 9; ++q) {
+        unsigned d = static_cast<unsigned char>(*q) - '0';
+        if (d > 9) break;
+        v = v * 10 + d;
+    }
+    return q;
+}
+
 // Makes room for n more bytes at the end of out, its pages handed over by
 // the kernel at once: a listing of thousands of records fills hundreds of
 // pages, and taking them one fault at a time costs more than writing them.
