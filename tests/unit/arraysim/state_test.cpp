@@ -163,6 +163,27 @@ TEST_F(Program, BadInvocationsAnswerInWordsAndLeaveTheStateAlone) {
     EXPECT_EQ(before, state_text());
 }
 
+// The folder named on the command line wins over the environment, for the
+// administration commands and for a tool run through the program alike.
+TEST_F(Program, StateFolderOnTheCommandLineServesToolsToo) {
+    zovtest::TempDir other{"arraysim-other-"};
+    ASSERT_TRUE(other.ok());
+    ASSERT_EQ(0, run({"arraysim", "--state", other.path(), "init", "--frames", "2", "--luns", "1",
+                      "--host", "otherhost", "--host-addr", "10.1.1.6"}));
+    std::string out;
+    ASSERT_EQ(0, run({"arraysim", "--state", other.path(), "tilloseccli", "-h", "198.18.1.1",
+                      "arrayname"},
+                     &out))
+        << out;
+    EXPECT_NE(out.find("SIMARRAY01"), std::string::npos) << out;
+    // The environment's array has one frame: the second frame's address is
+    // not one of its own.
+    EXPECT_NE(0, run({"arraysim", "tilloseccli", "-h", "198.18.1.1", "arrayname"}, &out));
+    std::string log;
+    ASSERT_TRUE(read_file(other.path() + "/commands.log", log));
+    EXPECT_NE(log.find("tilloseccli -h 198.18.1.1 arrayname"), std::string::npos) << log;
+}
+
 TEST_F(Program, StateOfAnotherVersionIsRefusedAndKept) {
     std::string old = "arraysim-state 0\nframe name=x\n";
     ASSERT_TRUE(write_file_atomic(dir_ + "/state", old));

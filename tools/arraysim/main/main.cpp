@@ -86,6 +86,12 @@ int main(int argc, char** argv) {
     if (slash != std::string::npos) name = name.substr(slash + 1);
     std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + argc);
     if (arraysim::is_tool_name(name)) return run_as_tool(name, args);
+    // "--state DIR" names the folder for whatever follows, a tool included,
+    // as the environment does; the tools themselves take no such option.
+    if (args.size() >= 2 && args[0] == "--state") {
+        setenv(arraysim::kStateEnv, args[1].c_str(), 1);
+        args.erase(args.begin(), args.begin() + 2);
+    }
     if (!args.empty() && arraysim::is_tool_name(args[0])) {
         std::string tool = args[0];
         args.erase(args.begin());
