@@ -204,7 +204,11 @@ public:
 
     // Deletes what the handle names from a fresh object, with the array
     // whole. A mirror whose snapshot cannot be deleted any more keeps its
-    // clones reserved until a snapshot of the same sources is deleted.
+    // clones reserved until a snapshot of the same sources is deleted. An
+    // advanced snapshot whose unmount met the fault stays attached (the host
+    // tool's answer is not read), and the array does not destroy an
+    // attached snapshot while the delete reports success: it is mounted and
+    // unmounted again from the handle, then deleted.
     void clean_up(SimArray& sim) {
         finish(m_prod);
         m_prod = nullptr;
@@ -222,6 +226,10 @@ public:
                 delete m_mh->deleteSnapshot();
             }
         }
+        if (m_tech == "KVT-SNAP" && !m_guid.empty() && leftovers(sim) != "" && from_handle() == 0 &&
+            take(m_mh->validate(nullptr)) == 0 && with_sources(&ISnapshot::mount) == 0 &&
+            with_sources(&ISnapshot::unmount) == 0)
+            delete m_mh->deleteSnapshot();
         finish(m_mh);
         m_mh = nullptr;
     }
@@ -462,11 +470,12 @@ TEST_P(FaultMatrix, EachFaultOnEachStep) {
             const Outcome& want = outcomes(tech.name)[step];
             ASSERT_STREQ(want.step, st.name);
             const bool fails = want.faults[f] == 'E';
-            // A failed COW snapshot stops every session it started.
+            ASSERT_EQ(sim.admin(fault.clear), 0);
+            // A failed COW snapshot stops every session it started (asked
+            // once the array answers again).
             if (fails && std::string(tech.name) == "COW" && step == 3) {
                 EXPECT_EQ(leftovers(sim), "");
             }
-            ASSERT_EQ(sim.admin(fault.clear), 0);
             EXPECT_EQ(code != 0, fails) << "code " << code << ": " << life->text();
             const int state = fails ? want.error_state : want.ok_state;
             if (state >= 0) {
